@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build needs when they are missing:
+#   android-liblog-dev  the platform's liblog, linked as on the device
+#   libmarisa-dev       the succinct-trie peer of the benchmarks
+#   iptables            the redirected-connection test of the socket helpers
+# Everything else (compilers, CMake, Ninja, GoogleTest, Google Benchmark,
+# OpenJDK) is part of the machine image.
+set -euo pipefail
+
+need=()
+dpkg -s android-liblog-dev >/dev/null 2>&1 || need+=(android-liblog-dev)
+dpkg -s libmarisa-dev >/dev/null 2>&1 || need+=(libmarisa-dev)
+command -v iptables >/dev/null 2>&1 || dpkg -s iptables >/dev/null 2>&1 || need+=(iptables)
+
+[ ${#need[@]} -eq 0 ] && exit 0
+
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null 2>&1 || { echo "bootstrap: need root to install: ${need[*]}" >&2; exit 1; }
+  sudo=sudo
+fi
+echo "bootstrap: installing ${need[*]}" >&2
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq >/dev/null
+$sudo apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null

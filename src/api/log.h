@@ -1,0 +1,47 @@
+// Logging through the Android log (liblog, the platform's own library on the
+// host too). Each layer logs under one fixed tag:
+//   kEngineTag    engine, mapping, builder, JSON validation (priorities 6, 7)
+//   kReportTag    assertion reports of the JSON reader and objects (6)
+//   kNativeTag    JNI entry points and socket helpers (3, 6)
+//   kJniHelpTag   native-method registration (7)
+// A format that ends in "%s" is given kLineEnd for it. liblog is thread-safe.
+#ifndef TPA_API_LOG_H_
+#define TPA_API_LOG_H_
+
+#include <android/log.h>
+
+#include "api/export.h"
+
+namespace tpa::log {
+
+inline constexpr char kEngineTag[] = "tarn_patteren_analyzer.so";
+inline constexpr char kReportTag[] = "TarnPatternAnalyzer";
+inline constexpr char kNativeTag[] = "tarnnwfilternativehandler";
+inline constexpr char kJniHelpTag[] = "JNIHelp";
+inline constexpr char kLineEnd[] = "\n";
+
+inline constexpr int kDebug = ANDROID_LOG_DEBUG;  // 3
+inline constexpr int kError = ANDROID_LOG_ERROR;  // 6
+inline constexpr int kFatal = ANDROID_LOG_FATAL;  // 7
+
+// The text after the last '/' of `path`, up to its last '.': the name under
+// which a source file signs its reports ("src/json/json.cc" -> "json").
+// Writes into `out` (at least `size` bytes) and returns it.
+const char* sourceName(const char* path, char* out, unsigned size);
+
+// Logs "[%s] [%d] [%s] Reason: [%s]" under kReportTag at error priority,
+// with the source file's name, a line number, the function and the reason.
+void report(const char* file, int line, const char* function, const char* reason);
+
+}  // namespace tpa::log
+
+// Contract report signed by the calling source file.
+#define TPA_REPORT(line, function, reason) ::tpa::log::report(__FILE__, line, function, reason)
+
+// Prints `format` with its arguments to standard output, exactly as given: no
+// prefix, tag or line end. The first two arguments are ignored. Returns what
+// vfprintf returned. Kept for the library's users; the library never calls it.
+extern "C" TPA_EXPORT int LOG_message(int priority, const char* tag, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+#endif  // TPA_API_LOG_H_

@@ -1,0 +1,249 @@
+#include "cidr/cidr.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace tpa::cidr {
+namespace {
+
+constexpr char kUnspecifiedIPv4[] = "0.0.0.0";
+constexpr char kUnspecifiedIPv6[] = "0000:0000:0000:0000:0000:0000:0000:0000";
+constexpr int kIPv4Bits = 32;
+constexpr int kIPv6Bits = 128;
+constexpr std::size_t kIPv6TextLength = 39;
+constexpr int kPaddedAddressLength = 15;
+constexpr int kPaddedNetworkLength = 18;
+
+bool isDigit(char c) { return c >= '0' && c <= '9'; }
+bool isLowerHex(char c) { return c >= 'a' && c <= 'f'; }
+
+// The four octets and the prefix of "a.b.c.d/p", each 0 until sscanf sets it.
+struct Dotted {
+  int part[5] = {0, 0, 0, 0, 0};
+  int count = 0;  // what sscanf returned
+
+  int prefix() const { return part[4]; }
+  bool octetsInRange() const {
+    return std::all_of(part, part + 4, [](int v) { return static_cast<unsigned>(v) <= 255u; });
+  }
+  std::uint32_t address() const {
+    return (static_cast<std::uint32_t>(part[0]) << 24) | (static_cast<std::uint32_t>(part[1]) << 16) |
+           (static_cast<std::uint32_t>(part[2]) << 8) | static_cast<std::uint32_t>(part[3]);
+  }
+};
+
+// One sscanf reads both the address and a prefix; its first four conversions
+// are exactly those of "%d.%d.%d.%d", so a count of 4 or 5 is what the plain
+// four-number scan would call success.
+Dotted scanDotted(const std::string& s) {
+  Dotted d;
+  d.count = std::sscanf(s.c_str(), "%d.%d.%d.%d/%d", &d.part[0], &d.part[1], &d.part[2],
+                        &d.part[3], &d.part[4]);
+  return d;
+}
+
+// The dotted-quad test; the scan is left in d for callers that use the numbers.
+bool scanDottedQuad(const std::string& s, Dotted& d) {
+  if (s.empty() || !isDigit(s[0])) return false;
+  d = scanDotted(s);
+  return d.count >= 4 && d.octetsInRange();
+}
+
+// inet_pton(AF_INET6) over the text [begin, begin + length), which need not be
+// NUL-terminated. Short texts (every valid one) are copied to the stack.
+bool parseIPv6(const char* begin, std::size_t length, in6_addr* addr) {
+  char buffer[64];
+  if (length < sizeof buffer) {
+    std::memcpy(buffer, begin, length);
+    buffer[length] = '\0';
+    return inet_pton(AF_INET6, buffer, addr) == 1;
+  }
+  const std::string copy(begin, length);
+  return inet_pton(AF_INET6, copy.c_str(), addr) == 1;
+}
+
+bool parseIPv6(const std::string& s, in6_addr* addr) {
+  return inet_pton(AF_INET6, s.c_str(), addr) == 1;
+}
+
+void appendBits(std::string& out, std::uint32_t value, int bits) {
+  for (int i = bits - 1; i >= 0; --i) out.push_back(((value >> i) & 1u) ? '1' : '0');
+}
+
+void writeIPv6Bits(std::string& out, const in6_addr& addr) {
+  out.clear();
+  out.reserve(kIPv6Bits);
+  for (unsigned char byte : addr.s6_addr) appendBits(out, byte, 8);
+}
+
+void writeIPv6Text(std::string& out, const in6_addr& addr) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  out.resize(kIPv6TextLength);
+  std::size_t at = 0;
+  for (int i = 0; i < 16; ++i) {
+    if (i > 0 && i % 2 == 0) out[at++] = ':';
+    out[at++] = kHex[addr.s6_addr[i] >> 4];
+    out[at++] = kHex[addr.s6_addr[i] & 0xf];
+  }
+}
+
+// The first min(limit, count) characters of bits; a negative count keeps none.
+std::string leadingBits(const std::string& bits, int count, int limit) {
+  return bits.substr(0, static_cast<std::size_t>(std::max(0, std::min(limit, count))));
+}
+
+std::string ipv4NetworkID(const std::string& s, const Dotted& d) {
+  const int p = d.prefix();
+  if (p == 0 || p == kIPv4Bits) return s.substr(0, s.find('/'));
+  const int maskBits = p % kIPv4Bits;  // negative for a negative prefix: no bits kept
+  const std::uint32_t mask = maskBits > 0 ? ~std::uint32_t{0} << (kIPv4Bits - maskBits) : 0;
+  std::string bits;
+  bits.reserve(kIPv4Bits);
+  appendBits(bits, d.address() & mask, kIPv4Bits);
+  return leadingBits(bits, p, kIPv4Bits);
+}
+
+void clearBitsPast(in6_addr& addr, int keep) {
+  for (int i = 0; i < 16; ++i) {
+    const long long kept = std::clamp(static_cast<long long>(keep) - 8 * i, 0LL, 8LL);
+    addr.s6_addr[i] &= static_cast<std::uint8_t>(0xff00u >> kept);
+  }
+}
+
+std::string ipv6NetworkID(const std::string& s) {
+  const std::size_t slash = s.find('/');
+  if (slash == std::string::npos) return std::string();
+  const int p = std::stoi(s.substr(slash + 1), nullptr, 10);  // throws on non-numeric text
+  if (p == 0 || p == kIPv6Bits) return s.substr(0, slash);
+  in6_addr addr;
+  if (!parseIPv6(s.data(), slash, &addr)) return std::string();
+  clearBitsPast(addr, p);
+  return leadingBits(ipv6toBinary(&addr), p, kIPv6Bits);
+}
+
+}  // namespace
+
+bool isIPv4Address(const std::string& s) {
+  Dotted d;
+  return scanDottedQuad(s, d);
+}
+
+bool isIPv6Address(const std::string& s) {
+  in6_addr addr;
+  return parseIPv6(s, &addr);
+}
+
+bool isIPAddress(const std::string& s) { return isIPv4Address(s) || isIPv6Address(s); }
+
+bool isUnspecifiedIPAddress(const std::string& s, std::string& out) {
+  in_addr v4;
+  if (inet_pton(AF_INET, s.c_str(), &v4) == 1) {
+    out = kUnspecifiedIPv4;
+    return v4.s_addr == 0;
+  }
+  in6_addr v6;
+  if (!parseIPv6(s, &v6)) return false;
+  out = kUnspecifiedIPv6;
+  return std::all_of(std::begin(v6.s6_addr), std::end(v6.s6_addr),
+                     [](unsigned char b) { return b == 0; });
+}
+
+int isCidrIpAddress(const std::string& s) {
+  const std::size_t slash = s.find('/');
+  if (s.empty() || slash == std::string::npos) return 0;
+  if (!isDigit(s[0]) && !isLowerHex(s[0]) && s.find(':') == std::string::npos) return 0;
+  const Dotted d = scanDotted(s);
+  if (d.count == 5 && d.octetsInRange() && static_cast<unsigned>(d.prefix()) <= 32u) return 4;
+  // The prefix text must have a first character: a trailing '/' throws
+  // std::out_of_range here, and callers leave that unhandled.
+  if (!isDigit(s.at(slash + 1))) return 0;
+  if (static_cast<unsigned>(std::atoi(s.c_str() + slash + 1)) > 128u) return 0;
+  in6_addr addr;
+  return parseIPv6(s.data(), slash, &addr) ? 6 : 0;
+}
+
+// The padded forms keep the first 18 (with prefix) or 15 characters of the
+// formatted text: what fits a 19- or 16-byte buffer with its terminator.
+void expandIpv4AddrInto(std::string& out, const std::string& s) {
+  Dotted d = scanDotted(s);
+  char buffer[64];  // room for five ints of any width, so nothing truncates here
+  int length = 0;
+  if (d.count == 5) {
+    d.part[4] = std::min(d.part[4], kIPv4Bits);
+    length = std::snprintf(buffer, sizeof buffer, "%03d.%03d.%03d.%03d/%02d", d.part[0],
+                           d.part[1], d.part[2], d.part[3], d.part[4]);
+    out.assign(buffer, static_cast<std::size_t>(std::min(length, kPaddedNetworkLength)));
+  } else if (d.count == 4) {
+    length = std::snprintf(buffer, sizeof buffer, "%03d.%03d.%03d.%03d", d.part[0], d.part[1],
+                           d.part[2], d.part[3]);
+    out.assign(buffer, static_cast<std::size_t>(std::min(length, kPaddedAddressLength)));
+  } else if (&out != &s) {
+    out = s;
+  }
+}
+
+std::string expandIpv4Addr(const std::string& s) {
+  std::string out;
+  expandIpv4AddrInto(out, s);
+  return out;
+}
+
+bool expandIPv6Into(std::string& out, const std::string& s) {
+  in6_addr addr;
+  if (!parseIPv6(s, &addr)) {
+    if (&out != &s) out = s;
+    return false;
+  }
+  writeIPv6Text(out, addr);
+  return true;
+}
+
+std::string expandIPv6(const std::string& s) {
+  std::string out;
+  expandIPv6Into(out, s);
+  return out;
+}
+
+std::string ipv6toBinary(const in6_addr* addr) {
+  std::string out;
+  writeIPv6Bits(out, *addr);
+  return out;
+}
+
+void convertToBinaryIPAddressInto(std::string& out, const std::string& s) {
+  Dotted d;
+  if (scanDottedQuad(s, d)) {
+    out.clear();
+    appendBits(out, d.address(), kIPv4Bits);
+    return;
+  }
+  in6_addr addr;
+  if (parseIPv6(s, &addr)) {
+    writeIPv6Bits(out, addr);
+  } else {
+    out.clear();
+  }
+}
+
+std::string convertToBinaryIPAddress(const std::string& s) {
+  std::string out;
+  convertToBinaryIPAddressInto(out, s);
+  return out;
+}
+
+std::string extractNetworkID(const std::string& s) {
+  Dotted d;
+  std::string r = scanDottedQuad(s, d) ? ipv4NetworkID(s, d) : ipv6NetworkID(s);
+  // Only the text of a /0 or full-length IPv6 network is IPv6 text here; bit
+  // strings and IPv4 text pass through unchanged.
+  if (s.find('/') != std::string::npos && r.find('/') == std::string::npos) expandIPv6Into(r, r);
+  return r;
+}
+
+}  // namespace tpa::cidr

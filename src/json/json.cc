@@ -1,0 +1,196 @@
+#include "json/json.h"
+
+#include <cstdint>
+#include <new>
+
+#include "api/constants.h"
+#include "api/log.h"
+
+namespace tpa::json_config {
+namespace {
+
+// What parse() returns for a stream that is not open or cannot be read.
+constexpr int kUnreadable = -1;
+
+// The text's length cut to 32 bits, as the reader counts positions in int.
+std::int32_t length32(const std::string& text) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(text.size()));
+}
+
+}  // namespace
+
+json::json()
+    : braces_count(0),
+      brackets_count(0),
+      quote_pos(0),
+      colon_count(0),
+      colon_pos(0),
+      quote_count(0),
+      comma_count(0),
+      square_level(0),
+      curly_level(0),
+      listener(nullptr) {}
+
+int json::parse(std::ifstream& stream, JsonEventListener* listener) {
+  if (!stream.is_open()) {
+    TPA_REPORT(68, "parse", "json file to parse must be present");
+    return kUnreadable;
+  }
+  // Opened at its end, the stream's position is its size. A stream already
+  // in error reports -1 here; it is refused rather than sized.
+  const std::streamoff size = stream.tellg();
+  if (size < 0) return kUnreadable;
+  std::string text;
+  try {
+    text.assign(static_cast<std::size_t>(size), '\0');
+  } catch (const std::exception&) {  // too large to hold: length or allocation error
+    return kUnreadable;
+  }
+  stream.seekg(0, std::ios::beg);
+  stream.read(text.data(), static_cast<std::streamsize>(size));
+  if (stream.fail() || stream.bad()) return kUnreadable;
+  return parse_json_str(text, listener);
+}
+
+int json::parse_json_str(const std::string& text, JsonEventListener* listener) {
+  if (text.empty()) return error::TPA_ERROR_ARRAY_OUT_OF_INDEX;
+  try {
+    json_str = text;
+    this->listener = listener;
+    const int built = automaton(text);
+    if (built != error::TPA_ERROR_NONE) return built;
+    traverse(text);
+  } catch (const std::bad_alloc&) {
+    // A document can ask for more copies of its objects than memory holds.
+    return error::TPA_ERROR_OOM;
+  }
+  const int balanced = validate();
+  if (balanced != error::TPA_ERROR_NONE) return balanced;
+  std::string().swap(json_str);
+  // The dictionary has served the scan; free it rather than keep it.
+  dict.reset();
+  return error::TPA_ERROR_NONE;
+}
+
+int json::automaton(const std::string& text) {
+  dict = std::make_unique<dawg>(length32(text));
+  const int constructed = dict->construct();
+  if (constructed != error::TPA_ERROR_NONE) return constructed;
+  return dict->insert(text);
+}
+
+void json::traverse(const std::string& text) {
+  const std::int32_t n = length32(text);
+  int walk = 0;  // the dictionary state of the longest suffix read so far
+  for (std::int32_t i = 0; i < n; ++i) {
+    const char c = text[i];
+    // The listener may replace the dictionary while the scan runs.
+    const dawg* d = dict.get();
+    if (d) {
+      while (walk > 0 && d->step(walk, c) < 0) walk = d->suffix_link(walk);
+    }
+    switch (c) {
+      case '{': on_open_curly_brace(i); break;
+      case '}': on_close_curly_brace(i); break;
+      case '[': on_open_square_bracket(i); break;
+      case ']': on_close_square_bracket(i); break;
+      case '"': on_quotes(i); break;
+      case ':': on_colon(i); break;
+      case ',': on_comma(i); break;
+      default: break;
+    }
+    d = dict.get();
+    // Over its own text every step exists; over any other, restart at the root.
+    const int next = d ? d->step(walk, c) : -1;
+    walk = next < 0 ? 0 : next;
+  }
+}
+
+int json::validate() {
+  if (braces_count != 0) {
+    __android_log_print(log::kError, log::kEngineTag, "[ERROR] [JSON] braces count must be 0%s",
+                        log::kLineEnd);
+    return error::TPA_ERROR_JSON_PARSE_MISMATCH;
+  }
+  if (brackets_count != 0) {
+    __android_log_print(log::kError, log::kEngineTag, "[ERROR] [JSON] brackets count must be 0%s",
+                        log::kLineEnd);
+    return error::TPA_ERROR_JSON_PARSE_MISMATCH;
+  }
+  return error::TPA_ERROR_NONE;
+}
+
+void json::on_open_curly_brace(int) {
+  ++braces_count;
+  ++curly_level;
+  curr_object.clear();
+}
+
+void json::on_close_curly_brace(int index) {
+  if (quote_count == 0 && colon_count != 0) {
+    extract_value(index, colon_pos);
+    colon_count = 0;
+  }
+  --braces_count;
+  --curly_level;
+  objects.push(curr_object);
+}
+
+void json::on_open_square_bracket(int) {
+  ++brackets_count;
+  ++square_level;
+}
+
+void json::on_close_square_bracket(int) {
+  const bool outermost = square_level == 1;
+  --brackets_count;
+  --square_level;
+  if (outermost) announce();
+}
+
+void json::on_quotes(int index) {
+  if (++quote_count == 2) {
+    extract_value(index, quote_pos);
+    quote_count = 0;
+    colon_count = 0;
+  }
+  quote_pos = index;
+}
+
+void json::on_colon(int index) {
+  ++colon_count;
+  colon_pos = index;
+}
+
+void json::on_comma(int index) {
+  ++comma_count;
+  if (quote_count == 0 && colon_count != 0) {
+    extract_value(index, colon_pos);
+    colon_count = 0;
+  }
+  if (square_level == 1) curr_object.next();
+}
+
+void json::announce() {
+  if (listener) listener->didParseJson(&objects);
+}
+
+void json::extract_value(int end, int start) {
+  const std::int64_t from = std::int64_t{start} + 1;
+  // Within one scan `start` is an earlier delimiter than `end`, so this holds;
+  // a reader reused for a shorter text, or a direct call, may break it.
+  if (from < 0 || from > static_cast<std::int64_t>(json_str.size())) return;
+  const std::int64_t length = std::int64_t{end} - start - 1;
+  // A negative length reads to the end of the text, like an unsigned count.
+  std::string value = length < 0 ? json_str.substr(static_cast<std::size_t>(from))
+                                 : json_str.substr(static_cast<std::size_t>(from),
+                                                   static_cast<std::size_t>(length));
+  if (value == "[]") value.clear();
+  if (curr_object.get_curr_key().empty()) {
+    curr_object.set_key(value);
+  } else {
+    curr_object.set_val(value);
+  }
+}
+
+}  // namespace tpa::json_config

@@ -23,8 +23,7 @@ TEST(Transform, FramesApplications) {
       {tpa::sigma::sentinel::LAMBDA_STRING, "##LAMBDA-APP$"},
       {"", "#$"},
       {"a#b$c", "#a#b$c$"},
-      {" padded ", "# padded $"},
-  };
+      {" padded ", "# padded $"}};
   for (const auto& [app, key] : cases) EXPECT_EQ(key, tansformApp(app)) << app;
 }
 
@@ -35,18 +34,16 @@ TEST(Transform, FramesDomainsWithRuleNumberAndListFlag) {
     std::uint8_t flag;
     std::string key;
   };
-  const std::vector<Case> cases = {
-      {"cdn.shop.test", 3, 1, "#cdn.shop.test$31"},
-      {"cdn.shop.test", 3, 0, "#cdn.shop.test$30"},
-      {"*.shop.test", 12, 1, "#*.shop.test$121"},
-      {"cdn.shop.test", 0, 1, "#cdn.shop.test$01"},
-      {"x", -5, 2, "#x$-50"},
-      {"", 0, 0, "#$00"},
-      {"d", 7, 255, "#d$70"},
-      {"d", INT_MAX, 1, "#d$21474836471"},
-      {"d", INT_MIN, 1, "#d$-21474836481"},
-      {"a$1#", 1, 1, "#a$1#$11"},
-  };
+  const std::vector<Case> cases = {{"cdn.shop.test", 3, 1, "#cdn.shop.test$31"},
+                                   {"cdn.shop.test", 3, 0, "#cdn.shop.test$30"},
+                                   {"*.shop.test", 12, 1, "#*.shop.test$121"},
+                                   {"cdn.shop.test", 0, 1, "#cdn.shop.test$01"},
+                                   {"x", -5, 2, "#x$-50"},
+                                   {"", 0, 0, "#$00"},
+                                   {"d", 7, 255, "#d$70"},
+                                   {"d", INT_MAX, 1, "#d$21474836471"},
+                                   {"d", INT_MIN, 1, "#d$-21474836481"},
+                                   {"a$1#", 1, 1, "#a$1#$11"}};
   for (const auto& c : cases) EXPECT_EQ(c.key, transformDomain(c.domain, c.rule, c.flag)) << c.key;
 }
 

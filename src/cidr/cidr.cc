@@ -33,7 +33,8 @@ struct Dotted {
     return std::all_of(part, part + 4, [](int v) { return static_cast<unsigned>(v) <= 255u; });
   }
   std::uint32_t address() const {
-    return (static_cast<std::uint32_t>(part[0]) << 24) | (static_cast<std::uint32_t>(part[1]) << 16) |
+    return (static_cast<std::uint32_t>(part[0]) << 24) |
+           (static_cast<std::uint32_t>(part[1]) << 16) |
            (static_cast<std::uint32_t>(part[2]) << 8) | static_cast<std::uint32_t>(part[3]);
   }
 };
@@ -43,8 +44,8 @@ struct Dotted {
 // four-number scan would call success.
 Dotted scanDotted(const std::string& s) {
   Dotted d;
-  d.count = std::sscanf(s.c_str(), "%d.%d.%d.%d/%d", &d.part[0], &d.part[1], &d.part[2],
-                        &d.part[3], &d.part[4]);
+  d.count = std::sscanf(s.c_str(), "%d.%d.%d.%d/%d", &d.part[0], &d.part[1], &d.part[2], &d.part[3],
+                        &d.part[4]);
   return d;
 }
 
@@ -176,8 +177,8 @@ void expandIpv4AddrInto(std::string& out, const std::string& s) {
   int length = 0;
   if (d.count == 5) {
     d.part[4] = std::min(d.part[4], kIPv4Bits);
-    length = std::snprintf(buffer, sizeof buffer, "%03d.%03d.%03d.%03d/%02d", d.part[0],
-                           d.part[1], d.part[2], d.part[3], d.part[4]);
+    length = std::snprintf(buffer, sizeof buffer, "%03d.%03d.%03d.%03d/%02d", d.part[0], d.part[1],
+                           d.part[2], d.part[3], d.part[4]);
     out.assign(buffer, static_cast<std::size_t>(std::min(length, kPaddedNetworkLength)));
   } else if (d.count == 4) {
     length = std::snprintf(buffer, sizeof buffer, "%03d.%03d.%03d.%03d", d.part[0], d.part[1],

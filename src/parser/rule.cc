@@ -1,0 +1,123 @@
+#include "parser/rule.h"
+
+#include <climits>
+#include <cstdlib>
+
+#include "api/constants.h"
+#include "cidr/cidr.h"
+
+namespace tpa::parser {
+namespace {
+
+constexpr char kAppsKey[] = "match_apps";
+constexpr char kIncludeKey[] = "include";
+constexpr char kExcludeKey[] = "exclude";
+constexpr char kIdKey[] = "id";
+constexpr char kAnyDestination[] = "*";
+constexpr char kNoDestination[] = "";
+constexpr int kDefaultId = INT_MAX;
+constexpr int kSentinelSymbols = 2;
+constexpr int kIPv4KeyLength = 32;
+constexpr int kIPv6KeyLength = 128;
+
+// A network is stored as its bit string, so it counts at the full address
+// width whatever its prefix.
+int keyLength(const std::string& destination) {
+  switch (cidr::isCidrIpAddress(destination)) {
+    case 4:
+      return kIPv4KeyLength;
+    case 6:
+      return kIPv6KeyLength;
+    default:
+      return static_cast<int>(destination.size());
+  }
+}
+
+// An explicitly empty list is replaced by the default, a non-empty one is
+// sanitised.
+void readDestinations(const std::vector<std::string>& values, const char* fallback,
+                      std::vector<std::string>& list) {
+  if (values.empty()) {
+    list.emplace_back(fallback);
+    return;
+  }
+  list = values;
+  sanitize(list);
+}
+
+void readProperty(const std::string& key, const std::vector<std::string>& values, Rule& rule) {
+  if (key == kAppsKey) {
+    rule.apps = values;
+  } else if (key == kIncludeKey) {
+    readDestinations(values, kAnyDestination, rule.includeList);
+  } else if (key == kExcludeKey) {
+    readDestinations(values, kNoDestination, rule.excludeList);
+  } else if (key == kIdKey && !values.empty()) {  // an empty "id" counts as absent
+    rule.id = std::atoi(values.front().c_str());
+  }
+}
+
+}  // namespace
+
+Rule::Rule(const json_config::json_object& object, int numberDigits)
+    : id(kDefaultId),
+      appSymbolTotal(0),
+      includeSymbolTotal(0),
+      excludeSymbolTotal(0),
+      numberDigits(numberDigits) {
+  for (const auto& [key, values] : object.properties) readProperty(key, values, *this);
+  if (apps.empty()) apps.emplace_back(sigma::sentinel::LAMBDA_STRING);
+  if (includeList.empty()) includeList.emplace_back(kAnyDestination);
+  if (excludeList.empty()) excludeList.emplace_back(kNoDestination);
+  appSymbolTotal = appSymbolCount(true);
+  includeSymbolTotal = includeListSymbolCount(true);
+  excludeSymbolTotal = excludeListSymbolCount(true);
+}
+
+void Rule::clear() {
+  apps.clear();
+  includeList.clear();
+  excludeList.clear();
+}
+
+int Rule::appSymbolCount(bool withSentinels) const {
+  int total = 0;
+  for (const auto& app : apps) {
+    total += static_cast<int>(app.size()) + (withSentinels ? kSentinelSymbols : 0);
+  }
+  return total;
+}
+
+int Rule::includeListSymbolCount(bool withSentinels) const {
+  return domainSymbolCount(withSentinels, numberDigits, includeList);
+}
+
+int Rule::excludeListSymbolCount(bool withSentinels) const {
+  return domainSymbolCount(withSentinels, numberDigits, excludeList);
+}
+
+int Rule::domainSymbolCount(bool withSentinels, int extra,
+                            const std::vector<std::string>& list) const {
+  int total = 0;
+  for (const auto& destination : list) {
+    total += extra + keyLength(destination) + (withSentinels ? kSentinelSymbols : 0);
+  }
+  return total;
+}
+
+void sanitize(std::vector<std::string>& list) {
+  std::string unspecified;
+  for (auto& s : list) {
+    if (cidr::isIPv4Address(s)) {
+      cidr::expandIpv4AddrInto(s, s);
+    } else if (cidr::isIPv6Address(s)) {
+      cidr::expandIPv6Into(s, s);
+    } else if (cidr::isUnspecifiedIPAddress(s, unspecified)) {
+      s = unspecified;
+    } else if (cidr::isCidrIpAddress(s) != 0) {
+      s = cidr::extractNetworkID(s);
+    }
+  }
+}
+
+}  // namespace tpa::parser

@@ -1,0 +1,130 @@
+#include "api/analyzer.h"
+
+#include <android/log.h>
+
+#include <mutex>
+#include <utility>
+
+#include "api/constants.h"
+#include "api/log.h"
+#include "mapper/decision.h"
+#include "mapper/map.h"
+#include "parser/json_parser.h"
+#include "parser/rule.h"
+
+namespace tpa::api {
+
+namespace {
+
+// Query caches hold this many results per machine.
+constexpr int kCacheCapacity = 100;
+
+// Rules without applications, or naming only the any-application entry, are
+// the fallback of every query and all share rule number 0. Every other rule is
+// numbered by its 1-based position in the document.
+int ruleNumberOf(const parser::Rule& rule, int ordinal) {
+  if (rule.apps.empty()) return mapper::TPA_RULE_NUMBER_ZERO;
+  if (rule.apps.size() == 1 && rule.apps.front() == sigma::sentinel::LAMBDA_STRING) {
+    return mapper::TPA_RULE_NUMBER_ZERO;
+  }
+  return ordinal;
+}
+
+}  // namespace
+
+Builder::Builder() = default;
+
+Builder::~Builder() = default;
+
+Builder& Builder::operator=(Builder& other) {
+  if (&other != this) map = std::move(other.map);
+  return *this;
+}
+
+int Builder::build(const std::string& source, bool fromFile) {
+  parser::JsonParser parser;
+  int result = parser.parse(source, fromFile);
+  if (result != error::TPA_ERROR_NONE) {
+    __android_log_print(log::kError, log::kEngineTag, "[BUILDER] parse json failed : [%d]\n",
+                        result);
+    return result;
+  }
+  auto fresh = std::make_unique<mapper::Map>(kCacheCapacity);
+  result = fresh->construct(parser.grossAppBytesCount(), parser.grossIncludeBytesCount(),
+                            parser.grossExcludeBytesCount());
+  if (result != error::TPA_ERROR_NONE) return result;
+
+  int ordinal = 0;
+  for (parser::Rule& rule : parser.getRules()) {
+    ++ordinal;
+    result = fresh->put(ruleNumberOf(rule, ordinal), rule.apps, rule.includeList,
+                        rule.excludeList, rule.id);
+    if (result != error::TPA_ERROR_NONE) return result;
+    // Free each rule's strings as soon as the map holds them, so that a large
+    // document is never held twice in memory.
+    rule.clear();
+  }
+  map = std::move(fresh);
+  parser.clear();
+  return error::TPA_ERROR_NONE;
+}
+
+int Builder::query(const std::string& app, const std::string& destination, int& value) const {
+  return query(app, destination, value, nullptr);
+}
+
+int Builder::query(const std::string& app, const std::string& destination, int& value,
+                   mapper::QueryTrace* trace) const {
+  if (!map) return mapper::TPA_DECISION_EXCLUDE;
+  mapper::Decision decision = map->get(app, destination, trace);
+  value = decision.value;
+  return decision.decision;
+}
+
+void Builder::clearCache() {
+  if (map) map->clearCache();
+}
+
+const mapper::Map* Builder::getMap() const { return map.get(); }
+
+TarnPatternAnalyzer::TarnPatternAnalyzer() = default;
+
+TarnPatternAnalyzer::~TarnPatternAnalyzer() = default;
+
+int TarnPatternAnalyzer::build(const std::string& source, bool fromFile) {
+  std::unique_lock<std::shared_mutex> lock(mutex);
+  builder.clearCache();
+  std::string copy = source;
+  // A path is never rewritten; only a JSON text may be degenerate.
+  if (!fromFile) validate(copy);
+  Builder fresh;
+  int result = fresh.build(copy, fromFile);
+  if (result == error::TPA_ERROR_NONE) builder = fresh;
+  return result;
+}
+
+int TarnPatternAnalyzer::validate(std::string& text) {
+  std::string copy = text;
+  if (copy.empty()) {
+    copy = "[]";
+  } else if (copy == "[]") {
+    copy = "[{}]";
+  }
+  if (copy != text) text = copy;
+  return error::TPA_ERROR_NONE;
+}
+
+int TarnPatternAnalyzer::query(const std::string& app, const std::string& destination,
+                               int& value) {
+  return query(app, destination, value, nullptr);
+}
+
+int TarnPatternAnalyzer::query(const std::string& app, const std::string& destination,
+                               int& value, mapper::QueryTrace* trace) {
+  std::unique_lock<std::shared_mutex> lock(mutex);
+  return builder.query(app, destination, value, trace);
+}
+
+const mapper::Map* TarnPatternAnalyzer::getMap() const { return builder.getMap(); }
+
+}  // namespace tpa::api

@@ -1,0 +1,92 @@
+// The public face of the analyzer. A Builder turns a rules document into a
+// compiled mapper::Map that it owns alone (moved, never copied) and answers
+// queries against it. A TarnPatternAnalyzer wraps one Builder behind a lock so
+// that rules can be rebuilt and queried from any thread: a rebuild is
+// all-or-nothing, and the old map answers until a new one is complete.
+// Builder is not thread-safe; TarnPatternAnalyzer's build and query are.
+#ifndef TPA_API_ANALYZER_H_
+#define TPA_API_ANALYZER_H_
+
+#include <memory>
+#include <shared_mutex>
+#include <string>
+
+#include "api/export.h"
+
+namespace tpa::mapper {
+class Map;
+struct QueryTrace;
+}  // namespace tpa::mapper
+
+namespace tpa::api {
+
+class TPA_EXPORT Builder {
+ public:
+  Builder();
+  ~Builder();
+  Builder(const Builder&) = delete;
+
+  // A move: takes other's map (other is left empty) and frees the one this
+  // builder held. Assigning a builder to itself does nothing.
+  Builder& operator=(Builder& other);
+
+  // Builds a new map from a rules document: the JSON text itself, or the path
+  // of a rules file when `fromFile` is true. Returns a tpa::error code; on
+  // failure the current map is kept.
+  [[nodiscard]] int build(const std::string& source, bool fromFile);
+
+  // The decision (mapper::TPA_DECISION_INCLUDE or _EXCLUDE) for an application
+  // and a destination; `value` receives the deciding rule's id (-1 when no rule
+  // matched). Without a map: exclude, and `value` is left untouched. `trace`,
+  // when given, records how the decision was reached.
+  [[nodiscard]] int query(const std::string& app, const std::string& destination,
+                          int& value) const;
+  [[nodiscard]] int query(const std::string& app, const std::string& destination,
+                          int& value, mapper::QueryTrace* trace) const;
+
+  // Empties the query caches of the current map, if there is one.
+  void clearCache();
+
+  // The current map, or null before the first successful build.
+  const mapper::Map* getMap() const;
+
+ private:
+  std::unique_ptr<mapper::Map> map;  // null until the first successful build
+};
+
+class TPA_EXPORT TarnPatternAnalyzer {
+ public:
+  TarnPatternAnalyzer();
+  ~TarnPatternAnalyzer();
+  TarnPatternAnalyzer(const TarnPatternAnalyzer&) = delete;
+  TarnPatternAnalyzer& operator=(const TarnPatternAnalyzer&) = delete;
+
+  // Rebuilds the rules under the lock. The current map's caches are emptied
+  // first; the new map replaces it only when the build succeeds. A JSON text
+  // (fromFile false) goes through validate first. Returns a tpa::error code.
+  [[nodiscard]] int build(const std::string& source, bool fromFile);
+
+  // Rewrites the two degenerate documents in place: "" becomes "[]", and "[]"
+  // becomes "[{}]" (one rule of defaults). Only one rewrite applies. Returns 0.
+  int validate(std::string& text);
+
+  // Builder::query under the lock.
+  [[nodiscard]] int query(const std::string& app, const std::string& destination,
+                          int& value);
+  [[nodiscard]] int query(const std::string& app, const std::string& destination,
+                          int& value, mapper::QueryTrace* trace);
+
+  // The current map, for inspection (sizes of the automata). Not locked: read
+  // it only while no other thread builds.
+  const mapper::Map* getMap() const;
+
+ private:
+  Builder builder;
+  // Taken exclusively by build and query alike: every query reorders and
+  // fills the map's caches, so no two may run at once.
+  std::shared_mutex mutex;
+};
+
+}  // namespace tpa::api
+
+#endif  // TPA_API_ANALYZER_H_

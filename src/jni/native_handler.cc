@@ -1,0 +1,92 @@
+#include "jni/native_handler.h"
+
+#include <android/log.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "api/analyzer.h"
+#include "api/constants.h"
+#include "api/log.h"
+
+namespace android {
+
+namespace {
+
+// The process-wide analyzer: null until configure, reset by jni_cleanup. A
+// second configure abandons the first analyzer without destroying it, since
+// another thread could still be inside it.
+std::unique_ptr<tpa::api::TarnPatternAnalyzer> analyzer;
+
+// The UTF-8 characters of a Java string, released when this goes out of scope.
+class Utf8Chars {
+ public:
+  Utf8Chars(JNIEnv* env, jstring string)
+      : env_(env), string_(string), chars_(env->GetStringUTFChars(string, nullptr)) {}
+  ~Utf8Chars() {
+    if (chars_ != nullptr) env_->ReleaseStringUTFChars(string_, chars_);
+  }
+  Utf8Chars(const Utf8Chars&) = delete;
+  Utf8Chars& operator=(const Utf8Chars&) = delete;
+
+  const char* get() const { return chars_; }
+
+ private:
+  JNIEnv* env_;
+  jstring string_;
+  const char* chars_;  // null when the JVM could not provide them
+};
+
+}  // namespace
+
+void com_velmora_android_tarn_app_networkfilter_native_configure(JNIEnv* env, jobject /*thiz*/,
+                                                                 jstring first, jstring second) {
+  __android_log_print(tpa::log::kDebug, tpa::log::kNativeTag,
+                      "com_velmora_android_tarn_app_networkfilter_native_configure: process Id is %d",
+                      getpid());
+  std::atexit(jni_cleanup);
+  // The two strings are fetched and released, but nothing reads them.
+  std::optional<Utf8Chars> firstChars;
+  std::optional<Utf8Chars> secondChars;
+  if (first != nullptr && second != nullptr) {
+    firstChars.emplace(env, first);
+    secondChars.emplace(env, second);
+  }
+  (void)analyzer.release();
+  analyzer = std::make_unique<tpa::api::TarnPatternAnalyzer>();
+}
+
+jint com_velmora_android_tarn_app_networkfilter_native_build(JNIEnv* env, jobject thiz,
+                                                             jstring rules) {
+  __android_log_print(tpa::log::kDebug, tpa::log::kNativeTag,
+                      "com_velmora_android_tarn_app_networkfilter_native_build: process Id is %d",
+                      getpid());
+  if (env == nullptr || thiz == nullptr || rules == nullptr || !analyzer) return -1;
+  Utf8Chars chars(env, rules);
+  if (chars.get() == nullptr) return -2;
+  std::string text(chars.get());
+  return analyzer->build(text, false);
+}
+
+jboolean com_velmora_android_tarn_app_networkfilter_native_query(JNIEnv* env, jobject thiz,
+                                                                 jstring app,
+                                                                 jstring destination) {
+  if (env == nullptr || thiz == nullptr || destination == nullptr || app == nullptr ||
+      !analyzer) {
+    return JNI_FALSE;
+  }
+  Utf8Chars appChars(env, app);
+  if (appChars.get() == nullptr) return JNI_FALSE;
+  Utf8Chars destinationChars(env, destination);
+  if (destinationChars.get() == nullptr) return JNI_FALSE;
+  int value = -1;
+  int decision = analyzer->query(appChars.get(), destinationChars.get(), value);
+  return decision == tpa::mapper::TPA_DECISION_INCLUDE ? JNI_TRUE : JNI_FALSE;
+}
+
+void jni_cleanup() { analyzer.reset(); }
+
+}  // namespace android

@@ -2,7 +2,8 @@
 # Installs the Debian packages the build needs when they are missing:
 #   android-liblog-dev  the platform's liblog, linked as on the device
 #   libmarisa-dev       the succinct-trie peer of the benchmarks
-#   iptables            the redirected-connection test of the socket helpers
+#   iptables, iproute2  the socket helpers' JVM tests: loopback up and a
+#                       redirected connection in a private network namespace
 # Everything else (compilers, CMake, Ninja, GoogleTest, Google Benchmark,
 # OpenJDK) is part of the machine image.
 set -euo pipefail
@@ -11,6 +12,7 @@ need=()
 dpkg -s android-liblog-dev >/dev/null 2>&1 || need+=(android-liblog-dev)
 dpkg -s libmarisa-dev >/dev/null 2>&1 || need+=(libmarisa-dev)
 command -v iptables >/dev/null 2>&1 || dpkg -s iptables >/dev/null 2>&1 || need+=(iptables)
+command -v ip >/dev/null 2>&1 || dpkg -s iproute2 >/dev/null 2>&1 || need+=(iproute2)
 
 [ ${#need[@]} -eq 0 ] && exit 0
 

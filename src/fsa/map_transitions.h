@@ -1,0 +1,58 @@
+// MapTransitions: the plain transition store, one node-based std::map per
+// state. Same interface as CompactTransitions; kept as the straightforward
+// reference that the compact store is checked and measured against.
+//
+// Cost model: a std::map header per allocated state (all made resident up
+// front) and one heap node per transition; O(log k) lookups. Owns its maps;
+// no internal synchronisation.
+#ifndef TPA_FSA_MAP_TRANSITIONS_H_
+#define TPA_FSA_MAP_TRANSITIONS_H_
+
+#include <cstdint>
+#include <map>
+#include <vector>
+
+namespace tpa::fsa {
+
+class MapTransitions {
+ public:
+  [[nodiscard]] bool allocate(int states) {
+    maps_.assign(static_cast<std::size_t>(states), {});
+    return true;
+  }
+
+  const std::int32_t* find(int state, unsigned char c) const {
+    const auto& map = maps_[static_cast<std::size_t>(state)];
+    auto it = map.find(c);
+    return it == map.end() ? nullptr : &it->second;
+  }
+  std::int32_t* find(int state, unsigned char c) {
+    auto& map = maps_[static_cast<std::size_t>(state)];
+    auto it = map.find(c);
+    return it == map.end() ? nullptr : &it->second;
+  }
+
+  void insert(int state, unsigned char c, std::int32_t target) {
+    maps_[static_cast<std::size_t>(state)].emplace(c, target);
+  }
+
+  void copy(int from, int to) {
+    maps_[static_cast<std::size_t>(to)] = maps_[static_cast<std::size_t>(from)];
+  }
+
+  int size(int state) const {
+    return static_cast<int>(maps_[static_cast<std::size_t>(state)].size());
+  }
+
+  template <typename F>
+  void forEach(int state, F f) const {
+    for (const auto& [label, target] : maps_[static_cast<std::size_t>(state)]) f(label, target);
+  }
+
+ private:
+  std::vector<std::map<unsigned char, std::int32_t>> maps_;  // one per allocated state
+};
+
+}  // namespace tpa::fsa
+
+#endif  // TPA_FSA_MAP_TRANSITIONS_H_

@@ -1,0 +1,113 @@
+// FSM: a keyed machine, one suffix automaton with an LRU cache in front of
+// it. Keys are (string, sub-key) pairs: the automaton stores and reads the
+// string, the cache files every answer under the whole pair, so full (kFullKey)
+// and partial (kPartialKey) answers for one string are kept apart.
+//
+// Owns its automaton and cache; both are absent until construct. Every answer
+// is cached, a non-match too, and stays cached across later puts. Not
+// thread-safe: lookups write to the cache, so callers serialise all access.
+#ifndef TPA_MACHINE_FSM_H_
+#define TPA_MACHINE_FSM_H_
+
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "api/constants.h"
+#include "fsa/suffix_automaton.h"
+#include "lru/lru.h"
+
+namespace tpa::machine {
+
+// The sentinel entry of every machine's cache.
+inline constexpr char kCacheSentinelKey[] = "def-key";
+
+template <typename Key, typename SubKey, typename Value, typename Length>
+class FSM {
+ public:
+  using KeyPair = std::pair<Key, SubKey>;
+  using StateValue = fsa::SAStateValue<Value>;
+  using Cached = std::pair<StateValue, Length>;
+  using Automaton = fsa::SuffixAutomaton<Value>;
+  using Cache = lru::LRU<Key, SubKey, Cached>;
+
+  FSM() = default;
+  FSM(const FSM&) = delete;
+  FSM& operator=(const FSM&) = delete;
+
+  // Replaces both parts: an automaton for a text of automatonLength
+  // characters and an empty cache of cacheCapacity entries.
+  void construct(int automatonLength, int cacheCapacity) {
+    automaton_.reset();
+    cache_.reset();
+    automaton_ = std::make_unique<Automaton>();
+    automaton_->construct(automatonLength);
+    cache_ = std::make_unique<Cache>(cacheCapacity);
+    cache_->construct(kCacheSentinelKey, SubKey{0},
+                      Cached(StateValue(0, fsa::SA_DEFAULT_USER_DEFINED_VALUE), 0));
+  }
+
+  // Appends key.first with userDefinedValue at its end; the sub-key plays no
+  // part and the cache is left alone. 0, -1 (missing parts or states), -2.
+  [[nodiscard]] int put(const KeyPair& key, Value userDefinedValue) {
+    if (!automaton_ || !cache_) return error::TPA_ERROR_OOM;
+    return automaton_->add(key.first, userDefinedValue);
+  }
+
+  // The full lookup of key.first, answered from the cache when it can be.
+  // 0 with out and matched set, or -1 (missing parts; outputs untouched).
+  [[nodiscard]] int findFull(const KeyPair& key, StateValue& out, Length& matched) {
+    return find(key, out, matched,
+                [this](const Key& k, StateValue& v) { return automaton_->tryFindFull(k, v); });
+  }
+
+  // The partial (wildcard) lookup of key.first, cached like findFull.
+  [[nodiscard]] int findPartial(const KeyPair& key, StateValue& out, Length& matched) {
+    return find(key, out, matched,
+                [this](const Key& k, StateValue& v) { return automaton_->tryFindPartial(k, v); });
+  }
+
+  // out = states in use other than the start state. 0, or -1.
+  [[nodiscard]] int size(int& out) const {
+    if (!automaton_ || !cache_) return error::TPA_ERROR_OOM;
+    out = automaton_->size();
+    return error::TPA_ERROR_NONE;
+  }
+
+  // Empties the cache's list as LRU::clear does; the automaton is untouched.
+  // 0, or -1 when there is no cache.
+  int clearCache() {
+    if (!cache_) return error::TPA_ERROR_OOM;
+    cache_->clear();
+    return error::TPA_ERROR_NONE;
+  }
+
+  // Read-only views for diagnostics and tests (null before construct).
+  const Automaton* automaton() const { return automaton_.get(); }
+  const Cache* cache() const { return cache_.get(); }
+
+ private:
+  template <typename Search>
+  int find(const KeyPair& key, StateValue& out, Length& matched, Search search) {
+    if (!automaton_ || !cache_) return error::TPA_ERROR_OOM;
+    Cached cached(StateValue(0, fsa::SA_DEFAULT_USER_DEFINED_VALUE), 0);
+    if (cache_->get(key, cached) == error::TPA_ERROR_NONE) {
+      out = cached.first;
+      matched = cached.second;
+      return error::TPA_ERROR_NONE;
+    }
+    matched = search(key.first, out);
+    return cache_->put(key, Cached(out, matched));
+  }
+
+  std::unique_ptr<Automaton> automaton_;  // null until construct
+  std::unique_ptr<Cache> cache_;          // null until construct; sentinels linked
+};
+
+// The machine the mapping layer uses.
+using KeyedMachine = FSM<std::string, int, int, int>;
+extern template class FSM<std::string, int, int, int>;
+
+}  // namespace tpa::machine
+
+#endif  // TPA_MACHINE_FSM_H_

@@ -202,6 +202,70 @@ TEST(Cidr, MatchesPlatformModelsOnRandomAddresses) {
   }
 }
 
+// The dotted forms written straight from their definition with sscanf and
+// snprintf, as a model for odd text (signs, blanks, long digit runs).
+bool modelIsIPv4(const std::string& s, unsigned v[4]) {
+  return !s.empty() && s[0] >= '0' && s[0] <= '9' &&
+         std::sscanf(s.c_str(), "%d.%d.%d.%d", reinterpret_cast<int*>(&v[0]),
+                     reinterpret_cast<int*>(&v[1]), reinterpret_cast<int*>(&v[2]),
+                     reinterpret_cast<int*>(&v[3])) == 4 &&
+         v[0] <= 255 && v[1] <= 255 && v[2] <= 255 && v[3] <= 255;
+}
+
+std::string modelExpandIpv4(const std::string& s) {
+  int v[5] = {0, 0, 0, 0, 0};
+  const int n = std::sscanf(s.c_str(), "%d.%d.%d.%d/%d", &v[0], &v[1], &v[2], &v[3], &v[4]);
+  if (n == 5) {
+    char buffer[19];
+    const int written = std::snprintf(buffer, sizeof buffer, "%03d.%03d.%03d.%03d/%02d", v[0], v[1],
+                                      v[2], v[3], v[4] > 32 ? 32 : v[4]);
+    return written < 0 ? "" : buffer;
+  }
+  if (n != 4) return s;
+  char buffer[16];
+  const int written =
+      std::snprintf(buffer, sizeof buffer, "%03d.%03d.%03d.%03d", v[0], v[1], v[2], v[3]);
+  return written < 0 ? "" : buffer;
+}
+
+// Near-addresses: numbers of every width joined mostly by dots, sometimes by
+// other characters, with signs, blanks, prefixes and trailing text.
+std::string randomDotted(std::mt19937& rng) {
+  const std::vector<std::string> numbers = {"0",   "7",          "10",          "255",
+                                            "256", "08",         "40",          "123456789",
+                                            "",    "1234567890", "99999999999", "4294967296"};
+  const std::vector<std::string> noise = {"-", "+", " ", "x", "/", ".", ":"};
+  const auto pick = [&rng](const std::vector<std::string>& from) {
+    return from[rng() % from.size()];
+  };
+  std::string s;
+  const int fields = 3 + static_cast<int>(rng() % 3);
+  for (int k = 0; k < fields; ++k) {
+    if (k > 0) s += rng() % 8 ? (k == 4 ? "/" : ".") : pick(noise);
+    if (rng() % 10 == 0) s += pick(noise);
+    s += pick(numbers);
+  }
+  if (rng() % 4 == 0) s += pick(noise) + pick(numbers);
+  return s;
+}
+
+TEST(Cidr, DottedFormsMatchSscanfModelOnRandomText) {
+  std::mt19937 rng(3);
+  int accepted = 0;
+  for (int i = 0; i < 20000; ++i) {
+    const std::string s = randomDotted(rng);
+    unsigned v[4] = {0, 0, 0, 0};
+    const bool v4 = modelIsIPv4(s, v);
+    accepted += v4;
+    ASSERT_EQ(v4, tpa::cidr::isIPv4Address(s)) << s;
+    ASSERT_EQ(modelExpandIpv4(s), expandIpv4Addr(s)) << s;
+    std::string bits;
+    for (int k = 0; v4 && k < 32; ++k) bits += ((v[k / 8] >> (7 - k % 8)) & 1) ? '1' : '0';
+    ASSERT_EQ(bits, convertToBinaryIPAddress(s)) << s;
+  }
+  EXPECT_GT(accepted, 500);  // the generator reaches the address forms
+}
+
 TEST(Cidr, IntoVariantsWriteTheSameBytesAndAllowAliasing) {
   const std::vector<std::string> inputs = {"10.1.2.3",    "10.0.0.0/8", "2001:db8::1",
                                            "example.com", "",           "::ffff:1.2.3.4",

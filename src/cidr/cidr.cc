@@ -26,7 +26,9 @@ bool isLowerHex(char c) { return c >= 'a' && c <= 'f'; }
 // The four octets and the prefix of "a.b.c.d/p", each 0 until sscanf sets it.
 struct Dotted {
   int part[5] = {0, 0, 0, 0, 0};
-  int count = 0;  // what sscanf returned
+  // What sscanf returned; 0 when the text cannot hold four numbers. Callers
+  // only tell 4 and 5 from everything else.
+  int count = 0;
 
   int prefix() const { return part[4]; }
   bool octetsInRange() const {
@@ -39,11 +41,43 @@ struct Dotted {
   }
 };
 
-// One sscanf reads both the address and a prefix; its first four conversions
-// are exactly those of "%d.%d.%d.%d", so a count of 4 or 5 is what the plain
-// four-number scan would call success.
+// sscanf can only convert four numbers past three dots (before any NUL, where
+// it stops). Skipping it otherwise keeps domain and IPv6 queries cheap.
+bool mayHoldFourNumbers(const std::string& s) {
+  const char* text = s.c_str();
+  int dots = 0;
+  for (const char* c = text; *c != '\0' && dots < 3; ++c) dots += (*c == '.');
+  return dots == 3;
+}
+
+// Reads the plain forms "a.b.c.d" and "a.b.c.d/p" (runs of at most nine
+// digits, nothing else up to the end of the C string), for which sscanf's
+// result is fully determined, without calling it. False defers to sscanf.
+bool scanPlainDotted(const char* c, Dotted& d) {
+  for (int k = 0; k < 5; ++k) {
+    int digits = 0;
+    int value = 0;
+    for (; isDigit(*c); ++c) {
+      if (++digits > 9) return false;
+      value = value * 10 + (*c - '0');
+    }
+    if (digits == 0) return false;
+    d.part[k] = value;
+    d.count = k + 1;
+    if (*c == '\0') return k >= 3;
+    if (k == 4 || *c != (k < 3 ? '.' : '/')) return false;
+    ++c;
+  }
+  return false;
+}
+
+// One scan reads both the address and a prefix; the first four conversions
+// of "%d.%d.%d.%d/%d" are exactly those of "%d.%d.%d.%d", so a count of 4 or
+// 5 is what the plain four-number scan would call success.
 Dotted scanDotted(const std::string& s) {
   Dotted d;
+  if (!mayHoldFourNumbers(s) || scanPlainDotted(s.c_str(), d)) return d;
+  d = Dotted();
   d.count = std::sscanf(s.c_str(), "%d.%d.%d.%d/%d", &d.part[0], &d.part[1], &d.part[2], &d.part[3],
                         &d.part[4]);
   return d;
@@ -73,14 +107,30 @@ bool parseIPv6(const std::string& s, in6_addr* addr) {
   return inet_pton(AF_INET6, s.c_str(), addr) == 1;
 }
 
-void appendBits(std::string& out, std::uint32_t value, int bits) {
-  for (int i = bits - 1; i >= 0; --i) out.push_back(((value >> i) & 1u) ? '1' : '0');
+// The eight bit characters of every byte value, most significant first.
+struct ByteBits {
+  char of[256][8];
+};
+constexpr ByteBits makeByteBits() {
+  ByteBits table{};
+  for (int v = 0; v < 256; ++v) {
+    for (int i = 0; i < 8; ++i) table.of[v][i] = static_cast<char>('0' + ((v >> (7 - i)) & 1));
+  }
+  return table;
+}
+constexpr ByteBits kByteBits = makeByteBits();
+
+void putByteBits(char* at, unsigned char byte) { std::memcpy(at, kByteBits.of[byte], 8); }
+
+void writeIPv4Bits(std::string& out, std::uint32_t value) {
+  out.resize(kIPv4Bits);
+  for (int i = 0; i < 4; ++i)
+    putByteBits(&out[8 * i], static_cast<unsigned char>(value >> (24 - 8 * i)));
 }
 
 void writeIPv6Bits(std::string& out, const in6_addr& addr) {
-  out.clear();
-  out.reserve(kIPv6Bits);
-  for (unsigned char byte : addr.s6_addr) appendBits(out, byte, 8);
+  out.resize(kIPv6Bits);
+  for (int i = 0; i < 16; ++i) putByteBits(&out[8 * i], addr.s6_addr[i]);
 }
 
 void writeIPv6Text(std::string& out, const in6_addr& addr) {
@@ -105,8 +155,7 @@ std::string ipv4NetworkID(const std::string& s, const Dotted& d) {
   const int maskBits = p % kIPv4Bits;  // negative for a negative prefix: no bits kept
   const std::uint32_t mask = maskBits > 0 ? ~std::uint32_t{0} << (kIPv4Bits - maskBits) : 0;
   std::string bits;
-  bits.reserve(kIPv4Bits);
-  appendBits(bits, d.address() & mask, kIPv4Bits);
+  writeIPv4Bits(bits, d.address() & mask);
   return leadingBits(bits, p, kIPv4Bits);
 }
 
@@ -169,24 +218,51 @@ int isCidrIpAddress(const std::string& s) {
   return parseIPv6(s.data(), slash, &addr) ? 6 : 0;
 }
 
+// "%0<width>d" of a non-negative value, written at `at`; returns the end.
+char* putPadded(char* at, int value, int width) {
+  char digits[10];
+  int n = 0;
+  do {
+    digits[n++] = static_cast<char>('0' + value % 10);
+    value /= 10;
+  } while (value > 0);
+  for (int i = n; i < width; ++i) *at++ = '0';
+  while (n > 0) *at++ = digits[--n];
+  return at;
+}
+
+// "%03d.%03d.%03d.%03d" and, with a prefix, "/%02d" into buffer (room for
+// five ints of any width); returns the length. snprintf only for negatives.
+int formatPadded(char* buffer, std::size_t size, const Dotted& d, bool withPrefix) {
+  const int parts = withPrefix ? 5 : 4;
+  if (std::any_of(d.part, d.part + parts, [](int v) { return v < 0; })) {
+    return withPrefix ? std::snprintf(buffer, size, "%03d.%03d.%03d.%03d/%02d", d.part[0],
+                                      d.part[1], d.part[2], d.part[3], d.part[4])
+                      : std::snprintf(buffer, size, "%03d.%03d.%03d.%03d", d.part[0], d.part[1],
+                                      d.part[2], d.part[3]);
+  }
+  char* at = buffer;
+  for (int k = 0; k < parts; ++k) {
+    if (k > 0) *at++ = k < 4 ? '.' : '/';
+    at = putPadded(at, d.part[k], k < 4 ? 3 : 2);
+  }
+  return static_cast<int>(at - buffer);
+}
+
 // The padded forms keep the first 18 (with prefix) or 15 characters of the
 // formatted text: what fits a 19- or 16-byte buffer with its terminator.
 void expandIpv4AddrInto(std::string& out, const std::string& s) {
   Dotted d = scanDotted(s);
-  char buffer[64];  // room for five ints of any width, so nothing truncates here
-  int length = 0;
-  if (d.count == 5) {
-    d.part[4] = std::min(d.part[4], kIPv4Bits);
-    length = std::snprintf(buffer, sizeof buffer, "%03d.%03d.%03d.%03d/%02d", d.part[0], d.part[1],
-                           d.part[2], d.part[3], d.part[4]);
-    out.assign(buffer, static_cast<std::size_t>(std::min(length, kPaddedNetworkLength)));
-  } else if (d.count == 4) {
-    length = std::snprintf(buffer, sizeof buffer, "%03d.%03d.%03d.%03d", d.part[0], d.part[1],
-                           d.part[2], d.part[3]);
-    out.assign(buffer, static_cast<std::size_t>(std::min(length, kPaddedAddressLength)));
-  } else if (&out != &s) {
-    out = s;
+  if (d.count != 4 && d.count != 5) {
+    if (&out != &s) out = s;
+    return;
   }
+  const bool withPrefix = d.count == 5;
+  if (withPrefix) d.part[4] = std::min(d.part[4], kIPv4Bits);
+  char buffer[64];
+  const int length = formatPadded(buffer, sizeof buffer, d, withPrefix);
+  const int kept = withPrefix ? kPaddedNetworkLength : kPaddedAddressLength;
+  out.assign(buffer, static_cast<std::size_t>(std::min(length, kept)));
 }
 
 std::string expandIpv4Addr(const std::string& s) {
@@ -220,8 +296,7 @@ std::string ipv6toBinary(const in6_addr* addr) {
 void convertToBinaryIPAddressInto(std::string& out, const std::string& s) {
   Dotted d;
   if (scanDottedQuad(s, d)) {
-    out.clear();
-    appendBits(out, d.address(), kIPv4Bits);
+    writeIPv4Bits(out, d.address());
     return;
   }
   in6_addr addr;

@@ -203,7 +203,7 @@ TEST(Cidr, MatchesPlatformModelsOnRandomAddresses) {
 }
 
 // The dotted forms written the plain way, with one sscanf and one snprintf,
-// snprintf, as a model for odd text (signs, blanks, long digit runs).
+// as a model for odd text (signs, blanks, long digit runs).
 bool modelIsIPv4(const std::string& s, unsigned v[4]) {
   return !s.empty() && s[0] >= '0' && s[0] <= '9' &&
          std::sscanf(s.c_str(), "%d.%d.%d.%d", reinterpret_cast<int*>(&v[0]),

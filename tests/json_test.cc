@@ -171,6 +171,44 @@ TEST(JsonReader, HostileNestingAndSizeDoNotCrash) {
   }
 }
 
+TEST(JsonReader, CountersStayInStepOnRandomDocuments) {
+  LogCapture capture;
+  std::mt19937 rng(7);
+  const std::string alphabet = "{}[]\":,a ";
+  for (int round = 0; round < 300; ++round) {
+    std::string text(1 + rng() % 60, ' ');
+    for (char& c : text) c = alphabet[rng() % alphabet.size()];
+    int braces = 0, brackets = 0, commas = 0, closes = 0, drops = 0;
+    for (char c : text) {
+      braces += (c == '{') - (c == '}');
+      drops += c == ']' && brackets == 1;
+      brackets += (c == '[') - (c == ']');
+      commas += c == ',';
+      closes += c == '}';
+    }
+    Recorder recorder;
+    json reader;
+    const int result = reader.parse_json_str(text, &recorder);
+    ASSERT_EQ(braces == 0 && brackets == 0 ? 0 : -4, result) << text;
+    EXPECT_EQ(braces, reader.braces_count);
+    EXPECT_EQ(braces, reader.curly_level);
+    EXPECT_EQ(brackets, reader.brackets_count);
+    EXPECT_EQ(brackets, reader.square_level);
+    EXPECT_EQ(commas, reader.comma_count);
+    EXPECT_EQ(closes, static_cast<int>(reader.objects.objects.size()));
+    EXPECT_EQ(drops, static_cast<int>(recorder.calls.size()));
+  }
+}
+
+TEST(JsonReader, TraverseSurvivesAMissingOrForeignDictionary) {
+  json reader;
+  reader.json_str = R"([{"k":"v"}])";
+  reader.traverse(reader.json_str);  // no dictionary at all
+  ASSERT_EQ(0, reader.automaton("zz"));
+  reader.traverse(reader.json_str);  // a dictionary of another text
+  EXPECT_EQ("{k=<v> @k}{k=<v> @k}", Dump(reader.objects));
+}
+
 std::string TempFile(const std::string& content) {
   std::string path = ::testing::TempDir() + "json_test_rules.json";
   std::ofstream(path, std::ios::binary) << content;
@@ -249,12 +287,16 @@ TEST(Dawg, WithoutATableNothingIsFoundOrInserted) {
   EXPECT_EQ(tpa::error::TPA_ERROR_OOM, huge.construct());
 }
 
-TEST(Dawg, InsertStopsAtTheEndOfTheTable) {
-  dawg d(2);
+TEST(Dawg, InsertStopsAtTheLengthItWasSizedFor) {
+  dawg d(3);
   ASSERT_EQ(tpa::error::TPA_ERROR_NONE, d.construct());
-  EXPECT_EQ(tpa::error::TPA_ERROR_ARRAY_OUT_OF_INDEX, d.insert("abcdefghijklmnop"));
-  EXPECT_TRUE(d.has("ab"));
-  EXPECT_FALSE(d.has("abcdefghijklmnop"));
+  ASSERT_EQ(tpa::error::TPA_ERROR_NONE, d.insert("ab"));
+  EXPECT_EQ(tpa::error::TPA_ERROR_ARRAY_OUT_OF_INDEX, d.insert("cdefghijklmnop"));
+  EXPECT_TRUE(d.has("abc"));
+  EXPECT_FALSE(d.has("cd"));
+  // A second construct() keeps the count of states, and still the table holds.
+  ASSERT_EQ(tpa::error::TPA_ERROR_NONE, d.construct());
+  EXPECT_EQ(tpa::error::TPA_ERROR_ARRAY_OUT_OF_INDEX, d.insert(std::string(100, 'x')));
   EXPECT_EQ(-1, d.suffix_link(0));
   EXPECT_EQ(-1, d.step(1 << 20, 'a'));
 }

@@ -52,13 +52,19 @@ int dawg::construct() {
     return error::TPA_ERROR_OOM;
   }
   table_size = wanted;
-  if (last >= table_size) return error::TPA_ERROR_OOM;  // only after a misuse
   states[last] = state{};  // the root: length 0, no link, no transitions
   return error::TPA_ERROR_NONE;
 }
 
+bool dawg::has_room() const {
+  // The text may not outgrow the length given to the constructor. Within it
+  // the automaton needs at most 2n - 1 states; the table bound is checked as
+  // well, since a second construct() keeps `last` and `size`.
+  return states && states[last].len < capacity / 2 && size <= table_size - 2;
+}
+
 void dawg::extend(char ch) {
-  if (!states || size > table_size - 2) return;
+  if (!has_room()) return;
   const unsigned char c = static_cast<unsigned char>(ch);
   const std::int32_t cur = size++;
   states[cur].len = states[last].len + 1;
@@ -95,7 +101,7 @@ void dawg::extend(char ch) {
 int dawg::insert(const std::string& s) {
   if (!states) return error::TPA_ERROR_OOM;
   for (char c : s) {
-    if (size > table_size - 2) return error::TPA_ERROR_ARRAY_OUT_OF_INDEX;
+    if (!has_room()) return error::TPA_ERROR_ARRAY_OUT_OF_INDEX;
     extend(c);
   }
   return error::TPA_ERROR_NONE;

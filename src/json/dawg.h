@@ -29,12 +29,12 @@ class dawg {
   // Allocates the state table (2 x capacity states) and makes state `last`
   // the root. TPA_ERROR_OOM when the table cannot be had.
   [[nodiscard]] int construct();
-  // Appends one character. Does nothing without a table, or when the table
-  // has no room left for the two states a step may need.
+  // Appends one character. Does nothing without a table, or once the text
+  // has reached the length given to the constructor.
   void extend(char c);
   // Appends every character of `s`, continuing from earlier insertions.
   // TPA_ERROR_OOM without a table; TPA_ERROR_ARRAY_OUT_OF_INDEX (after
-  // inserting what fitted) when `s` overruns the length given to dawg(n).
+  // inserting what fitted) when the text would outgrow the length n.
   [[nodiscard]] int insert(const std::string& s);
   // True when `s` occurs contiguously in the inserted text ("" always does);
   // false without a table.
@@ -61,6 +61,7 @@ class dawg {
   static constexpr std::uint32_t kNoRun = 0xffffffffu;
   static constexpr int kRunClasses = 9;  // runs of 1, 2, 4, ... 256 edges
 
+  [[nodiscard]] bool has_room() const;
   [[nodiscard]] bool owns(std::int64_t s) const { return states && s >= 0 && s < size; }
   [[nodiscard]] std::uint32_t find_edge(const state& from, unsigned char c) const;
   void add_edge(state& from, unsigned char c, std::int32_t target);
@@ -70,7 +71,7 @@ class dawg {
 
   // The state table: `table_size` zero-filled states, null until construct().
   // States [0, size) are in use; state 0 is the root; `last` is the state of
-  // the whole text inserted so far.
+  // the whole text inserted so far, whose length never exceeds capacity / 2.
   std::unique_ptr<state[], free_deleter> states;
   std::int32_t last;
   std::int32_t size;

@@ -1,6 +1,7 @@
 #include "json/json.h"
 
 #include <cstdint>
+#include <exception>
 #include <new>
 
 #include "api/constants.h"

@@ -1,0 +1,326 @@
+// tpa_bench: the library against its peers (a hash-table matcher, a MARISA
+// trie matcher and the library's own automaton on std::map transitions) on
+// generated rules of 1k, 10k and 100k destinations. Before the benchmarks it
+// checks that every peer answers a sample of queries as the library does.
+//
+// Own flags (the rest are Google Benchmark's):
+//   --tpa_sizes=1000,10000,100000  rules sizes (destinations)
+//   --tpa_queries=1000000          queries per stream
+//   --tpa_sample=20000             queries of each stream in the agreement check
+//   --tpa_check=only|skip          run only the checks, or skip them
+//   --tpa_write_workload=DIR       write each size's rules document and query
+//                                  streams (app TAB destination) and exit
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "checks.h"
+#include "fixtures.h"
+#include "json/dawg.h"
+#include "memory.h"
+#include "parser/json_parser.h"
+
+namespace tpa::bench {
+namespace {
+
+struct Options {
+  std::vector<int> sizes = {1000, 10000, 100000};
+  std::size_t queries = 1000000;
+  std::size_t sample = 20000;
+  std::string check;  // "", "only" or "skip"
+  std::string workloadDir;
+};
+
+// Consumes the --tpa_ flags from argv.
+Options parseOptions(int& argc, char** argv) {
+  Options o;
+  int kept = 1;
+  for (int i = 1; i < argc; ++i) {
+    const std::string a = argv[i];
+    auto value = [&](const char* flag) -> const char* {
+      const std::size_t n = std::strlen(flag);
+      return a.compare(0, n, flag) == 0 ? argv[i] + n : nullptr;
+    };
+    if (const char* v = value("--tpa_sizes=")) {
+      o.sizes.clear();
+      for (const char* p = v; *p;) {
+        char* end = nullptr;
+        o.sizes.push_back(static_cast<int>(std::strtol(p, &end, 10)));
+        p = *end == ',' ? end + 1 : end;
+      }
+    } else if (const char* v = value("--tpa_queries=")) {
+      o.queries = std::strtoull(v, nullptr, 10);
+    } else if (const char* v = value("--tpa_sample=")) {
+      o.sample = std::strtoull(v, nullptr, 10);
+    } else if (const char* v = value("--tpa_check=")) {
+      o.check = v;
+    } else if (const char* v = value("--tpa_write_workload=")) {
+      o.workloadDir = v;
+    } else {
+      argv[kept++] = argv[i];
+    }
+  }
+  argc = kept;
+  return o;
+}
+
+// ---- Queries -------------------------------------------------------------
+
+template <typename Ask>
+void runQueries(benchmark::State& state, const QueryStream& s, bool warm, Ask&& ask) {
+  const std::size_t n = s.queries.size();
+  if (warm) {
+    for (std::size_t i = 0; i < std::min<std::size_t>(n, 4096); ++i) {
+      const Query& q = s.queries[i];
+      Answer a = ask(s.apps[q.app], s.destinations[q.destination]);
+      benchmark::DoNotOptimize(a);
+    }
+  }
+  std::size_t i = 0;
+  for (auto _ : state) {
+    const Query& q = s.queries[i];
+    Answer a = ask(s.apps[q.app], s.destinations[q.destination]);
+    benchmark::DoNotOptimize(a);
+    if (++i == n) i = 0;
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
+}
+
+void registerQueries(int size, const char* streamName) {
+  const bool repeated = std::strcmp(streamName, "repeated") == 0;
+  auto stream = [size, repeated]() -> const QueryStream& {
+    const Workload& w = Fixtures::get().workload(size);
+    return repeated ? w.repeated : w.distinct;
+  };
+  const std::string tail = std::string("/") + streamName + "/" + std::to_string(size);
+  benchmark::RegisterBenchmark(("Query/tpa" + tail).c_str(), [=](benchmark::State& st) {
+    const api::Builder& b = Fixtures::get().library(size).builder;
+    runQueries(st, stream(), repeated, [&](const std::string& app, const std::string& d) {
+      return askLibrary(b, app, d);
+    });
+  });
+  benchmark::RegisterBenchmark(("Query/tpa_locked" + tail).c_str(), [=](benchmark::State& st) {
+    api::TarnPatternAnalyzer& a = Fixtures::get().library(size).analyzer;
+    runQueries(st, stream(), repeated, [&](const std::string& app, const std::string& d) {
+      int value = -1;
+      const int decision = a.query(app, d, value);
+      return Answer{decision, value};
+    });
+  });
+  benchmark::RegisterBenchmark(("Query/hash" + tail).c_str(), [=](benchmark::State& st) {
+    const HashMatcher& m = Fixtures::get().hash(size);
+    runQueries(st, stream(), repeated,
+               [&](const std::string& app, const std::string& d) { return m.query(app, d); });
+  });
+  benchmark::RegisterBenchmark(("Query/marisa" + tail).c_str(), [=](benchmark::State& st) {
+    MarisaMatcher& m = Fixtures::get().marisa(size);
+    runQueries(st, stream(), repeated,
+               [&](const std::string& app, const std::string& d) { return m.query(app, d); });
+  });
+  benchmark::RegisterBenchmark(("Query/std_map" + tail).c_str(), [=](benchmark::State& st) {
+    const NaiveReference& m = Fixtures::get().naive(size);
+    runQueries(st, stream(), repeated,
+               [&](const std::string& app, const std::string& d) { return m.query(app, d); });
+  });
+}
+
+// ---- Builds and their memory ----------------------------------------------
+
+// Each maker builds one matcher from a workload and returns it owned.
+std::unique_ptr<api::Builder> makeLibrary(const Workload& w) {
+  auto b = std::make_unique<api::Builder>();
+  if (b->build(w.json, false) != 0) b.reset();
+  return b;
+}
+std::unique_ptr<NaiveReference> makeNaive(const Workload& w) {
+  auto m = std::make_unique<NaiveReference>();
+  if (m->build(w.json) != 0) m.reset();
+  return m;
+}
+std::unique_ptr<HashMatcher> makeHash(const Workload& w) {
+  auto m = std::make_unique<HashMatcher>();
+  m->build(w.rules);
+  return m;
+}
+std::unique_ptr<MarisaMatcher> makeMarisa(const Workload& w) {
+  auto m = std::make_unique<MarisaMatcher>();
+  m->build(w.rules);
+  return m;
+}
+
+template <typename Make>
+void runBuilds(benchmark::State& st, int size, Make make) {
+  const Workload& w = Fixtures::get().workload(size);
+  for (auto _ : st) {
+    auto built = make(w);
+    if (!built) st.SkipWithError("build failed");
+    st.PauseTiming();
+    built.reset();
+    st.ResumeTiming();
+  }
+  st.counters["key_chars"] = static_cast<double>(w.keyCharacters);
+}
+
+template <typename Make>
+void runMemory(benchmark::State& st, int size, Make make) {
+  const Workload& w = Fixtures::get().workload(size);
+  MemoryUse use;
+  for (auto _ : st) {
+    decltype(make(w)) built;
+    use = measureResident([&] { built = make(w); });
+    if (!built) st.SkipWithError("build failed");
+  }
+  const double chars = static_cast<double>(w.keyCharacters);
+  st.counters["key_chars"] = chars;
+  st.counters["peak_B_per_char"] = static_cast<double>(use.peak) / chars;
+  st.counters["retained_B_per_char"] = static_cast<double>(use.retained) / chars;
+  st.counters["peak_MB"] = static_cast<double>(use.peak) / 1e6;
+}
+
+template <typename Make>
+void registerBuild(int size, const char* peer, Make make) {
+  const std::string tail = std::string(peer) + "/" + std::to_string(size);
+  benchmark::RegisterBenchmark(("Build/" + tail).c_str(),
+                               [=](benchmark::State& st) { runBuilds(st, size, make); })
+      ->Unit(benchmark::kMillisecond)
+      ->MinTime(0.5);
+  benchmark::RegisterBenchmark(("Memory/" + tail).c_str(),
+                               [=](benchmark::State& st) { runMemory(st, size, make); })
+      ->Unit(benchmark::kMillisecond)
+      ->Iterations(1);
+}
+
+// ---- The reader -------------------------------------------------------------
+
+void registerReader(int size) {
+  const std::string tail = "/" + std::to_string(size);
+  benchmark::RegisterBenchmark(("Reader" + tail).c_str(), [=](benchmark::State& st) {
+    const std::string& json = Fixtures::get().workload(size).json;
+    for (auto _ : st) {
+      auto parser = std::make_unique<parser::JsonParser>();
+      if (parser->parse(json, false) != 0) st.SkipWithError("parse failed");
+      st.PauseTiming();
+      parser.reset();
+      st.ResumeTiming();
+    }
+    st.SetBytesProcessed(static_cast<std::int64_t>(st.iterations() * json.size()));
+  })->Unit(benchmark::kMillisecond);
+
+  // Resident memory of the reader's dictionary per document byte: reserved
+  // alone (no state touched), and filled with the whole document.
+  benchmark::RegisterBenchmark(("ReaderMemory" + tail).c_str(), [=](benchmark::State& st) {
+    const std::string& json = Fixtures::get().workload(size).json;
+    MemoryUse reserved, filled, parse;
+    for (auto _ : st) {
+      {
+        json_config::dawg empty(static_cast<int>(json.size()));
+        reserved = measureResident([&] { benchmark::DoNotOptimize(empty.construct()); });
+      }
+      {
+        json_config::dawg full(static_cast<int>(json.size()));
+        filled = measureResident([&] {
+          benchmark::DoNotOptimize(full.construct());
+          benchmark::DoNotOptimize(full.insert(json));
+        });
+      }
+      auto parser = std::make_unique<parser::JsonParser>();
+      parse = measureResident([&] { benchmark::DoNotOptimize(parser->parse(json, false)); });
+    }
+    const double bytes = static_cast<double>(json.size());
+    st.counters["doc_bytes"] = bytes;
+    st.counters["dict_reserved_B_per_byte"] = static_cast<double>(reserved.peak) / bytes;
+    st.counters["dict_filled_B_per_byte"] = static_cast<double>(filled.peak) / bytes;
+    st.counters["parse_peak_B_per_byte"] = static_cast<double>(parse.peak) / bytes;
+    st.counters["parse_retained_B_per_byte"] = static_cast<double>(parse.retained) / bytes;
+  })->Unit(benchmark::kMillisecond)->Iterations(1);
+}
+
+// ---- Allocations on the query path ---------------------------------------------
+
+void registerAllocations(int size) {
+  for (const bool repeated : {true, false}) {
+    const std::string name = std::string("Allocations/tpa/") +
+                             (repeated ? "repeated/" : "distinct/") + std::to_string(size);
+    benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& st) {
+      Fixtures& f = Fixtures::get();
+      const Workload& w = f.workload(size);
+      double perQuery = 0;
+      for (auto _ : st) {
+        perQuery = allocationsPerQuery(f.library(size).builder,
+                                       repeated ? w.repeated : w.distinct, 100000, repeated);
+      }
+      st.counters["allocs_per_query"] = perQuery;
+    })->Unit(benchmark::kMillisecond)->Iterations(1);
+  }
+}
+
+void registerAll(const Options& o) {
+  for (const int size : o.sizes) {
+    registerReader(size);
+    registerBuild(size, "tpa", makeLibrary);
+    registerBuild(size, "std_map", makeNaive);
+    registerBuild(size, "hash", makeHash);
+    registerBuild(size, "marisa", makeMarisa);
+    registerQueries(size, "repeated");
+    registerQueries(size, "distinct");
+    registerAllocations(size);
+  }
+}
+
+// ---- Workload files for the JVM benchmark ------------------------------------
+
+void writeStream(const std::string& path, const QueryStream& s) {
+  std::ofstream out(path);
+  for (const Query& q : s.queries) out << s.apps[q.app] << '\t' << s.destinations[q.destination] << '\n';
+}
+
+int writeWorkloads(const Options& o) {
+  for (const int size : o.sizes) {
+    const Workload& w = Fixtures::get().workload(size);
+    const std::string base = o.workloadDir + "/" + std::to_string(size);
+    std::ofstream(base + "-rules.json") << w.json;
+    writeStream(base + "-repeated.tsv", w.repeated);
+    writeStream(base + "-distinct.tsv", w.distinct);
+  }
+  return 0;
+}
+
+int runChecks(const Options& o) {
+  bool agree = true;
+  for (const int size : o.sizes) {
+    agree = checkAgreement(size, o.sample, stderr) && agree;
+    Fixtures& f = Fixtures::get();
+    const Workload& w = f.workload(size);
+    std::fprintf(stderr, "  heap allocations per query: %.3f on cache hits, %.3f on misses\n",
+                 allocationsPerQuery(f.library(size).builder, w.repeated, 100000, true),
+                 allocationsPerQuery(f.library(size).builder, w.distinct, 100000, false));
+  }
+  return agree ? 0 : 1;
+}
+
+}  // namespace
+}  // namespace tpa::bench
+
+int main(int argc, char** argv) {
+  using namespace tpa::bench;
+  const Options options = parseOptions(argc, argv);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  Fixtures::get().setStreamLength(options.queries);
+  if (!options.workloadDir.empty()) return writeWorkloads(options);
+  if (options.check != "skip") {
+    if (const int failed = runChecks(options); failed != 0 || options.check == "only") {
+      return failed;
+    }
+  }
+  registerAll(options);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

@@ -1,0 +1,283 @@
+#include "mapper/decision.h"
+
+#include <cstdint>
+#include <string_view>
+
+#include "api/constants.h"
+#include "cidr/cidr.h"
+#include "mapper/trace.h"
+#include "mapper/transform.h"
+
+namespace tpa::mapper {
+
+// --- Decision ---------------------------------------------------------------
+
+Decision::Decision() : value(MAP_DEFAULT_DOMAIN_VALUE), decision(TPA_DECISION_EXCLUDE) {}
+
+Decision::Decision(int value, int decision) : value(value), decision(decision) {}
+
+Decision::Decision(const Decision& other) : value(other.value), decision(other.decision) {}
+
+Decision& Decision::operator=(const Decision& other) {
+  if (this != &other) {
+    value = other.value;
+    decision = other.decision;
+  }
+  return *this;
+}
+
+bool Decision::isInIncludeList() const { return decision == TPA_DECISION_INCLUDE; }
+
+bool Decision::isInExcludeList() const { return decision != TPA_DECISION_INCLUDE; }
+
+// --- DomainSearchResult -----------------------------------------------------
+
+DomainSearchResult::DomainSearchResult() : DomainSearchResult(false, 0, -1, 0) {}
+
+DomainSearchResult::DomainSearchResult(bool found, int matchedLength, int value, int storedLength)
+    : found(found), matchedLength(matchedLength), value(value), storedLength(storedLength) {}
+
+DomainSearchResult::DomainSearchResult(const DomainSearchResult& other) = default;
+
+DomainSearchResult& DomainSearchResult::operator=(const DomainSearchResult& other) {
+  if (this != &other) {
+    found = other.found;
+    matchedLength = other.matchedLength;
+    value = other.value;
+    storedLength = other.storedLength;
+  }
+  return *this;
+}
+
+DomainSearchResult::~DomainSearchResult() {
+  found = false;
+  matchedLength = 0;
+  value = -1;
+  storedLength = 0;
+}
+
+bool DomainSearchResult::operator==(const DomainSearchResult& other) const {
+  return found == other.found && matchedLength == other.matchedLength &&
+         storedLength == other.storedLength;
+}
+
+bool DomainSearchResult::operator!=(const DomainSearchResult& other) const {
+  return !(*this == other);
+}
+
+bool DomainSearchResult::operator>(const DomainSearchResult& other) const {
+  return storedLength > other.storedLength || matchedLength > other.matchedLength;
+}
+
+bool DomainSearchResult::operator<(const DomainSearchResult& other) const {
+  return storedLength <= other.storedLength && matchedLength <= other.matchedLength;
+}
+
+// --- the search -------------------------------------------------------------
+
+namespace {
+
+using Machine = machine::KeyedMachine;
+using Key = std::pair<std::string, int>;
+using StateValue = fsa::SAStateValue<int>;
+
+// The member of a trace record, or null when not tracing.
+template <typename Record, typename Field>
+Field* traced(Record* record, Field Record::*field) {
+  return record == nullptr ? nullptr : &(record->*field);
+}
+
+// A cached search of the kind the key carries: whole key (kFullKey) or
+// partial (kPartialKey). Returns the machine's code.
+int search(Machine& machine, const Key& key, StateValue& out, int& matched, SearchTrace* trace) {
+  const int code = key.second == machine::kPartialKey ? machine.findPartial(key, out, matched)
+                                                      : machine.findFull(key, out, matched);
+  if (trace != nullptr) {
+    *trace = SearchTrace{true, code, matched, out.storedKeyLength(), out.userDefinedValue()};
+  }
+  return code;
+}
+
+// Addresses are compared in their fixed-width forms; anything else verbatim.
+// The bit string serves the network-prefix search.
+void normaliseDestination(const std::string& destination, QueryBuffers& b) {
+  if (!cidr::expandIPv6Into(b.destination, destination)) {  // else left unchanged
+    if (cidr::isIPv4Address(destination)) cidr::expandIpv4AddrInto(b.destination, destination);
+  }
+  b.address = cidr::isIPAddress(b.destination);
+  b.bits.second = machine::kFullKey;
+  if (b.address) {
+    cidr::convertToBinaryIPAddressInto(b.bits.first, b.destination);
+  } else {
+    b.bits.first.clear();
+  }
+}
+
+DomainSearchResult settle(ListTrace* trace, MatchKind kind, const DomainSearchResult& r) {
+  if (trace != nullptr && r.found) {
+    trace->match = kind;
+    trace->found = true;
+    trace->matchedLength = r.matchedLength;
+    trace->storedLength = r.storedLength;
+    trace->value = r.value;
+  }
+  return r;
+}
+
+// The longest leading run of the address bits present in the machine, tried
+// as a stored network of this rule and list. Only that one run is tried: a
+// shorter stored network behind a longer run does not match.
+DomainSearchResult findNetwork(int rule, Machine& machine, std::uint8_t flag, QueryBuffers& b,
+                               ListTrace* trace) {
+  const int bitCount = static_cast<int>(b.bits.first.size());
+  if (bitCount == 0) return DomainSearchResult();
+  StateValue v;
+  int run = 0;
+  if (search(machine, b.bits, v, run, traced(trace, &ListTrace::bitsSearch)) != 0) {
+    return DomainSearchResult();
+  }
+  // Running onto a key end means the bits met a stored key's tail, not a network.
+  if (v.storedKeyLength() != 0 || run < 2 || run >= bitCount) return DomainSearchResult();
+  const std::string_view prefix(b.bits.first.data(), static_cast<std::size_t>(run));
+  transformDomainInto(b.prefixKey.first, prefix, rule, flag);
+  b.prefixKey.second = machine::kFullKey;
+  if (trace != nullptr) trace->prefixKey = b.prefixKey.first;
+  const int k = static_cast<int>(b.prefixKey.first.size());
+  StateValue pv;
+  int matched = 0;
+  if (search(machine, b.prefixKey, pv, matched, traced(trace, &ListTrace::prefix)) != 0) {
+    return DomainSearchResult();
+  }
+  if (pv.storedKeyLength() != 0 && matched == pv.storedKeyLength() && matched == k) {
+    return DomainSearchResult(true, k, pv.userDefinedValue(), pv.storedKeyLength());
+  }
+  return DomainSearchResult();
+}
+
+// Searches one list of one rule number: the whole key, then the network
+// prefix of an address, then a wildcard entry.
+DomainSearchResult find(int rule, Machine& machine, std::uint8_t flag, QueryBuffers& b,
+                        ListTrace* trace) {
+  transformDomainInto(b.key.first, b.destination, rule, flag);
+  b.key.second = machine::kFullKey;
+  const int n = static_cast<int>(b.key.first.size());
+  if (trace != nullptr) {
+    trace->key = b.key.first;
+    trace->address = b.address;
+    trace->bits = b.bits.first;
+  }
+  StateValue v;
+  int matched = 0;
+  if (search(machine, b.key, v, matched, traced(trace, &ListTrace::whole)) != 0) {
+    return DomainSearchResult();
+  }
+  if (v.storedKeyLength() != 0 && matched == n && matched == v.storedKeyLength()) {
+    return settle(trace, MatchKind::kWholeKey,
+                  DomainSearchResult(true, n, v.userDefinedValue(), n));
+  }
+  if (b.address) {
+    const DomainSearchResult network = findNetwork(rule, machine, flag, b, trace);
+    if (network.found) return settle(trace, MatchKind::kNetworkPrefix, network);
+  }
+  // A wildcard match must be strictly shorter than both the stored and the
+  // searched key.
+  b.key.second = machine::kPartialKey;
+  StateValue pv;
+  int p = 0;
+  if (search(machine, b.key, pv, p, traced(trace, &ListTrace::partial)) != 0) {
+    return DomainSearchResult();
+  }
+  const int s = pv.storedKeyLength();
+  if (s != 0 && p != 0 && p < s && p < n) {
+    return settle(trace, MatchKind::kPartialKey,
+                  DomainSearchResult(true, p, pv.userDefinedValue(), s));
+  }
+  return DomainSearchResult();
+}
+
+// Include wins ties and any result longer on either count.
+Verdict weigh(const DomainSearchResult& include, const DomainSearchResult& exclude) {
+  if (include.found && exclude.found) {
+    if (include == exclude) return Verdict::kIncludeEqual;
+    if (include > exclude) return Verdict::kIncludeLonger;
+    return Verdict::kExcludeLonger;
+  }
+  if (include.found) return Verdict::kOnlyInclude;
+  if (exclude.found) return Verdict::kOnlyExclude;
+  return Verdict::kNeither;
+}
+
+// Weighs both lists under `rule`; when neither matches, the any-application
+// rules (rule 0) are tried once more.
+Decision lookup(int rule, Machine& include, Machine& exclude, QueryBuffers& b, QueryTrace* trace) {
+  for (int r = rule;; r = TPA_RULE_NUMBER_ZERO) {
+    StepTrace* step = nullptr;
+    if (trace != nullptr) {
+      step = &trace->steps.emplace_back();
+      step->rule = r;
+    }
+    const DomainSearchResult in =
+        find(r, include, TPA_DECISION_INCLUDE, b, traced(step, &StepTrace::include));
+    const DomainSearchResult out =
+        find(r, exclude, TPA_DECISION_EXCLUDE, b, traced(step, &StepTrace::exclude));
+    const Verdict verdict = weigh(in, out);
+    if (step != nullptr) step->verdict = verdict;
+    switch (verdict) {
+      case Verdict::kOnlyInclude:
+      case Verdict::kIncludeEqual:
+      case Verdict::kIncludeLonger:
+        return Decision(in.value, TPA_DECISION_INCLUDE);
+      case Verdict::kOnlyExclude:
+      case Verdict::kExcludeLonger:
+        return Decision(out.value, TPA_DECISION_EXCLUDE);
+      case Verdict::kNeither:
+        break;
+    }
+    if (r == TPA_RULE_NUMBER_ZERO) return Decision();
+  }
+}
+
+Decision finish(QueryTrace* trace, const Decision& d) {
+  if (trace != nullptr) {
+    trace->value = d.value;
+    trace->decision = d.decision;
+  }
+  return d;
+}
+
+}  // namespace
+
+// --- MapDecisionMaker -------------------------------------------------------
+
+MapDecisionMaker::MapDecisionMaker(Machine& apps, Machine& include, Machine& exclude)
+    : MapDecisionMaker(apps, include, exclude, ownBuffers_) {}
+
+MapDecisionMaker::MapDecisionMaker(Machine& apps, Machine& include, Machine& exclude,
+                                   QueryBuffers& buffers)
+    : apps_(apps), include_(include), exclude_(exclude), buffers_(buffers) {}
+
+Decision MapDecisionMaker::decide(const std::string& app, const std::string& destination,
+                                  QueryTrace* trace) {
+  QueryBuffers& b = buffers_;
+  tansformAppInto(b.appKey.first, app);
+  b.appKey.second = machine::kFullKey;
+  const int n = static_cast<int>(b.appKey.first.size());
+  if (trace != nullptr) trace->appKey = b.appKey.first;
+  StateValue v;
+  int matched = 0;
+  if (search(apps_, b.appKey, v, matched, traced(trace, &QueryTrace::app)) != 0) {
+    return finish(trace, Decision());
+  }
+  // An application stored whole selects its rule; anything else, rule 0.
+  const bool whole = v.storedKeyLength() == n && matched == n;
+  const int rule = whole ? v.userDefinedValue() : TPA_RULE_NUMBER_ZERO;
+  normaliseDestination(destination, b);
+  if (trace != nullptr) {
+    trace->rule = rule;
+    trace->appFellToZero = !whole;
+    trace->destination = b.destination;
+  }
+  return finish(trace, lookup(rule, include_, exclude_, b, trace));
+}
+
+}  // namespace tpa::mapper

@@ -1,0 +1,94 @@
+// Decisions: the answer to a query (include or exclude, and the id of the
+// deciding rule) and how it is reached from the three keyed machines of a Map:
+// the application selects a rule number; the include and exclude machines are
+// searched under it (whole key, network prefix of an address, wildcard) and
+// weighed; rule 0, the any-application rules, is the fallback.
+// A MapDecisionMaker lives for one query and owns nothing; queries mutate the
+// machines' caches, so callers serialise them.
+#ifndef TPA_MAPPER_DECISION_H_
+#define TPA_MAPPER_DECISION_H_
+
+#include <string>
+#include <utility>
+
+#include "machine/fsm.h"
+
+namespace tpa::mapper {
+
+struct QueryTrace;
+
+class Decision {
+ public:
+  Decision();  // no match: value -1, exclude
+  Decision(int value, int decision);
+  Decision(const Decision& other);
+  Decision& operator=(const Decision& other);
+
+  bool isInIncludeList() const;  // decision == TPA_DECISION_INCLUDE
+  bool isInExcludeList() const;  // anything else
+
+  int value;     // id of the deciding rule, or MAP_DEFAULT_DOMAIN_VALUE
+  int decision;  // TPA_DECISION_INCLUDE or TPA_DECISION_EXCLUDE
+};
+
+// The outcome of searching one domain machine.
+class DomainSearchResult {
+ public:
+  DomainSearchResult();
+  DomainSearchResult(bool found, int matchedLength, int value, int storedLength);
+  DomainSearchResult(const DomainSearchResult& other);
+  DomainSearchResult& operator=(const DomainSearchResult& other);
+  ~DomainSearchResult();
+
+  // Results compare by found, matchedLength and storedLength; value is not
+  // compared, so two matches of equal extent are equal whoever stored them.
+  bool operator==(const DomainSearchResult& other) const;
+  bool operator!=(const DomainSearchResult& other) const;
+  // Longer on either count.
+  bool operator>(const DomainSearchResult& other) const;
+  // The negation of >: no longer on both counts, so also true for equal results.
+  bool operator<(const DomainSearchResult& other) const;
+
+  bool found;
+  int matchedLength;  // characters of the searched key that matched
+  int value;          // value at the matched entry's end (the rule's id)
+  int storedLength;   // length of the stored key whose end was reached
+};
+
+// Key buffers of one query, kept between queries so that their capacity is
+// reused: a query whose searches all hit the caches allocates nothing.
+struct QueryBuffers {
+  std::pair<std::string, int> appKey;
+  std::string destination;                // the destination after address normalisation
+  bool address = false;                   // destination is an IPv4 or IPv6 address
+  std::pair<std::string, int> key;        // framed destination key
+  std::pair<std::string, int> bits;       // the address as a bit string
+  std::pair<std::string, int> prefixKey;  // framed network prefix
+};
+
+class MapDecisionMaker {
+ public:
+  using Machine = machine::KeyedMachine;
+
+  MapDecisionMaker(Machine& apps, Machine& include, Machine& exclude);
+  // Uses the caller's buffers instead of its own.
+  MapDecisionMaker(Machine& apps, Machine& include, Machine& exclude, QueryBuffers& buffers);
+  MapDecisionMaker(const MapDecisionMaker&) = delete;
+  MapDecisionMaker& operator=(const MapDecisionMaker&) = delete;
+
+  // The decision for `app` and `destination`; `trace`, when not null, records
+  // every step.
+  Decision decide(const std::string& app, const std::string& destination,
+                  QueryTrace* trace = nullptr);
+
+ private:
+  Machine& apps_;
+  Machine& include_;
+  Machine& exclude_;
+  QueryBuffers ownBuffers_;  // unused when the caller lends buffers
+  QueryBuffers& buffers_;
+};
+
+}  // namespace tpa::mapper
+
+#endif  // TPA_MAPPER_DECISION_H_

@@ -1,0 +1,133 @@
+#include "mapper/map.h"
+
+#include <android/log.h>
+
+#include <cstdint>
+
+#include "api/constants.h"
+#include "api/log.h"
+#include "cidr/cidr.h"
+#include "mapper/transform.h"
+
+namespace tpa::mapper {
+
+namespace {
+
+using Machine = machine::KeyedMachine;
+using Key = std::pair<std::string, int>;
+
+// What clearCache answers, on success as well.
+constexpr int kClearCacheResult = -1;
+
+bool isAnyApp(const std::string& app) { return app == sigma::sentinel::LAMBDA_STRING; }
+
+// Adds ##LAMBDA-APP$ with rule number 0 unless the lookup of it, through the
+// cache like any other, reads anything at all. Every application key starts
+// with '#', so once any application is stored the branch counts as present;
+// and an "absent" answer stays cached after the branch is added.
+int addAnyAppBranch(Machine& apps, Key& key) {
+  tansformAppInto(key.first, sigma::sentinel::LAMBDA_STRING);
+  key.second = machine::kFullKey;
+  fsa::SAStateValue<int> value;
+  int matched = 0;
+  int result = apps.findFull(key, value, matched);
+  if (result != error::TPA_ERROR_NONE) {
+    __android_log_print(log::kFatal, log::kEngineTag,
+                        "[FATAL] [MAP] FindFull failed. Does not have any app %s", log::kLineEnd);
+    return result;
+  }
+  if (matched != 0) return error::TPA_ERROR_NONE;
+  result = apps.put(key, TPA_RULE_NUMBER_ZERO);
+  if (result != error::TPA_ERROR_NONE) {
+    __android_log_print(log::kFatal, log::kEngineTag,
+                        "[FATAL] [MAP] could not add anyApp branch in apps machine%s",
+                        log::kLineEnd);
+    __android_log_print(log::kFatal, log::kEngineTag,
+                        "[FATAL] [MAP] AddAnyApp failed. Could not add any app %s", log::kLineEnd);
+  }
+  return result;
+}
+
+// The stored form of a destination: a network by its network identifier, an
+// address in its fixed-width text, anything else (wildcards too) verbatim.
+void normaliseStored(const std::string& d, std::string& text) {
+  if (cidr::isCidrIpAddress(d) != 0) {
+    text = cidr::extractNetworkID(d);
+  } else if (cidr::expandIPv6Into(text, d)) {
+    // expanded
+  } else if (cidr::isIPv4Address(d)) {
+    cidr::expandIpv4AddrInto(text, d);
+  } else {
+    text.assign(d);
+  }
+}
+
+// Stores one list of one rule; stops at the first failing key.
+int addDomains(Machine& machine, const std::vector<std::string>& domains, int ruleNumber,
+               std::uint8_t flag, int id, std::string& text, Key& key) {
+  for (const std::string& d : domains) {
+    normaliseStored(d, text);
+    key.second = !text.empty() && text[0] == '*' ? machine::kPartialKey : machine::kFullKey;
+    transformDomainInto(key.first, text, ruleNumber, flag);
+    const int result = machine.put(key, id);
+    if (result != error::TPA_ERROR_NONE) return result;
+  }
+  return error::TPA_ERROR_NONE;
+}
+
+}  // namespace
+
+Map::Map(int capacity) : capacity_(capacity) {}
+
+Map::~Map() = default;
+
+int Map::construct(int appsSize, int includeSize, int excludeSize) {
+  apps_ = std::make_unique<Machine>();
+  include_ = std::make_unique<Machine>();
+  exclude_ = std::make_unique<Machine>();
+  apps_->construct(appsSize, capacity_);
+  include_->construct(includeSize, capacity_);
+  exclude_->construct(excludeSize, capacity_);
+  return error::TPA_ERROR_NONE;
+}
+
+int Map::put(int ruleNumber, const std::vector<std::string>& apps,
+             const std::vector<std::string>& include, const std::vector<std::string>& exclude,
+             int id) {
+  if (!apps_ || !include_ || !exclude_) return error::TPA_ERROR_OOM;
+  Key& key = buffers_.key;
+  for (const std::string& app : apps) {
+    int result;
+    if (isAnyApp(app)) {
+      result = addAnyAppBranch(*apps_, key);
+    } else {
+      tansformAppInto(key.first, app);
+      key.second = machine::kFullKey;
+      result = apps_->put(key, ruleNumber);
+    }
+    if (result != error::TPA_ERROR_NONE) return result;
+  }
+  // Checked again here although the builder already numbers such rules 0.
+  const int domainRule = apps.size() == 1 && isAnyApp(apps[0]) ? TPA_RULE_NUMBER_ZERO : ruleNumber;
+  std::string& text = buffers_.destination;
+  const int result =
+      addDomains(*include_, include, domainRule, TPA_DECISION_INCLUDE, id, text, key);
+  if (result != error::TPA_ERROR_NONE) return result;
+  return addDomains(*exclude_, exclude, domainRule, TPA_DECISION_EXCLUDE, id, text, key);
+}
+
+int Map::clearCache() {
+  if (!apps_ || !include_ || !exclude_) return error::TPA_ERROR_OOM;
+  apps_->clearCache();
+  include_->clearCache();
+  exclude_->clearCache();
+  return kClearCacheResult;
+}
+
+Decision Map::get(const std::string& app, const std::string& destination, QueryTrace* trace) const {
+  if (!apps_ || !include_ || !exclude_) return Decision();
+  MapDecisionMaker maker(*apps_, *include_, *exclude_, buffers_);
+  return maker.decide(app, destination, trace);
+}
+
+}  // namespace tpa::mapper

@@ -1,0 +1,69 @@
+// Map: the compiled form of a rules document, three keyed machines: the apps
+// machine maps framed application keys to rule numbers, the include and
+// exclude machines hold every rule's framed destinations with the rule's id.
+// Built once (construct, then put per rule), then only queried (get), which
+// updates the machines' caches. Owns its machines alone. Not thread-safe:
+// get writes the caches and shared key buffers, so callers serialise queries.
+#ifndef TPA_MAPPER_MAP_H_
+#define TPA_MAPPER_MAP_H_
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "machine/fsm.h"
+#include "mapper/decision.h"
+
+namespace tpa::mapper {
+
+struct QueryTrace;
+
+class Map {
+ public:
+  using Machine = machine::KeyedMachine;
+
+  explicit Map(int capacity);
+  ~Map();  // the exclude machine goes first, the apps machine last
+  Map(const Map&) = delete;
+  Map& operator=(const Map&) = delete;
+
+  // Replaces the three machines, sized for the given symbol totals, each with
+  // a cache of `capacity` entries. Returns 0.
+  [[nodiscard]] int construct(int appsSize, int includeSize, int excludeSize);
+
+  // Stores one rule: its applications under `ruleNumber` (or the any-
+  // application branch), its include and exclude lists under the rule number
+  // (0 when the only application is LAMBDA_STRING) with `id` as their value.
+  // Stops at the first failure and returns its code.
+  [[nodiscard]] int put(int ruleNumber, const std::vector<std::string>& apps,
+                        const std::vector<std::string>& include,
+                        const std::vector<std::string>& exclude, int id);
+
+  // Empties the three caches. Returns -1 whether or not it did: callers must
+  // not read the result as a failure.
+  int clearCache();
+
+  // The decision for a query; the default (-1, exclude) without machines.
+  // `trace`, when not null, records every step.
+  Decision get(const std::string& app, const std::string& destination,
+               QueryTrace* trace = nullptr) const;
+
+  // Read-only views for diagnostics and tests (null before construct).
+  int capacity() const { return capacity_; }
+  const Machine* appsMachine() const { return apps_.get(); }
+  const Machine* includeMachine() const { return include_.get(); }
+  const Machine* excludeMachine() const { return exclude_.get(); }
+
+ private:
+  int capacity_;                      // cache capacity of every machine
+  std::unique_ptr<Machine> apps_;     // tansformApp keys -> rule number
+  std::unique_ptr<Machine> include_;  // transformDomain(d, rule, 1) -> id
+  std::unique_ptr<Machine> exclude_;  // transformDomain(d, rule, 0) -> id
+  // Key buffers reused by put and get, so that a query answered from the
+  // caches allocates nothing. Only ever used by one call at a time.
+  mutable QueryBuffers buffers_;
+};
+
+}  // namespace tpa::mapper
+
+#endif  // TPA_MAPPER_MAP_H_

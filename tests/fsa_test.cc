@@ -50,6 +50,15 @@ TEST(SuffixAutomaton, ConstructRaisesSmallLengthsToThree) {
   }
 }
 
+TEST(SuffixAutomaton, LengthBeyondCountableStatesAllocatesNothing) {
+  Automaton sa;
+  sa.construct(INT_MAX);
+  EXPECT_FALSE(sa.allocated());
+  LogCapture capture;
+  EXPECT_EQ(-1, sa.add("#a$", 1));
+  EXPECT_EQ(1u, capture.records().size());
+}
+
 TEST(SuffixAutomaton, CapacityHoldsAllButOneState) {
   for (int n : {0, 2, 7}) {
     Automaton sa;

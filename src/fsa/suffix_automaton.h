@@ -86,14 +86,15 @@ class SuffixAutomaton {
   SuffixAutomaton(const SuffixAutomaton&) = delete;
   SuffixAutomaton& operator=(const SuffixAutomaton&) = delete;
 
-  // Allocates 2 * max(n, 3 if n < 2) default states, replacing any previous
-  // ones. last and count are kept (a fresh automaton has 0 and 1).
+  // Allocates 2k default states, k = n or 3 when n < 2, replacing any
+  // previous ones. last and count are kept (a fresh automaton has 0 and 1).
+  // A length whose states cannot be counted in an int allocates nothing.
   void construct(int n) {
     const int k = n < 2 ? 3 : n;
     requestedLength_ = k;
-    capacity_ = 2 * k;
+    capacity_ = k <= INT32_MAX / 2 ? 2 * k : 0;
     states_.reset();
-    if (!states_.allocateZeroed(static_cast<std::size_t>(capacity_)) ||
+    if (capacity_ == 0 || !states_.allocateZeroed(static_cast<std::size_t>(capacity_)) ||
         !transitions_.allocate(capacity_)) {
       states_.reset();  // seen as "not allocated" by add
       capacity_ = 0;

@@ -53,13 +53,14 @@ int addAnyAppBranch(Machine& apps, Key& key) {
 void normaliseStored(const std::string& d, std::string& text) {
   if (cidr::isCidrIpAddress(d) != 0) {
     text = cidr::extractNetworkID(d);
-  } else if (cidr::expandIPv6Into(text, d)) {
-    // expanded
-  } else if (cidr::isIPv4Address(d)) {
-    cidr::expandIpv4AddrInto(text, d);
-  } else {
-    text.assign(d);
+    return;
   }
+  if (cidr::expandIPv6Into(text, d)) return;
+  if (cidr::isIPv4Address(d)) {
+    cidr::expandIpv4AddrInto(text, d);
+    return;
+  }
+  text.assign(d);
 }
 
 // Stores one list of one rule; stops at the first failing key.

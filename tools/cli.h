@@ -1,0 +1,59 @@
+// The command line of the `tpa` tool: its exit codes, its help texts and the
+// parsing of `tpa COMMAND RULES [APP DEST]...` into an Invocation. Also reads
+// the RULES document from a file or from standard input ("-").
+// Plain functions over values; nothing here touches the analyzer.
+#ifndef TPA_TOOLS_CLI_H_
+#define TPA_TOOLS_CLI_H_
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tpa::tools {
+
+// The exit codes are part of the tool's contract; README lists them.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitBuildFailed = 2;  // the build returned an error code
+inline constexpr int kExitBuildThrew = 3;   // an address input made the build throw
+inline constexpr int kExitUsage = 64;       // bad command line
+inline constexpr int kExitBadQuery = 65;    // a query line without APP<TAB>DEST
+inline constexpr int kExitNoInput = 66;     // RULES could not be read
+inline constexpr int kExitIo = 74;          // standard output could not be written
+
+enum class Command { kHelp, kQuery, kShow, kCheck, kExplain };
+
+// What the command line asked for. `rules` is a path or "-".
+struct Invocation {
+  Command command = Command::kHelp;
+  std::string rules;
+  std::vector<std::pair<std::string, std::string>> pairs;  // APP, DEST
+  std::string helpTopic;  // the command whose help was asked, or empty
+};
+
+// The outcome of parsing: an invocation, or a usage error message.
+struct ParseOutcome {
+  bool ok = false;
+  Invocation invocation;
+  std::string error;  // set when !ok
+};
+
+// Parses argv[1..]. "--" ends option processing, so that an APP or DEST may
+// start with '-'; "-h"/"--help" anywhere before it asks for help.
+[[nodiscard]] ParseOutcome parseArguments(const std::vector<std::string>& args);
+
+// The help text of the whole tool, or of one command ("query", ...).
+[[nodiscard]] std::string helpText(const std::string& topic);
+
+// Reads a whole file ("-": standard input) into `text`, byte for byte.
+// Returns false and an explanation in `error` when it cannot be read.
+[[nodiscard]] bool readRules(const std::string& path, std::string& text, std::string& error);
+
+// readRules, reporting a failure as "tpa: ..." on stderr.
+[[nodiscard]] bool loadRules(const std::string& path, std::string& text);
+
+// How the diagnostics name the document: the path, or "<stdin>" for "-".
+[[nodiscard]] std::string displayName(const std::string& path);
+
+}  // namespace tpa::tools
+
+#endif  // TPA_TOOLS_CLI_H_

@@ -1,0 +1,209 @@
+// `tpa explain`: a query's decision and how it was reached, read from the
+// trace that the very same query filled in.
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "api/analyzer.h"
+#include "api/constants.h"
+#include "cidr/cidr.h"
+#include "mapper/trace.h"
+#include "parser/json_parser.h"
+#include "tools/build_guard.h"
+#include "tools/commands.h"
+#include "tools/doc_scan.h"
+#include "tools/line_io.h"
+#include "tools/rule_numbers.h"
+
+namespace tpa::tools {
+namespace {
+
+constexpr char kIpv4MappedText[] = "0000:0000:0000:0000:0000:ffff:";
+
+using mapper::ListTrace;
+using mapper::MatchKind;
+using mapper::SearchTrace;
+using mapper::StepTrace;
+using mapper::Verdict;
+
+std::string num(int n) { return std::to_string(n); }
+
+// "read 5 of 17, stored key length 0, value -1"
+std::string readout(const SearchTrace& s, std::size_t length) {
+  return "read " + num(s.matched) + " of " + std::to_string(length) + ", stored key length " +
+         num(s.storedLength) + ", value " + num(s.value);
+}
+
+std::string appLine(const mapper::QueryTrace& t) {
+  std::string line = "application: key " + quoted(t.appKey) + " ";
+  if (!t.app.attempted || t.app.code != 0) {
+    return line + "could not be searched (code " + num(t.app.code) + "): default decision";
+  }
+  if (!t.appFellToZero) {
+    return line + "found whole (" + readout(t.app, t.appKey.size()) + "): rule number " + num(t.rule);
+  }
+  return line + "is no stored application key (" + readout(t.app, t.appKey.size()) +
+         "): it falls to the rules of every application, rule number 0";
+}
+
+std::string wholeLine(const SearchTrace& s, const std::string& key) {
+  if (!s.attempted) return "whole key: not searched";
+  if (s.code != 0) return "whole key: search failed (code " + num(s.code) + ")";
+  const bool hit = s.storedLength != 0 && s.matched == static_cast<int>(key.size()) &&
+                   s.storedLength == s.matched;
+  return std::string("whole key: ") + (hit ? "matched " + quoted(key) + ", value " + num(s.value)
+                                           : "no (" + readout(s, key.size()) + ")");
+}
+
+std::string prefixLine(const ListTrace& l) {
+  if (!l.address) return "network prefix: not an address";
+  if (!l.bitsSearch.attempted) return "network prefix: not searched";
+  const std::string run = "longest run of address bits in the list: " + num(l.bitsSearch.matched) +
+                          " of " + std::to_string(l.bits.size());
+  if (l.prefixKey.empty() || !l.prefix.attempted) {
+    if (l.bitsSearch.storedLength != 0) return "network prefix: " + run + ", ends on a key end: unusable";
+    return "network prefix: " + run + ", unusable (needs at least 2 and fewer than all)";
+  }
+  const bool hit = l.match == MatchKind::kNetworkPrefix;
+  return "network prefix: " + run + "; prefix key " + quoted(l.prefixKey) +
+         (hit ? " matched, value " + num(l.prefix.value)
+              : " is not stored (" + readout(l.prefix, l.prefixKey.size()) + ")");
+}
+
+// The stored wildcard key a partial match reached, as far as it is known.
+std::string wildcardKey(const ListTrace& l) {
+  if (l.partial.matched < 0 || l.partial.matched > static_cast<int>(l.key.size())) {
+    return "a key of length " + num(l.partial.storedLength);
+  }
+  const std::string suffix = l.key.substr(l.key.size() - static_cast<std::size_t>(l.partial.matched));
+  if (l.partial.storedLength == l.partial.matched + 2) return quoted("#*" + suffix);
+  return "a key of length " + num(l.partial.storedLength) + " ending in " + quoted("*" + suffix);
+}
+
+std::string partialLine(const ListTrace& l) {
+  if (!l.partial.attempted) return "wildcard: not searched (an earlier search matched)";
+  if (l.partial.code != 0) return "wildcard: search failed (code " + num(l.partial.code) + ")";
+  if (l.match == MatchKind::kPartialKey) {
+    return "wildcard: the last " + num(l.partial.matched) + " characters match " + wildcardKey(l) +
+           ", value " + num(l.partial.value);
+  }
+  return "wildcard: no (longest suffix found " + num(l.partial.matched) +
+         " characters, stored key length " + num(l.partial.storedLength) + " at the '*' walk)";
+}
+
+std::string listResult(const ListTrace& l) {
+  if (!l.found) return "no match";
+  const char* how = l.match == MatchKind::kWholeKey        ? "whole key"
+                    : l.match == MatchKind::kNetworkPrefix ? "network prefix"
+                                                           : "wildcard";
+  return std::string("match by ") + how + " (matched " + num(l.matchedLength) + ", stored " +
+         num(l.storedLength) + "), value " + num(l.value);
+}
+
+void writeList(OutputSink& out, const char* name, const ListTrace& l) {
+  out.line(std::string("    ") + name + ": key " + quoted(l.key));
+  out.line("      " + wholeLine(l.whole, l.key));
+  out.line("      " + prefixLine(l));
+  out.line("      " + partialLine(l));
+  out.line("      => " + listResult(l));
+}
+
+std::string verdictLine(Verdict v) {
+  switch (v) {
+    case Verdict::kNeither: return "neither list matched";
+    case Verdict::kOnlyInclude: return "only include matched: include";
+    case Verdict::kOnlyExclude: return "only exclude matched: exclude";
+    case Verdict::kIncludeEqual: return "both matched equally: ties go to include";
+    case Verdict::kIncludeLonger:
+      return "both matched; include is longer in stored key or match: include";
+    case Verdict::kExcludeLonger:
+      return "both matched; exclude is no shorter in either and longer in one: exclude";
+  }
+  return "";
+}
+
+void writeStep(OutputSink& out, const StepTrace& step, bool isFallback) {
+  out.line(std::string("  rule number ") + num(step.rule) +
+           (step.rule == 0 ? " (the rules of every application)" : "") +
+           (isFallback ? ", the fallback:" : ":"));
+  writeList(out, "include", step.include);
+  writeList(out, "exclude", step.exclude);
+  std::string precedence = "    precedence: " + verdictLine(step.verdict);
+  if (step.verdict == Verdict::kNeither) {
+    precedence += step.rule != 0 ? "; falling back to rule number 0" : "; no fallback is left";
+  }
+  out.line(precedence);
+}
+
+// Which rules can have decided: those with the value as id and whose number
+// is the rule number of the deciding step.
+std::string decidingRule(const std::vector<parser::Rule>& rules, const mapper::QueryTrace& t) {
+  if (t.steps.empty() || t.value == mapper::MAP_DEFAULT_DOMAIN_VALUE) {
+    return "no rule decided: the default";
+  }
+  const int rule = t.steps.back().rule;
+  std::string positions;
+  for (int position : positionsOfId(rules, t.value)) {
+    if (ruleNumber(rules[position - 1], position) != rule) continue;
+    positions += (positions.empty() ? "" : ", ") + num(position);
+  }
+  if (positions.empty()) return "id " + num(t.value) + ", at no position of rule number " + num(rule);
+  return "the rule at position " + positions + ", id " + num(t.value);
+}
+
+// The IPv4 address inside an IPv4-mapped IPv6 text ("...:ffff:cb00:7109").
+std::string mappedIpv4(const std::string& expanded) {
+  const unsigned long high = std::stoul(expanded.substr(30, 4), nullptr, 16);
+  const unsigned long low = std::stoul(expanded.substr(35, 4), nullptr, 16);
+  return num(static_cast<int>(high >> 8)) + "." + num(static_cast<int>(high & 0xff)) + "." +
+         num(static_cast<int>(low >> 8)) + "." + num(static_cast<int>(low & 0xff));
+}
+
+void writeMappedNote(OutputSink& out, const std::string& destination) {
+  if (!cidr::isIPv6Address(destination)) return;
+  const std::string expanded = cidr::expandIPv6(destination);
+  if (expanded.rfind(kIpv4MappedText, 0) != 0) return;
+  const std::string ipv4 = mappedIpv4(expanded);
+  out.line("  note: " + destination + " is an IPv4-mapped IPv6 address: IPv4 entries for " + ipv4 +
+           " (the address, or a network holding it) cannot match it as written, only IPv6 "
+           "entries such as ::ffff:" + ipv4 + ". This is a known bypass in filters of this kind.");
+}
+
+void explainOne(OutputSink& out, api::TarnPatternAnalyzer& analyzer,
+                const std::vector<parser::Rule>& rules, const std::string& app,
+                const std::string& destination) {
+  mapper::QueryTrace trace;
+  int value = -1;
+  const int decision = analyzer.query(app, destination, value, &trace);
+  out.line("query: " + quoted(app) + " " + quoted(destination));
+  out.line("  " + appLine(trace));
+  if (!trace.steps.empty()) out.line("  destination searched as " + quoted(trace.destination));
+  writeMappedNote(out, destination);
+  for (std::size_t i = 0; i < trace.steps.size(); ++i) writeStep(out, trace.steps[i], i > 0);
+  out.line("  deciding rule: " + decidingRule(rules, trace));
+  out.line(std::string("  decision: ") +
+           (decision == mapper::TPA_DECISION_INCLUDE ? "include" : "exclude") + "\t" + num(value));
+}
+
+}  // namespace
+
+int runExplain(const Invocation& invocation) {
+  std::string text;
+  if (!loadRules(invocation.rules, text)) return kExitNoInput;
+  api::TarnPatternAnalyzer analyzer;
+  const BuildOutcome built = buildGuarded(analyzer, text);
+  if (int code = reportBuildFailure(built, text, displayName(invocation.rules))) return code;
+
+  parser::JsonParser parser;
+  if (parser.parse(readAsBuilt(analyzer, text), false) != error::TPA_ERROR_NONE) {
+    return kExitBuildFailed;
+  }
+  OutputSink out(STDOUT_FILENO, false);
+  for (const auto& [app, destination] : invocation.pairs) {
+    explainOne(out, analyzer, parser.getRules(), app, destination);
+  }
+  return out.flush() ? kExitOk : kExitIo;
+}
+
+}  // namespace tpa::tools

@@ -1,0 +1,519 @@
+#include "tools/lint.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <exception>
+#include <map>
+#include <set>
+
+#include "api/constants.h"
+#include "cidr/cidr.h"
+#include "mapper/transform.h"
+#include "parser/rule.h"
+
+namespace tpa::tools {
+namespace {
+
+constexpr char kIpv4MappedText[] = "0000:0000:0000:0000:0000:ffff:";
+constexpr int kDefaultId = 2147483647;
+constexpr std::uint8_t kIncludeFlag = 1;
+constexpr std::uint8_t kExcludeFlag = 0;
+
+bool hasBlank(std::string_view s) {
+  return std::any_of(s.begin(), s.end(),
+                     [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; });
+}
+
+bool hasUpper(std::string_view s) {
+  return std::any_of(s.begin(), s.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
+}
+
+bool isBits(std::string_view s) {
+  return !s.empty() && s.find_first_not_of("01") == std::string_view::npos;
+}
+
+// The prefix length written after the first '/', as atoi reads it.
+int writtenPrefix(const std::string& written) {
+  const std::size_t slash = written.find('/');
+  return slash == std::string::npos ? -1 : std::atoi(written.c_str() + slash + 1);
+}
+
+// Bits (most significant first, padded with zeros to `width`) as address text.
+std::string bitsToAddress(std::string bits, int width) {
+  bits.resize(static_cast<std::size_t>(width), '0');
+  unsigned char bytes[16] = {};
+  for (int i = 0; i < width; ++i) {
+    if (bits[i] == '1') bytes[i / 8] |= static_cast<unsigned char>(0x80u >> (i % 8));
+  }
+  char text[INET6_ADDRSTRLEN] = {};
+  inet_ntop(width == 32 ? AF_INET : AF_INET6, bytes, text, sizeof text);
+  return text;
+}
+
+// A destination as written, with what the map makes of it.
+struct Entry {
+  const ScannedString* written;  // null for a default entry
+  StoredDestination stored;
+};
+
+// One rule as the builder numbers it.
+struct RuleView {
+  std::size_t object = 0;
+  std::size_t position = 0;  // 1-based
+  int number = 0;
+  std::vector<const ScannedString*> apps;  // as written; empty means every app
+  const ScannedString* id = nullptr;       // first "id" value, if any
+  std::vector<Entry> include;              // defaults included
+  std::vector<Entry> exclude;
+};
+
+class Linter {
+ public:
+  explicit Linter(const std::string& text) : text_(text), scan_(scanDocument(text)) {}
+
+  std::vector<Finding> run() {
+    findings_ = scan_.findings;
+    checkDocument();
+    for (const KeyedValue& kv : scan_.values) checkValue(kv);
+    collectRules();
+    checkRules();
+    std::stable_sort(findings_.begin(), findings_.end(),
+                     [](const Finding& a, const Finding& b) { return a.offset < b.offset; });
+    return std::move(findings_);
+  }
+
+ private:
+  void note(std::size_t offset, const char* code, std::string message) {
+    findings_.push_back({offset, code, std::move(message)});
+  }
+
+  void checkDocument() {
+    if (text_.empty()) {
+      note(0, "empty-document", "empty document: no rules, so every query is excluded with value -1");
+    } else if (text_ == "[]") {
+      note(0, "empty-array-document",
+           "the document \"[]\" is read as [{}]: one rule for every application that includes "
+           "every destination");
+    }
+  }
+
+  // --- single values -------------------------------------------------------
+
+  void checkValue(const KeyedValue& kv) {
+    if (kv.key == "match_apps") checkApp(kv.value);
+    if (kv.key == "include" || kv.key == "exclude") checkDestination(kv.key, kv.value);
+  }
+
+  void checkApp(const ScannedString& v) {
+    if (v.emptyBrackets) {
+      note(v.offset, "empty-apps-list",
+           "\"match_apps\":[] gives [\"\"]: the rule applies only to an application with an empty "
+           "name, not to every application; leave \"match_apps\" out for that");
+    } else if (v.text.empty()) {
+      note(v.offset, "empty-entry", "empty application name: only an empty application matches it");
+    } else if (v.quoted && hasBlank(v.text)) {
+      note(v.offset, "blank-in-entry",
+           "blank inside " + quoted(v.text) + ": only an application written with the same blank matches");
+    }
+  }
+
+  void checkDestination(const std::string& key, const ScannedString& v) {
+    const StoredDestination d = storeDestination(v.text);
+    if (d.threw) {
+      note(v.offset, "build-throws",
+           "storing " + quoted(v.text) + " throws (" + d.what + "): the build ends in an exception");
+    } else if (v.emptyBrackets || v.text.empty()) {
+      if (key == "include") checkEmptyInclude(v);
+    } else if (d.network != 0) {
+      checkNetwork(v, d);
+    } else if (cidr::isIPAddress(v.text)) {
+      checkAddress(v, d);
+    } else if (d.stored.find('/') != std::string::npos || v.text.find(':') != std::string::npos) {
+      note(v.offset, "not-a-destination",
+           quoted(v.text) + " is no host name, address or network (a URL, path or port?): it is "
+           "compared as plain text and never matches a destination");
+    } else {
+      checkName(v);
+    }
+  }
+
+  void checkEmptyInclude(const ScannedString& v) {
+    if (v.emptyBrackets) {
+      note(v.offset, "empty-include-list",
+           "\"include\":[] gives [\"\"], which matches nothing; leave \"include\" out to include "
+           "every destination (\"*\")");
+    } else {
+      note(v.offset, "empty-entry", "empty destination: it matches only an empty destination");
+    }
+  }
+
+  void checkNetwork(const ScannedString& v, const StoredDestination& d) {
+    if (isBits(d.stored)) {
+      if (d.stored.size() == 1) {
+        note(v.offset, "network-never-matches",
+             "a network of one bit never matches: a prefix match needs at least 2 bits");
+      }
+      if (d.network == 6 && d.stored.size() >= 96 &&
+          d.stored.compare(0, 96, std::string(80, '0') + std::string(16, '1')) == 0) {
+        noteMapped(v);
+      }
+      return;
+    }
+    const int prefix = writtenPrefix(v.text);
+    if (prefix == 0) {
+      note(v.offset, "network-zero-prefix",
+           "a /0 network is stored as its address: it matches that one address only, not every address");
+    } else if (d.network == 4 && prefix > 32) {
+      note(v.offset, "network-prefix-clamped",
+           "an IPv4 prefix above 32 is cut to 32: only the address itself matches");
+    }
+  }
+
+  void checkAddress(const ScannedString& v, const StoredDestination& d) {
+    if (cidr::isIPv6Address(v.text) && d.stored.rfind(kIpv4MappedText, 0) == 0) noteMapped(v);
+  }
+
+  void noteMapped(const ScannedString& v) {
+    note(v.offset, "ipv4-mapped",
+         "IPv4-mapped IPv6 entry: it matches only destinations written as IPv6 (::ffff:a.b.c.d), "
+         "never the IPv4 address a.b.c.d; list the IPv4 form too");
+  }
+
+  void checkName(const ScannedString& v) {
+    const std::string& t = v.text;
+    if (t.find('*') != std::string::npos) checkWildcard(v);
+    if (hasUpper(t)) {
+      note(v.offset, "upper-case",
+           "upper-case letters: destinations are compared byte for byte, and queries arrive in "
+           "lower case");
+    }
+    if (t.back() == '.') {
+      note(v.offset, "trailing-dot",
+           "trailing dot: " + quoted(t) + " does not match " + quoted(t.substr(0, t.size() - 1)));
+    }
+    if (t.front() == '.') {
+      note(v.offset, "leading-dot",
+           "a leading '.' is no wildcard: only the exact text " + quoted(t) + " matches; write " +
+               quoted("*" + t) + " for its subdomains");
+    }
+    if (v.quoted && hasBlank(t)) {
+      note(v.offset, "blank-in-entry",
+           "blank inside " + quoted(t) + ": only a destination written with the same blank matches");
+    }
+  }
+
+  void checkWildcard(const ScannedString& v) {
+    const std::string& t = v.text;
+    const std::size_t first = t.find('*');
+    const std::size_t last = t.rfind('*');
+    if (t == "*") return;
+    const std::string rest = t.substr(last + 1);
+    if (first != 0 || first != last) {
+      note(v.offset, "wildcard-misplaced",
+           "'*' not only at the start: the text before the last '*' is ignored, so " + quoted(t) +
+               (rest.empty() ? " matches every destination of this rule"
+                             : " matches every name that ends in " + quoted(rest)));
+    } else if (t.size() > 1 && t[1] != '.') {
+      note(v.offset, "wildcard-no-dot",
+           quoted(t) + " matches every name that ends in " + quoted(rest) + ", " +
+               quoted("bad" + rest) + " too; write " + quoted("*." + rest) + " for its subdomains");
+    }
+  }
+
+  // --- rules -----------------------------------------------------------------
+
+  void collectRules() {
+    for (std::size_t k = 0; k < scan_.rules.size(); ++k) {
+      views_.push_back(makeView(scan_.objects[scan_.rules[k]], scan_.rules[k], k + 1));
+    }
+  }
+
+  RuleView makeView(const ScannedObject& object, std::size_t index, std::size_t position) {
+    RuleView view;
+    view.object = index;
+    view.position = position;
+    view.apps = object.valuesOf("match_apps");
+    const auto ids = object.valuesOf("id");
+    if (!ids.empty()) view.id = ids.front();
+    const bool everyApp =
+        view.apps.empty() ||
+        (view.apps.size() == 1 && view.apps[0]->text == sigma::sentinel::LAMBDA_STRING);
+    view.number = everyApp ? mapper::TPA_RULE_NUMBER_ZERO : static_cast<int>(position);
+    view.include = entries(object.valuesOf("include"), "*");
+    view.exclude = entries(object.valuesOf("exclude"), "");
+    return view;
+  }
+
+  std::vector<Entry> entries(const std::vector<const ScannedString*>& written,
+                             const std::string& fallback) {
+    std::vector<Entry> list;
+    for (const ScannedString* w : written) list.push_back({w, storeDestination(w->text)});
+    if (list.empty()) list.push_back({nullptr, storeDestination(fallback)});
+    for (const Entry& e : list) anyThrew_ = anyThrew_ || e.stored.threw;
+    return list;
+  }
+
+  void checkRules() {
+    std::set<std::size_t> seen;
+    for (const RuleView& view : views_) {
+      if (!seen.insert(view.object).second) continue;
+      checkId(view);
+      checkApps(view);
+      checkBothLists(view);
+    }
+    if (!anyThrew_) checkMachineWalks();
+  }
+
+  void checkId(const RuleView& view) {
+    if (view.id == nullptr) {
+      note(scan_.objects[view.object].open, "missing-id",
+           "rule without \"id\": the decisions it makes report " + std::to_string(kDefaultId));
+      return;
+    }
+    const int id = readId(*view.id);
+    const auto [it, fresh] = positionOfId_.emplace(id, view.position);
+    if (!fresh) {
+      note(view.id->offset, "duplicate-id",
+           "id " + std::to_string(id) + " is also the id of the rule at position " +
+               std::to_string(it->second) + ": a decision's value cannot tell them apart");
+    }
+  }
+
+  // atoi's reading of an id, with a warning when it is not what was written.
+  int readId(const ScannedString& v) {
+    const char* start = v.text.c_str();
+    char* end = nullptr;
+    errno = 0;
+    const long wide = std::strtol(start, &end, 10);
+    const bool range = errno == ERANGE || wide < INT32_MIN || wide > INT32_MAX;
+    const int id = static_cast<int>(wide);  // what atoi returns on this platform
+    std::string_view rest(end);
+    while (!rest.empty() && std::isspace(static_cast<unsigned char>(rest.front()))) {
+      rest.remove_prefix(1);
+    }
+    std::string problem;
+    if (end == start) {
+      problem = " is no number";
+    } else if (!rest.empty()) {
+      problem = " has text after its digits";
+    } else if (range) {
+      problem = " is outside the int range";
+    }
+    if (!problem.empty()) {
+      note(v.offset, "id-atoi",
+           "id " + quoted(v.text) + problem + ": atoi reads it as " + std::to_string(id));
+    }
+    return id;
+  }
+
+  void checkApps(const RuleView& view) {
+    for (const ScannedString* app : view.apps) {
+      if (app->text == sigma::sentinel::LAMBDA_STRING) {
+        if (view.apps.size() > 1) {
+          note(app->offset, "lambda-mixed",
+               "\"#LAMBDA-APP\" among other applications does not make the rule apply to every "
+               "application: it keeps its own rule number");
+        }
+        continue;
+      }
+      const auto [it, fresh] = positionOfApp_.emplace(app->text, view.position);
+      if (!fresh && it->second != view.position) {
+        note(app->offset, "app-in-several-rules",
+             "application " + quoted(app->text) + " is also listed by the rule at position " +
+                 std::to_string(it->second) +
+                 ": an application has one rule number, and it keeps the earlier rule's");
+      }
+    }
+  }
+
+  void checkBothLists(const RuleView& view) {
+    std::set<std::string> included;
+    for (const Entry& e : view.include) {
+      if (!e.stored.threw) included.insert(e.stored.stored);
+    }
+    for (const Entry& e : view.exclude) {
+      if (e.written == nullptr || e.stored.threw || e.written->text.empty()) continue;
+      if (included.count(e.stored.stored) != 0) {
+        note(e.written->offset, "include-and-exclude",
+             quoted(e.written->text) + " is also in this rule's include list: equal matches go to "
+             "include, so this exclude entry never decides");
+      }
+    }
+  }
+
+  // --- network-prefix walks ------------------------------------------------------
+
+  // The text of one domain machine: every key of every rule, in order.
+  std::string machineText(bool include) const {
+    std::string text;
+    for (const RuleView& view : views_) {
+      for (const Entry& e : include ? view.include : view.exclude) {
+        text += mapper::transformDomain(e.stored.stored, view.number,
+                                        include ? kIncludeFlag : kExcludeFlag);
+      }
+    }
+    return text;
+  }
+
+  void checkMachineWalks() {
+    const std::string includeText = machineText(true);
+    const std::string excludeText = machineText(false);
+    std::set<std::size_t> seen;
+    for (const RuleView& view : views_) {
+      if (!seen.insert(view.object).second) continue;
+      for (const Entry& e : view.include) {
+        checkWalk(e, includeText, "include");
+        checkWildcardWalk(e, view, kIncludeFlag, includeText);
+      }
+      for (const Entry& e : view.exclude) {
+        checkWalk(e, excludeText, "exclude");
+        checkWildcardWalk(e, view, kExcludeFlag, excludeText);
+      }
+    }
+  }
+
+  // The wildcard search takes the longest end of the queried key found
+  // anywhere in the machine and then reads it behind a '*'. When another key
+  // holds the wildcard's tail with one more character before it, names with
+  // that character there take the longer tail, and the '*' walk fails.
+  void checkWildcardWalk(const Entry& e, const RuleView& view, std::uint8_t flag,
+                         const std::string& machine) {
+    const std::string& name = e.stored.stored;
+    if (name.empty() || name[0] != '*' ||
+        name.find('*', 1) != std::string::npos) {
+      return;
+    }
+    const std::string tail = mapper::transformDomain(name.substr(1), view.number, flag).substr(1);
+    std::set<char> before;
+    for (std::size_t at = machine.find(tail, 1); at != std::string::npos; at = machine.find(tail, at + 1)) {
+      const char c = machine[at - 1];
+      if (c != '*' && c != sigma::sentinel::PRECEDING_SYMBOL) before.insert(c);
+    }
+    if (before.empty()) return;
+    const std::string longer = std::string(1, *before.begin()) + name.substr(1);
+    const bool written = e.written != nullptr;
+    note(written ? e.written->offset : scan_.objects[view.object].open, "wildcard-shadowed",
+         (written ? quoted(e.written->text) : "the default include \"*\"") + " does not match names that end in " + quoted(longer) +
+             " (such as " + quoted("x" + longer) + ") unless they are stored whole: the wildcard "
+             "search follows the longer tail " + quoted(longer) + " of another entry in this list");
+  }
+
+  // The prefix search reads the address bits as far as the machine's text
+  // allows and tries only that longest run; a network whose bits continue
+  // anywhere in the text loses the addresses that continue the same way.
+  void checkWalk(const Entry& e, const std::string& machine, const char* list) {
+    const std::string& bits = e.stored.stored;
+    const int width = e.stored.network == 4 ? 32 : 128;
+    if (e.written == nullptr || e.stored.network == 0 || !isBits(bits) || bits.size() < 2) return;
+    for (const char next : {'0', '1'}) {
+      if (machine.find(bits + next) == std::string::npos) continue;
+      std::string example = bits + next;
+      extendWalk(example, machine, width);
+      note(e.written->offset, "network-shadowed",
+           "addresses of this network whose next bit is " + std::string(1, next) + " (such as " +
+               bitsToAddress(example, width) + ") are not matched by it: the prefix search in the " +
+               list + " list follows a longer run of stored bits and tries only that run");
+      return;
+    }
+  }
+
+  // Extends `bits` to where the search stops, choosing a bit the text lacks.
+  static void extendWalk(std::string& bits, const std::string& machine, int width) {
+    while (static_cast<int>(bits.size()) < width) {
+      const bool zero = machine.find(bits + '0') != std::string::npos;
+      const bool one = machine.find(bits + '1') != std::string::npos;
+      if (!zero || !one) {
+        bits.push_back(zero ? '1' : '0');
+        return;
+      }
+      bits.push_back('0');
+    }
+  }
+
+  const std::string& text_;
+  DocumentScan scan_;
+  std::vector<Finding> findings_;
+  std::vector<RuleView> views_;  // one per rule the parser builds, in its order
+  bool anyThrew_ = false;        // some destination cannot be stored
+  std::map<int, std::size_t> positionOfId_;
+  std::map<std::string, std::size_t> positionOfApp_;
+};
+
+}  // namespace
+
+std::vector<Finding> lintDocument(const std::string& text) { return Linter(text).run(); }
+
+namespace {
+
+// The network kind of a destination that the rule's sanitising already
+// turned into bits (an IPv6 network), or 0. Only asks for the kind when
+// sanitising asked the same question, so it cannot throw where it did not.
+int sanitizedNetworkKind(const std::string& written) {
+  std::string unspecified;
+  if (cidr::isIPv4Address(written) || cidr::isIPv6Address(written) ||
+      cidr::isUnspecifiedIPAddress(written, unspecified)) {
+    return 0;
+  }
+  return cidr::isCidrIpAddress(written);
+}
+
+}  // namespace
+
+StoredDestination storeDestination(const std::string& written) {
+  StoredDestination d;
+  try {
+    std::vector<std::string> one{written};
+    parser::sanitize(one);
+    d.sanitized = one[0];
+    // The map's own normalisation of a sanitised destination.
+    d.network = cidr::isCidrIpAddress(d.sanitized);
+    if (d.network != 0) {
+      d.stored = cidr::extractNetworkID(d.sanitized);
+    } else if (cidr::isIPv6Address(d.sanitized)) {
+      d.stored = cidr::expandIPv6(d.sanitized);
+    } else if (cidr::isIPv4Address(d.sanitized)) {
+      d.stored = cidr::expandIpv4Addr(d.sanitized);
+    } else {
+      d.stored = d.sanitized;
+      d.network = sanitizedNetworkKind(written);
+    }
+  } catch (const std::exception& e) {
+    d.threw = true;
+    d.what = e.what();
+  }
+  return d;
+}
+
+bool findThrowingValue(const std::string& text, KeyedValue& value, std::string& what) {
+  const DocumentScan scan = scanDocument(text);
+  for (const KeyedValue& kv : scan.values) {
+    if (kv.key != "include" && kv.key != "exclude") continue;
+    const StoredDestination d = storeDestination(kv.value.text);
+    if (d.threw) {
+      value = kv;
+      what = d.what;
+      return true;
+    }
+  }
+  return false;
+}
+
+LineIndex::LineIndex(std::string_view text) {
+  lineStarts_.push_back(0);
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\n') lineStarts_.push_back(i + 1);
+  }
+}
+
+std::pair<std::size_t, std::size_t> LineIndex::at(std::size_t offset) const {
+  const auto it = std::upper_bound(lineStarts_.begin(), lineStarts_.end(), offset);
+  const std::size_t line = static_cast<std::size_t>(it - lineStarts_.begin());
+  return {line, offset - lineStarts_[line - 1] + 1};
+}
+
+}  // namespace tpa::tools

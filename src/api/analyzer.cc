@@ -57,8 +57,8 @@ int Builder::build(const std::string& source, bool fromFile) {
   int ordinal = 0;
   for (parser::Rule& rule : parser.getRules()) {
     ++ordinal;
-    result = fresh->put(ruleNumberOf(rule, ordinal), rule.apps, rule.includeList,
-                        rule.excludeList, rule.id);
+    result = fresh->put(ruleNumberOf(rule, ordinal), rule.apps, rule.includeList, rule.excludeList,
+                        rule.id);
     if (result != error::TPA_ERROR_NONE) return result;
     // Free each rule's strings as soon as the map holds them, so that a large
     // document is never held twice in memory.
@@ -114,13 +114,12 @@ int TarnPatternAnalyzer::validate(std::string& text) {
   return error::TPA_ERROR_NONE;
 }
 
-int TarnPatternAnalyzer::query(const std::string& app, const std::string& destination,
-                               int& value) {
+int TarnPatternAnalyzer::query(const std::string& app, const std::string& destination, int& value) {
   return query(app, destination, value, nullptr);
 }
 
-int TarnPatternAnalyzer::query(const std::string& app, const std::string& destination,
-                               int& value, mapper::QueryTrace* trace) {
+int TarnPatternAnalyzer::query(const std::string& app, const std::string& destination, int& value,
+                               mapper::QueryTrace* trace) {
   std::unique_lock<std::shared_mutex> lock(mutex);
   return builder.query(app, destination, value, trace);
 }

@@ -39,10 +39,9 @@ class TPA_EXPORT Builder {
   // and a destination; `value` receives the deciding rule's id (-1 when no rule
   // matched). Without a map: exclude, and `value` is left untouched. `trace`,
   // when given, records how the decision was reached.
-  [[nodiscard]] int query(const std::string& app, const std::string& destination,
-                          int& value) const;
-  [[nodiscard]] int query(const std::string& app, const std::string& destination,
-                          int& value, mapper::QueryTrace* trace) const;
+  [[nodiscard]] int query(const std::string& app, const std::string& destination, int& value) const;
+  [[nodiscard]] int query(const std::string& app, const std::string& destination, int& value,
+                          mapper::QueryTrace* trace) const;
 
   // Empties the query caches of the current map, if there is one.
   void clearCache();
@@ -71,10 +70,9 @@ class TPA_EXPORT TarnPatternAnalyzer {
   int validate(std::string& text);
 
   // Builder::query under the lock.
-  [[nodiscard]] int query(const std::string& app, const std::string& destination,
-                          int& value);
-  [[nodiscard]] int query(const std::string& app, const std::string& destination,
-                          int& value, mapper::QueryTrace* trace);
+  [[nodiscard]] int query(const std::string& app, const std::string& destination, int& value);
+  [[nodiscard]] int query(const std::string& app, const std::string& destination, int& value,
+                          mapper::QueryTrace* trace);
 
   // The current map, for inspection (sizes of the automata). Not locked: read
   // it only while no other thread builds.

@@ -53,8 +53,7 @@ void logPendingException(JNIEnv* env) {
   env->ExceptionClear();
   jclass exceptionClass = env->GetObjectClass(exception);
   std::string name = callStringMethod(env, exceptionClass, "java/lang/Class", "getName");
-  std::string message =
-      callStringMethod(env, exception, "java/lang/Throwable", "getMessage");
+  std::string message = callStringMethod(env, exception, "java/lang/Throwable", "getMessage");
   env->DeleteLocalRef(exceptionClass);
   env->DeleteLocalRef(exception);
   __android_log_print(tpa::log::kFatal, tpa::log::kJniHelpTag, "%s: %s", name.c_str(),
@@ -63,13 +62,12 @@ void logPendingException(JNIEnv* env) {
 
 }  // namespace
 
-int jniRegisterNativeMethods(JNIEnv* env, const char* className,
-                             const JNINativeMethod* methods, int count) {
+int jniRegisterNativeMethods(JNIEnv* env, const char* className, const JNINativeMethod* methods,
+                             int count) {
   jclass clazz = env->FindClass(className);
   if (clazz == nullptr) {
     __android_log_assert("clazz == NULL", tpa::log::kJniHelpTag,
-                         "Native registration unable to find class '%s'; aborting...",
-                         className);
+                         "Native registration unable to find class '%s'; aborting...", className);
   }
   int result = env->RegisterNatives(clazz, methods, count);
   if (result < 0) {

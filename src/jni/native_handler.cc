@@ -44,9 +44,9 @@ class Utf8Chars {
 
 void com_velmora_android_tarn_app_networkfilter_native_configure(JNIEnv* env, jobject /*thiz*/,
                                                                  jstring first, jstring second) {
-  __android_log_print(tpa::log::kDebug, tpa::log::kNativeTag,
-                      "com_velmora_android_tarn_app_networkfilter_native_configure: process Id is %d",
-                      getpid());
+  __android_log_print(
+      tpa::log::kDebug, tpa::log::kNativeTag,
+      "com_velmora_android_tarn_app_networkfilter_native_configure: process Id is %d", getpid());
   std::atexit(jni_cleanup);
   // The two strings are fetched and released, but nothing reads them.
   std::optional<Utf8Chars> firstChars;
@@ -72,10 +72,8 @@ jint com_velmora_android_tarn_app_networkfilter_native_build(JNIEnv* env, jobjec
 }
 
 jboolean com_velmora_android_tarn_app_networkfilter_native_query(JNIEnv* env, jobject thiz,
-                                                                 jstring app,
-                                                                 jstring destination) {
-  if (env == nullptr || thiz == nullptr || destination == nullptr || app == nullptr ||
-      !analyzer) {
+                                                                 jstring app, jstring destination) {
+  if (env == nullptr || thiz == nullptr || destination == nullptr || app == nullptr || !analyzer) {
     return JNI_FALSE;
   }
   Utf8Chars appChars(env, app);

@@ -23,8 +23,7 @@ jint com_velmora_android_tarn_app_networkfilter_native_build(JNIEnv* env, jobjec
 // True exactly when the rules include `destination` for `app`; false for any
 // null argument, before configure, or when the text is unavailable.
 jboolean com_velmora_android_tarn_app_networkfilter_native_query(JNIEnv* env, jobject thiz,
-                                                                 jstring app,
-                                                                 jstring destination);
+                                                                 jstring app, jstring destination);
 
 // Destroys the analyzer, if any. Registered with atexit by configure.
 void jni_cleanup();

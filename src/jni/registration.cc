@@ -17,8 +17,7 @@ namespace {
 // JNI headers; the JVM never writes through them.
 template <typename Function>
 JNINativeMethod row(const char* name, const char* signature, Function* function) {
-  return {const_cast<char*>(name), const_cast<char*>(signature),
-          reinterpret_cast<void*>(function)};
+  return {const_cast<char*>(name), const_cast<char*>(signature), reinterpret_cast<void*>(function)};
 }
 
 JNINativeMethod configureRow() {
@@ -63,8 +62,7 @@ int register_com_velmora_android_tarn_app_networkfilter_native(JNIEnv* env) {
   const JNINativeMethod service[] = {configureRow(), buildRow()};
   const JNINativeMethod query[] = {queryRow()};
   const JNINativeMethod udp[] = {setNetworkRow(), queryRow()};
-  const JNINativeMethod tcp[] = {originalAddressRow(), setNetworkRow(), ipOptionsRow(),
-                                 queryRow()};
+  const JNINativeMethod tcp[] = {originalAddressRow(), setNetworkRow(), ipOptionsRow(), queryRow()};
   const JNINativeMethod http[] = {queryRow(), setNetworkRow()};
   const Registration registrations[] = {
       {"com/velmora/android/tarn/app/networkfilter/dns/DefaultDnsProxyService", service},

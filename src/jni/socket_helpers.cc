@@ -24,8 +24,7 @@ constexpr size_t kPortBufferSize = 32;
 
 void com_velmora_android_tarn_app_networkfilter_native_setNetworkForSocketFd(JNIEnv* /*env*/,
                                                                              jobject /*thiz*/,
-                                                                             jint fd,
-                                                                             jint netId) {
+                                                                             jint fd, jint netId) {
   // Java passes (fd, netId); the network client takes them the other way round.
   (void)setNetworkForSocket(static_cast<unsigned>(netId), fd);
 }
@@ -43,9 +42,10 @@ jstring com_velmora_android_tarn_app_networkfilter_native_getOriginalSockAddress
   int result = getsockopt(fd, SOL_IP, SO_ORIGINAL_DST, &address, &length);
   const char* dotted = inet_ntoa(address.sin_addr);  // a per-thread buffer
   int port = ntohs(address.sin_port);
-  __android_log_print(tpa::log::kError, tpa::log::kNativeTag,
-                      "SO_ORIGINAL_DST result is %d and original IP details are %s and the port is %d",
-                      result, dotted, port);
+  __android_log_print(
+      tpa::log::kError, tpa::log::kNativeTag,
+      "SO_ORIGINAL_DST result is %d and original IP details are %s and the port is %d", result,
+      dotted, port);
   char portText[kPortBufferSize] = {};
   std::snprintf(portText, sizeof portText, "%d", port);
   std::string text = std::string(dotted) + "|" + portText;

@@ -11,8 +11,7 @@ namespace android {
 
 // Binds `fd` to the network `netId`; the result is ignored.
 void com_velmora_android_tarn_app_networkfilter_native_setNetworkForSocketFd(JNIEnv* env,
-                                                                             jobject thiz,
-                                                                             jint fd,
+                                                                             jobject thiz, jint fd,
                                                                              jint netId);
 
 // "a.b.c.d|port", the destination a redirected IPv4 connection was sent to;

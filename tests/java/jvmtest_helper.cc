@@ -70,8 +70,8 @@ JNIEXPORT jobjectArray JNICALL Java_tpa_jvmtest_TestNatives_stopLogCapture(JNIEn
   jobjectArray lines = env->NewObjectArray(static_cast<jsize>(records.size()),
                                            env->FindClass("java/lang/String"), nullptr);
   for (size_t i = 0; i < records.size(); ++i) {
-    std::string line = std::to_string(records[i].priority) + "|" + records[i].tag + "|" +
-                       records[i].text;
+    std::string line =
+        std::to_string(records[i].priority) + "|" + records[i].tag + "|" + records[i].text;
     jstring text = env->NewStringUTF(line.c_str());
     env->SetObjectArrayElement(lines, static_cast<jsize>(i), text);
     env->DeleteLocalRef(text);

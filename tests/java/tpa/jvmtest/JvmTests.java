@@ -41,6 +41,10 @@ public final class JvmTests {
   private static final String NATIVE_TAG = "tarnnwfilternativehandler";
   private static final int AF_INET = 2;
   private static final int AF_INET6 = 10;
+  private static final String ENTRY = "com_velmora_android_tarn_app_networkfilter_native_";
+  /** The log record of a build whose text is malformed. */
+  private static final String MALFORMED =
+      "6|tarn_patteren_analyzer.so|[BUILDER] parse json failed : [-4]\n";
 
   /** Two rules: com.example.mail's own (rule 1, id 7) and the any-application rule (id 9). */
   static final String EXAMPLE =
@@ -149,7 +153,8 @@ public final class JvmTests {
   /** Asks every registered nativeQuery and checks that they all give `expected`. */
   private void expectQuery(boolean expected, String app, String destination) {
     for (Querier querier : queriers) {
-      checkEquals(expected, querier.query(app, destination), "query(" + app + ", " + destination + ")");
+      String what = "query(" + app + ", " + destination + ")";
+      checkEquals(expected, querier.query(app, destination), what);
     }
   }
 
@@ -183,16 +188,27 @@ public final class JvmTests {
   }
 
   private void exampleDocument() {
+    long pid = ProcessHandle.current().pid();
+    TestNatives.startLogCapture();
     configure();
     checkEquals(0, tcpService.nativeBuild(EXAMPLE), "build");
     expectExampleAnswers();
+    checkEquals(
+        List.of(
+            nativeRecord(3, ENTRY + "configure: process Id is " + pid),
+            nativeRecord(3, ENTRY + "build: process Id is " + pid)),
+        captured(),
+        "log: one trace each, none for queries");
   }
 
   private void failedBuildKeepsOldRules() {
     build(EXAMPLE);
     expectQuery(true, "com.example.mail", "cdn.shop.test");  // fills the caches
-    check(udpService.nativeBuild("[{\"include\": [\"cdn.shop.test\"]") < 0, "unbalanced text fails");
-    check(dnsService.nativeBuild("[{}") < 0, "unbalanced text fails");
+    TestNatives.startLogCapture();
+    checkEquals(-4, udpService.nativeBuild("[{\"include\": [\"cdn.shop.test\"]"), "unbalanced");
+    checkEquals(-4, dnsService.nativeBuild("[{}"), "unbalanced text");
+    List<String> log = captured();
+    checkEquals(2L, log.stream().filter(MALFORMED::equals).count(), "failures logged:\n" + log);
     expectExampleAnswers();
   }
 
@@ -275,6 +291,7 @@ public final class JvmTests {
                 builds.incrementAndGet();
               }
             }));
+    TestNatives.startLogCapture();  // 300 failed builds: count their lines, keep the output clean
     for (Thread thread : threads) thread.start();
     long deadline = System.nanoTime() + TimeUnit.SECONDS.toNanos(120);
     for (Thread thread : threads) {
@@ -285,6 +302,7 @@ public final class JvmTests {
         Runtime.getRuntime().halt(2);
       }
     }
+    checkEquals(300L, captured().stream().filter(MALFORMED::equals).count(), "failures logged");
     checkEquals(null, firstWrong.get(), "first wrong answer (" + wrong.get() + " in all)");
     checkEquals(300, builds.get(), "rebuilds");
     // The writer's last document was `before`.
@@ -344,7 +362,8 @@ public final class JvmTests {
       listener.bind(new InetSocketAddress("127.0.0.1", 0));
       datagram.bind(new InetSocketAddress("127.0.0.1", 0));
       TestNatives.startLogCapture();
-      String listening = tcpServer.nativeGetOriginalSockAddress(AF_INET, TestNatives.fdOf(listener));
+      int listenerFd = TestNatives.fdOf(listener);
+      String listening = tcpServer.nativeGetOriginalSockAddress(AF_INET, listenerFd);
       String udp = tcpServer.nativeGetOriginalSockAddress(AF_INET, TestNatives.fdOf(datagram));
       List<String> log = captured();
       checkEquals("0.0.0.0|0", listening, "listening socket");
@@ -445,7 +464,7 @@ public final class JvmTests {
   }
 
   private static Child runProbe(String classPath) throws IOException, InterruptedException {
-    String java = System.getProperty("java.home") + File.separator + "bin" + File.separator + "java";
+    String java = String.join(File.separator, System.getProperty("java.home"), "bin", "java");
     String command =
         "ulimit -c 0; exec \"$0\" -Xcheck:jni -Djava.library.path=\"$1\" -cp \"$2\""
             + " tpa.jvmtest.RegistrationProbe";
@@ -474,23 +493,23 @@ public final class JvmTests {
 
   private void failedRegistration() throws Exception {
     Child child = runProbe(probePath("tpa.broken.cp"));
+    String output = child.output;
     String failing = "com/velmora/android/tarn/app/networkfilter/tcp/DefaultHttpProxyServer";
-    check(child.output.contains("java.lang.NoSuchMethodError: "), "exception logged:\n" + child.output);
-    check(
-        child.output.contains("RegisterNatives failed for '" + failing + "'; aborting..."),
-        "failure logged:\n" + child.output);
-    check(child.output.contains("probe: last class answers ''"), "later class registered:\n" + child.output);
-    check(!child.output.contains("WARNING in native method"), "clean JNI use:\n" + child.output);
+    String failure = "RegisterNatives failed for '" + failing + "'; aborting...";
+    check(output.contains("java.lang.NoSuchMethodError: "), "exception logged:\n" + output);
+    check(output.contains(failure), "failure logged:\n" + output);
+    check(output.contains("probe: last class answers ''"), "later class registered:\n" + output);
+    check(!output.contains("WARNING in native method"), "clean JNI use:\n" + output);
     checkEquals(0, child.exitCode, "exit code");
   }
 
   private void missingClass() throws Exception {
     Child child = runProbe(probePath("tpa.probe.cp"));
+    String output = child.output;
     String first = "com/velmora/android/tarn/app/networkfilter/dns/DefaultDnsProxyService";
-    check(
-        child.output.contains("Native registration unable to find class '" + first + "'; aborting..."),
-        "abort message:\n" + child.output);
-    check(!child.output.contains("probe: loaded"), "the load did not return:\n" + child.output);
+    String abort = "Native registration unable to find class '" + first + "'; aborting...";
+    check(output.contains(abort), "abort message:\n" + output);
+    check(!output.contains("probe: loaded"), "the load did not return:\n" + output);
     check(child.exitCode != 0, "process aborted");
   }
 }

@@ -279,6 +279,7 @@ class Scanner {
   }
 
   void noteKey(const ScannedString& key) {
+    if (curly_ <= 0) return;  // outside objects: string-outside-object says it
     for (const ScannedProperty& p : current_.properties) {
       if (p.key.text == key.text && !key.text.empty()) {
         note(key.offset, "duplicate-key",
@@ -340,8 +341,8 @@ std::string nearestRuleKey(std::string_view key) {
     }
   }
   // A typo changes a few letters; beyond that the key means something else.
-  const std::size_t limit = std::max<std::size_t>(2, best.size() / 3);
-  return bestDistance <= limit ? best : std::string();
+  const std::size_t limit = std::max<std::size_t>(1, best.size() / 3);
+  return bestDistance <= limit && bestDistance < key.size() ? best : std::string();
 }
 
 std::string quoted(std::string_view text) {

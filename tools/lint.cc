@@ -84,6 +84,13 @@ class Linter {
     checkRules();
     std::stable_sort(findings_.begin(), findings_.end(),
                      [](const Finding& a, const Finding& b) { return a.offset < b.offset; });
+    // An object pushed twice (nested braces) would say the same thing twice.
+    findings_.erase(std::unique(findings_.begin(), findings_.end(),
+                                [](const Finding& a, const Finding& b) {
+                                  return a.offset == b.offset && a.code == b.code &&
+                                         a.message == b.message;
+                                }),
+                    findings_.end());
     return std::move(findings_);
   }
 
@@ -480,8 +487,8 @@ StoredDestination storeDestination(const std::string& written) {
       d.stored = cidr::expandIpv4Addr(d.sanitized);
     } else {
       d.stored = d.sanitized;
-      d.network = sanitizedNetworkKind(written);
     }
+    if (d.network == 0) d.network = sanitizedNetworkKind(written);
   } catch (const std::exception& e) {
     d.threw = true;
     d.what = e.what();

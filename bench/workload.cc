@@ -367,7 +367,11 @@ std::string QueryMaker::destinationFor(Target t, const Entry* e) {
   V6 a{};
   const std::uint64_t bits = rng_.next();
   for (int i = 0; i < 8; ++i) a[i] = static_cast<std::uint8_t>(bits >> (8 * i));
-  a[0] = 0x3f;  // outside the 2000::/4 block that rules use
+  // fd00::/8: outside the 2000::/4 of the rules' IPv6 entries, and its first
+  // bits match no rule's IPv4 network either (their first octets stay below
+  // 224). Addresses are compared as bare bit strings, so an IPv6 address can
+  // otherwise fall into an IPv4 network.
+  a[0] = 0xfd;
   return v6Text(a);
 }
 

@@ -27,6 +27,11 @@ struct BuildOutcome {
 [[nodiscard]] int reportBuildFailure(const BuildOutcome& outcome, const std::string& text,
                                      const std::string& documentName);
 
+// Reads RULES (a path or "-") into `text` and builds it into `analyzer`,
+// reporting any failure on stderr. Returns kExitOk or the exit code.
+[[nodiscard]] int buildDocument(const std::string& rules, std::string& text,
+                                api::TarnPatternAnalyzer& analyzer);
+
 }  // namespace tpa::tools
 
 #endif  // TPA_TOOLS_BUILD_GUARD_H_

@@ -14,7 +14,7 @@
 #include "tools/commands.h"
 #include "tools/line_io.h"
 #include "tools/lint.h"
-#include "tools/rule_numbers.h"
+#include "tools/built_document.h"
 
 namespace tpa::tools {
 namespace {
@@ -55,7 +55,7 @@ void writeBuildReport(OutputSink& out, api::TarnPatternAnalyzer& analyzer,
   }
   if (m.outcome.threw || m.outcome.code != error::TPA_ERROR_NONE) return;
   parser::JsonParser parser;
-  (void)parser.parse(readAsBuilt(analyzer, text), false);
+  (void)parseAsBuilt(parser, analyzer, text);
   out.line("rules: " + std::to_string(parser.getRules().size()));
   const mapper::Map* map = analyzer.getMap();
   out.line("automaton states: " + machineSize("apps", map ? map->appsMachine() : nullptr) + ", " +

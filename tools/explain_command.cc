@@ -14,7 +14,7 @@
 #include "tools/commands.h"
 #include "tools/doc_scan.h"
 #include "tools/line_io.h"
-#include "tools/rule_numbers.h"
+#include "tools/built_document.h"
 
 namespace tpa::tools {
 namespace {
@@ -189,19 +189,11 @@ void explainOne(OutputSink& out, api::TarnPatternAnalyzer& analyzer,
 }  // namespace
 
 int runExplain(const Invocation& invocation) {
-  std::string text;
-  if (!loadRules(invocation.rules, text)) return kExitNoInput;
-  api::TarnPatternAnalyzer analyzer;
-  const BuildOutcome built = buildGuarded(analyzer, text);
-  if (int code = reportBuildFailure(built, text, displayName(invocation.rules))) return code;
-
-  parser::JsonParser parser;
-  if (parser.parse(readAsBuilt(analyzer, text), false) != error::TPA_ERROR_NONE) {
-    return kExitBuildFailed;
-  }
+  BuiltDocument document;
+  if (int code = buildAndRead(invocation.rules, document)) return code;
   OutputSink out(STDOUT_FILENO, false);
   for (const auto& [app, destination] : invocation.pairs) {
-    explainOne(out, analyzer, parser.getRules(), app, destination);
+    explainOne(out, document.analyzer, document.parser.getRules(), app, destination);
   }
   return out.flush() ? kExitOk : kExitIo;
 }

@@ -57,10 +57,8 @@ int answerStream(api::TarnPatternAnalyzer& analyzer, OutputSink& out) {
 
 int runQuery(const Invocation& invocation) {
   std::string text;
-  if (!loadRules(invocation.rules, text)) return kExitNoInput;
   api::TarnPatternAnalyzer analyzer;
-  const BuildOutcome built = buildGuarded(analyzer, text);
-  if (int code = reportBuildFailure(built, text, displayName(invocation.rules))) return code;
+  if (int code = buildDocument(invocation.rules, text, analyzer)) return code;
 
   OutputSink out(STDOUT_FILENO, isatty(STDOUT_FILENO) == 1);
   int code = kExitOk;

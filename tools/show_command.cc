@@ -10,7 +10,7 @@
 #include "tools/commands.h"
 #include "tools/json_escape.h"
 #include "tools/line_io.h"
-#include "tools/rule_numbers.h"
+#include "tools/built_document.h"
 
 namespace tpa::tools {
 namespace {
@@ -34,20 +34,11 @@ void appendRule(std::string& line, const parser::Rule& rule, int position) {
 }  // namespace
 
 int runShow(const Invocation& invocation) {
-  std::string text;
-  if (!loadRules(invocation.rules, text)) return kExitNoInput;
-  api::TarnPatternAnalyzer analyzer;
-  const BuildOutcome built = buildGuarded(analyzer, text);
-  if (int code = reportBuildFailure(built, text, displayName(invocation.rules))) return code;
-
-  // The build succeeded, so reading the same text again cannot fail or throw.
-  parser::JsonParser parser;
-  if (parser.parse(readAsBuilt(analyzer, text), false) != error::TPA_ERROR_NONE) {
-    return kExitBuildFailed;
-  }
+  BuiltDocument document;
+  if (int code = buildAndRead(invocation.rules, document)) return code;
   OutputSink out(STDOUT_FILENO, false);
   std::string line;
-  const std::vector<parser::Rule>& rules = parser.getRules();
+  const std::vector<parser::Rule>& rules = document.parser.getRules();
   for (std::size_t i = 0; i < rules.size(); ++i) {
     appendRule(line, rules[i], static_cast<int>(i + 1));
     out.line(line);

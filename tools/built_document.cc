@@ -1,6 +1,8 @@
-#include "tools/rule_numbers.h"
+#include "tools/built_document.h"
 
 #include "api/constants.h"
+#include "tools/build_guard.h"
+#include "tools/cli.h"
 
 namespace tpa::tools {
 
@@ -15,6 +17,17 @@ std::string readAsBuilt(api::TarnPatternAnalyzer& analyzer, const std::string& t
   std::string copy = text;
   (void)analyzer.validate(copy);
   return copy;
+}
+
+bool parseAsBuilt(parser::JsonParser& parser, api::TarnPatternAnalyzer& analyzer,
+                  const std::string& text) {
+  return parser.parse(readAsBuilt(analyzer, text), false) == error::TPA_ERROR_NONE;
+}
+
+int buildAndRead(const std::string& rules, BuiltDocument& document) {
+  if (int code = buildDocument(rules, document.text, document.analyzer)) return code;
+  return parseAsBuilt(document.parser, document.analyzer, document.text) ? kExitOk
+                                                                          : kExitBuildFailed;
 }
 
 std::vector<int> positionsOfId(const std::vector<parser::Rule>& rules, int id) {

@@ -28,7 +28,6 @@ struct Measured {
 
 Measured measureBuild(api::TarnPatternAnalyzer& analyzer, const std::string& text) {
   Measured m;
-  resetPeak();
   m.before = sampleMemory();
   const auto start = std::chrono::steady_clock::now();
   m.outcome = buildGuarded(analyzer, text);
@@ -64,9 +63,9 @@ void writeBuildReport(OutputSink& out, api::TarnPatternAnalyzer& analyzer,
   char timing[64];
   std::snprintf(timing, sizeof timing, "build time: %.3f ms", m.milliseconds);
   out.line(timing);
-  out.line("build memory: " + std::to_string(m.after.liveBytes - m.before.liveBytes) +
-           " bytes held, " + std::to_string(m.after.peakBytes - m.before.liveBytes) +
-           " bytes at the peak, peak RSS +" +
+  const long long held = static_cast<long long>(m.after.allocatedBytes) -
+                         static_cast<long long>(m.before.allocatedBytes);
+  out.line("build memory: " + std::to_string(held) + " bytes held, peak RSS +" +
            std::to_string(m.after.peakRssKiB - m.before.peakRssKiB) + " KiB");
 }
 

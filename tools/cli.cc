@@ -1,12 +1,11 @@
 #include "tools/cli.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iostream>
-#include <iterator>
-#include <sstream>
 
 namespace tpa::tools {
 namespace {
@@ -169,27 +168,25 @@ std::string helpText(const std::string& topic) {
 }
 
 bool readRules(const std::string& path, std::string& text, std::string& error) {
-  if (path == "-") {
-    std::ostringstream all;
-    all << std::cin.rdbuf();
-    if (std::cin.bad()) {
-      error = "cannot read standard input";
-      return false;
-    }
-    text = all.str();
-    return true;
-  }
-  std::ifstream file(path, std::ios::in | std::ios::binary);
-  if (!file) {
-    error = "cannot read " + path + ": " + std::strerror(errno);
+  const bool fromStdin = path == "-";
+  const int fd = fromStdin ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const std::string name = fromStdin ? "standard input" : path;
+  if (fd < 0) {
+    error = "cannot read " + name + ": " + std::strerror(errno);
     return false;
   }
-  text.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-  if (file.bad()) {
-    error = "cannot read " + path;
-    return false;
+  text.clear();
+  char block[64 * 1024];
+  ssize_t n;
+  while ((n = ::read(fd, block, sizeof block)) != 0) {
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) break;
+    text.append(block, static_cast<std::size_t>(n));
   }
-  return true;
+  const int readError = n < 0 ? errno : 0;
+  if (!fromStdin) ::close(fd);
+  if (readError != 0) error = "cannot read " + name + ": " + std::strerror(readError);
+  return readError == 0;
 }
 
 bool loadRules(const std::string& path, std::string& text) {

@@ -13,6 +13,7 @@
 
 #include "api/constants.h"
 #include "cidr/cidr.h"
+#include "fsa/suffix_automaton.h"
 #include "mapper/transform.h"
 #include "parser/rule.h"
 
@@ -59,6 +60,23 @@ std::string bitsToAddress(std::string bits, int width) {
 struct Entry {
   const ScannedString* written;  // null for a default entry
   StoredDestination stored;
+};
+
+// Which strings occur anywhere in one machine's text: the suffix automaton
+// of that text, the same structure the machine searches.
+class MachineIndex {
+ public:
+  explicit MachineIndex(const std::string& text) {
+    automaton_.construct(static_cast<int>(text.size()));
+    (void)automaton_.add(text, 0);
+  }
+  [[nodiscard]] bool occurs(const std::string& s) const {
+    fsa::SAStateValue<int> ignored;
+    return automaton_.tryFindFull(s, ignored) == static_cast<int>(s.size());
+  }
+
+ private:
+  fsa::SuffixAutomaton<int> automaton_;
 };
 
 // One rule as the builder numbers it.
@@ -353,9 +371,9 @@ class Linter {
     }
   }
 
-  // --- network-prefix walks ------------------------------------------------------
+  // --- searches that run into other entries ---------------------------------
 
-  // The text of one domain machine: every key of every rule, in order.
+  // The keys of one domain machine, every rule's in order, as one text.
   std::string machineText(bool include) const {
     std::string text;
     for (const RuleView& view : views_) {
@@ -368,18 +386,18 @@ class Linter {
   }
 
   void checkMachineWalks() {
-    const std::string includeText = machineText(true);
-    const std::string excludeText = machineText(false);
+    const MachineIndex includeIndex(machineText(true));
+    const MachineIndex excludeIndex(machineText(false));
     std::set<std::size_t> seen;
     for (const RuleView& view : views_) {
       if (!seen.insert(view.object).second) continue;
       for (const Entry& e : view.include) {
-        checkWalk(e, includeText, "include");
-        checkWildcardWalk(e, view, kIncludeFlag, includeText);
+        checkNetworkWalk(e, includeIndex, "include");
+        checkWildcardWalk(e, view, kIncludeFlag, includeIndex);
       }
       for (const Entry& e : view.exclude) {
-        checkWalk(e, excludeText, "exclude");
-        checkWildcardWalk(e, view, kExcludeFlag, excludeText);
+        checkNetworkWalk(e, excludeIndex, "exclude");
+        checkWildcardWalk(e, view, kExcludeFlag, excludeIndex);
       }
     }
   }
@@ -389,36 +407,35 @@ class Linter {
   // holds the wildcard's tail with one more character before it, names with
   // that character there take the longer tail, and the '*' walk fails.
   void checkWildcardWalk(const Entry& e, const RuleView& view, std::uint8_t flag,
-                         const std::string& machine) {
+                         const MachineIndex& machine) {
     const std::string& name = e.stored.stored;
-    if (name.empty() || name[0] != '*' ||
-        name.find('*', 1) != std::string::npos) {
-      return;
-    }
+    if (name.empty() || name[0] != '*' || name.find('*', 1) != std::string::npos) return;
     const std::string tail = mapper::transformDomain(name.substr(1), view.number, flag).substr(1);
-    std::set<char> before;
-    for (std::size_t at = machine.find(tail, 1); at != std::string::npos; at = machine.find(tail, at + 1)) {
-      const char c = machine[at - 1];
-      if (c != '*' && c != sigma::sentinel::PRECEDING_SYMBOL) before.insert(c);
+    char before = 0;
+    for (int c = 1; c < 256 && before == 0; ++c) {
+      const char ch = static_cast<char>(c);
+      if (ch == '*' || ch == sigma::sentinel::PRECEDING_SYMBOL) continue;
+      if (machine.occurs(ch + tail)) before = ch;
     }
-    if (before.empty()) return;
-    const std::string longer = std::string(1, *before.begin()) + name.substr(1);
+    if (before == 0) return;
+    const std::string longer = before + name.substr(1);
     const bool written = e.written != nullptr;
     note(written ? e.written->offset : scan_.objects[view.object].open, "wildcard-shadowed",
-         (written ? quoted(e.written->text) : "the default include \"*\"") + " does not match names that end in " + quoted(longer) +
-             " (such as " + quoted("x" + longer) + ") unless they are stored whole: the wildcard "
-             "search follows the longer tail " + quoted(longer) + " of another entry in this list");
+         (written ? quoted(e.written->text) : std::string("the default include \"*\"")) +
+             " does not match names that end in " + quoted(longer) + " (such as " +
+             quoted("x" + longer) + ") unless they are stored whole: the wildcard search "
+             "follows the longer tail " + quoted(longer) + " of another entry in this list");
   }
 
   // The prefix search reads the address bits as far as the machine's text
   // allows and tries only that longest run; a network whose bits continue
   // anywhere in the text loses the addresses that continue the same way.
-  void checkWalk(const Entry& e, const std::string& machine, const char* list) {
+  void checkNetworkWalk(const Entry& e, const MachineIndex& machine, const char* list) {
     const std::string& bits = e.stored.stored;
     const int width = e.stored.network == 4 ? 32 : 128;
     if (e.written == nullptr || e.stored.network == 0 || !isBits(bits) || bits.size() < 2) return;
     for (const char next : {'0', '1'}) {
-      if (machine.find(bits + next) == std::string::npos) continue;
+      if (!machine.occurs(bits + next)) continue;
       std::string example = bits + next;
       extendWalk(example, machine, width);
       note(e.written->offset, "network-shadowed",
@@ -430,10 +447,10 @@ class Linter {
   }
 
   // Extends `bits` to where the search stops, choosing a bit the text lacks.
-  static void extendWalk(std::string& bits, const std::string& machine, int width) {
+  static void extendWalk(std::string& bits, const MachineIndex& machine, int width) {
     while (static_cast<int>(bits.size()) < width) {
-      const bool zero = machine.find(bits + '0') != std::string::npos;
-      const bool one = machine.find(bits + '1') != std::string::npos;
+      const bool zero = machine.occurs(bits + '0');
+      const bool one = machine.occurs(bits + '1');
       if (!zero || !one) {
         bits.push_back(zero ? '1' : '0');
         return;

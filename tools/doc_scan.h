@@ -1,10 +1,9 @@
-// DocumentScan replays the analyzer's reading of a rules document over the
-// raw text, event for event ({ } [ ] " : , wherever they stand, no escapes),
-// and keeps what the reader throws away: where every key and value starts,
-// which objects become rules, and the constructs that are read differently
-// from what they seem to say (Findings). It reproduces the reader's objects
-// exactly; it never calls or changes the library. One pass, iterative,
-// O(text) time; the result owns copies of every key and value.
+// DocumentScan replays the analyzer's reading of a rules document event for
+// event ({ } [ ] " : , wherever they stand, no escapes) and keeps what the
+// reader throws away: where each key and value starts, which objects become
+// rules, and constructs read differently from how they look (Findings). It
+// reproduces the reader's objects exactly without calling the library. One
+// iterative pass, O(text); the result owns copies of every key and value.
 #ifndef TPA_TOOLS_DOC_SCAN_H_
 #define TPA_TOOLS_DOC_SCAN_H_
 

@@ -62,6 +62,7 @@ TEST(DocScan, ReplaysTheLibraryReaderOnRandomText) {
     const DocumentScan scan = scanDocument(text);
     ASSERT_EQ(collector.rules, replayedRules(scan)) << text;
     ASSERT_EQ(code == error::TPA_ERROR_JSON_PARSE_MISMATCH, !scan.balanced) << text;
+    for (const Finding& f : lintDocument(text)) ASSERT_LE(f.offset, text.size()) << text;
   }
 }
 

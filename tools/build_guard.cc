@@ -44,8 +44,7 @@ int reportBuildFailure(const BuildOutcome& outcome, const std::string& text,
   return kExitOk;
 }
 
-int buildDocument(const std::string& rules, std::string& text,
-                  api::TarnPatternAnalyzer& analyzer) {
+int buildDocument(const std::string& rules, std::string& text, api::TarnPatternAnalyzer& analyzer) {
   if (!loadRules(rules, text)) return kExitNoInput;
   return reportBuildFailure(buildGuarded(analyzer, text), text, displayName(rules));
 }

@@ -7,9 +7,8 @@
 namespace tpa::tools {
 
 int ruleNumber(const parser::Rule& rule, int position) {
-  const bool everyApp =
-      rule.apps.empty() ||
-      (rule.apps.size() == 1 && rule.apps[0] == sigma::sentinel::LAMBDA_STRING);
+  const bool everyApp = rule.apps.empty() ||
+                        (rule.apps.size() == 1 && rule.apps[0] == sigma::sentinel::LAMBDA_STRING);
   return everyApp ? mapper::TPA_RULE_NUMBER_ZERO : position;
 }
 
@@ -27,7 +26,7 @@ bool parseAsBuilt(parser::JsonParser& parser, api::TarnPatternAnalyzer& analyzer
 int buildAndRead(const std::string& rules, BuiltDocument& document) {
   if (int code = buildDocument(rules, document.text, document.analyzer)) return code;
   return parseAsBuilt(document.parser, document.analyzer, document.text) ? kExitOk
-                                                                          : kExitBuildFailed;
+                                                                         : kExitBuildFailed;
 }
 
 std::vector<int> positionsOfId(const std::vector<parser::Rule>& rules, int id) {

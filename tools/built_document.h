@@ -27,9 +27,9 @@ namespace tpa::tools {
                                 const std::string& text);
 
 struct BuiltDocument {
-  std::string text;                  // the document as read
+  std::string text;                   // the document as read
   api::TarnPatternAnalyzer analyzer;  // built from text
-  parser::JsonParser parser;         // text read back into rules
+  parser::JsonParser parser;          // text read back into rules
 };
 
 // Reads RULES, builds it and reads it back, reporting any failure on stderr.

@@ -11,10 +11,10 @@
 #include "parser/json_parser.h"
 #include "tools/alloc_meter.h"
 #include "tools/build_guard.h"
+#include "tools/built_document.h"
 #include "tools/commands.h"
 #include "tools/line_io.h"
 #include "tools/lint.h"
-#include "tools/built_document.h"
 
 namespace tpa::tools {
 namespace {
@@ -45,8 +45,8 @@ std::string machineSize(const char* name, const mapper::Map::Machine* machine) {
   return std::string(name) + " " + std::to_string(states);
 }
 
-void writeBuildReport(OutputSink& out, api::TarnPatternAnalyzer& analyzer,
-                      const std::string& text, const Measured& m) {
+void writeBuildReport(OutputSink& out, api::TarnPatternAnalyzer& analyzer, const std::string& text,
+                      const Measured& m) {
   if (m.outcome.threw) {
     out.line("result: threw " + m.outcome.what);
   } else {

@@ -75,11 +75,16 @@ bool isHelpFlag(const std::string& arg) { return arg == "-h" || arg == "--help";
 bool isOption(const std::string& arg) { return arg.size() > 1 && arg[0] == '-'; }
 
 bool commandFromName(const std::string& name, Command& command) {
-  if (name == "query") command = Command::kQuery;
-  else if (name == "show") command = Command::kShow;
-  else if (name == "check") command = Command::kCheck;
-  else if (name == "explain") command = Command::kExplain;
-  else return false;
+  if (name == "query")
+    command = Command::kQuery;
+  else if (name == "show")
+    command = Command::kShow;
+  else if (name == "check")
+    command = Command::kCheck;
+  else if (name == "explain")
+    command = Command::kExplain;
+  else
+    return false;
   return true;
 }
 

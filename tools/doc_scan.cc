@@ -66,14 +66,31 @@ class Scanner {
     const char c = text_[i];
     if (quoteCount_ == 1 && c != '"') noteInsideString(i, c);
     switch (c) {
-      case '{': onOpenCurly(i); break;
-      case '}': onCloseCurly(i); break;
-      case '[': onOpenSquare(i); break;
-      case ']': onCloseSquare(i); break;
-      case '"': onQuote(i); break;
-      case ':': ++colonCount_; colonPos_ = i; break;
-      case ',': onComma(i); break;
-      default: noteStray(i, c); break;
+      case '{':
+        onOpenCurly(i);
+        break;
+      case '}':
+        onCloseCurly(i);
+        break;
+      case '[':
+        onOpenSquare(i);
+        break;
+      case ']':
+        onCloseSquare(i);
+        break;
+      case '"':
+        onQuote(i);
+        break;
+      case ':':
+        ++colonCount_;
+        colonPos_ = i;
+        break;
+      case ',':
+        onComma(i);
+        break;
+      default:
+        noteStray(i, c);
+        break;
     }
   }
 
@@ -113,7 +130,8 @@ class Scanner {
   void onCloseSquare(std::size_t i) {
     const int before = square_--;
     if (openSquare_.empty()) {
-      note(i, "unbalanced", "']' without a matching '[': the build fails (brackets do not balance)");
+      note(i, "unbalanced",
+           "']' without a matching '[': the build fails (brackets do not balance)");
     } else {
       openSquare_.pop_back();
     }
@@ -202,21 +220,24 @@ class Scanner {
              "'{' inside a string still opens an object: what was read of this object is dropped");
         break;
       case '}':
-        note(i, "structural-in-string", "'}' inside a string still closes an object: a rule is added here");
+        note(i, "structural-in-string",
+             "'}' inside a string still closes an object: a rule is added here");
         break;
       case '[':
       case ']':
         note(i, "structural-in-string",
              std::string("'") + c + "' inside a string still changes the array depth");
         break;
-      default: break;
+      default:
+        break;
     }
   }
 
   void noteObjectPlace(std::size_t i) {
     if (curly_ > 0) {
-      note(i, "nested-object",
-           "object inside an object: '{' drops the properties read so far and each '}' adds a rule");
+      note(
+          i, "nested-object",
+          "object inside an object: '{' drops the properties read so far and each '}' adds a rule");
     } else if (square_ == 0) {
       note(i, "top-level-object",
            "object outside any array: it becomes a rule only if an array closes after it, and its "
@@ -237,12 +258,14 @@ class Scanner {
   void noteCommaInValue(std::size_t i) {
     note(i, "comma-in-value",
          "comma inside a quoted value: the property ends here, and the whole string becomes a key "
-         "instead of a value of " + quoted(current_.properties[currentKey_].key.text));
+         "instead of a value of " +
+             quoted(current_.properties[currentKey_].key.text));
   }
 
   void noteClosedString() {
     if (curly_ <= 0) {
-      note(quotePos_, "string-outside-object", "string outside any object: it is not part of a rule");
+      note(quotePos_, "string-outside-object",
+           "string outside any object: it is not part of a rule");
       return;
     }
     if (square_ == 1 && currentKey_ != kNoKey && colonCount_ == 0 &&
@@ -267,10 +290,12 @@ class Scanner {
     const std::string_view raw = s.text;
     if (looksLikeEmptyList(raw)) {
       note(s.offset, "empty-list-with-space",
-           "read as the text " + quoted(raw) + ", not as an empty list: write [] with nothing inside");
+           "read as the text " + quoted(raw) +
+               ", not as an empty list: write [] with nothing inside");
     } else if (raw.find('[') != std::string_view::npos || raw.find(']') != std::string_view::npos) {
       note(s.offset, "unquoted-in-array",
-           "unquoted item in a list: the reader stores " + quoted(raw) + " (from the ':' on) as one value");
+           "unquoted item in a list: the reader stores " + quoted(raw) +
+               " (from the ':' on) as one value");
     } else if (!raw.empty() && (isBlank(raw.front()) || isBlank(raw.back()))) {
       note(s.offset, "unquoted-value",
            "unquoted value is stored raw as " + quoted(raw) +
@@ -283,8 +308,10 @@ class Scanner {
     for (const ScannedProperty& p : current_.properties) {
       if (p.key.text == key.text && !key.text.empty()) {
         note(key.offset, "duplicate-key",
-             "key " + quoted(key.text) + " appears again in this object: the reader merges both "
-             "value lists" + (key.text == "id" ? " and the first value is the id" : ""));
+             "key " + quoted(key.text) +
+                 " appears again in this object: the reader merges both "
+                 "value lists" +
+                 (key.text == "id" ? " and the first value is the id" : ""));
         return;
       }
     }

@@ -16,9 +16,9 @@ namespace tpa::tools {
 
 // A key or a value as the reader cuts it out of the text.
 struct ScannedString {
-  std::string text;          // as stored: a raw "[]" is already the empty string
-  std::size_t offset = 0;    // index of its first byte (after the quote or colon)
-  bool quoted = false;       // cut between two quotes, else from ':' to ',' or '}'
+  std::string text;            // as stored: a raw "[]" is already the empty string
+  std::size_t offset = 0;      // index of its first byte (after the quote or colon)
+  bool quoted = false;         // cut between two quotes, else from ':' to ',' or '}'
   bool emptyBrackets = false;  // the raw text was exactly "[]"
 };
 
@@ -30,7 +30,7 @@ struct ScannedProperty {
 
 // An object as the reader pushes it at a '}'.
 struct ScannedObject {
-  std::size_t open = 0;  // index of the '{' that last cleared it
+  std::size_t open = 0;                     // index of the '{' that last cleared it
   std::vector<ScannedProperty> properties;  // one per key set, in reading order
 
   // The values under `key` in reading order, merged over repeated keys as the

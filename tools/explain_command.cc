@@ -11,10 +11,10 @@
 #include "mapper/trace.h"
 #include "parser/json_parser.h"
 #include "tools/build_guard.h"
+#include "tools/built_document.h"
 #include "tools/commands.h"
 #include "tools/doc_scan.h"
 #include "tools/line_io.h"
-#include "tools/built_document.h"
 
 namespace tpa::tools {
 namespace {
@@ -41,7 +41,8 @@ std::string appLine(const mapper::QueryTrace& t) {
     return line + "could not be searched (code " + num(t.app.code) + "): default decision";
   }
   if (!t.appFellToZero) {
-    return line + "found whole (" + readout(t.app, t.appKey.size()) + "): rule number " + num(t.rule);
+    return line + "found whole (" + readout(t.app, t.appKey.size()) + "): rule number " +
+           num(t.rule);
   }
   return line + "is no stored application key (" + readout(t.app, t.appKey.size()) +
          "): it falls to the rules of every application, rule number 0";
@@ -62,7 +63,8 @@ std::string prefixLine(const ListTrace& l) {
   const std::string run = "longest run of address bits in the list: " + num(l.bitsSearch.matched) +
                           " of " + std::to_string(l.bits.size());
   if (l.prefixKey.empty() || !l.prefix.attempted) {
-    if (l.bitsSearch.storedLength != 0) return "network prefix: " + run + ", ends on a key end: unusable";
+    if (l.bitsSearch.storedLength != 0)
+      return "network prefix: " + run + ", ends on a key end: unusable";
     return "network prefix: " + run + ", unusable (needs at least 2 and fewer than all)";
   }
   const bool hit = l.match == MatchKind::kNetworkPrefix;
@@ -76,7 +78,8 @@ std::string wildcardKey(const ListTrace& l) {
   if (l.partial.matched < 0 || l.partial.matched > static_cast<int>(l.key.size())) {
     return "a key of length " + num(l.partial.storedLength);
   }
-  const std::string suffix = l.key.substr(l.key.size() - static_cast<std::size_t>(l.partial.matched));
+  const std::string suffix =
+      l.key.substr(l.key.size() - static_cast<std::size_t>(l.partial.matched));
   if (l.partial.storedLength == l.partial.matched + 2) return quoted("#*" + suffix);
   return "a key of length " + num(l.partial.storedLength) + " ending in " + quoted("*" + suffix);
 }
@@ -111,10 +114,14 @@ void writeList(OutputSink& out, const char* name, const ListTrace& l) {
 
 std::string verdictLine(Verdict v) {
   switch (v) {
-    case Verdict::kNeither: return "neither list matched";
-    case Verdict::kOnlyInclude: return "only include matched: include";
-    case Verdict::kOnlyExclude: return "only exclude matched: exclude";
-    case Verdict::kIncludeEqual: return "both matched equally: ties go to include";
+    case Verdict::kNeither:
+      return "neither list matched";
+    case Verdict::kOnlyInclude:
+      return "only include matched: include";
+    case Verdict::kOnlyExclude:
+      return "only exclude matched: exclude";
+    case Verdict::kIncludeEqual:
+      return "both matched equally: ties go to include";
     case Verdict::kIncludeLonger:
       return "both matched; include is longer in stored key or match: include";
     case Verdict::kExcludeLonger:
@@ -148,7 +155,8 @@ std::string decidingRule(const std::vector<parser::Rule>& rules, const mapper::Q
     if (ruleNumber(rules[position - 1], position) != rule) continue;
     positions += (positions.empty() ? "" : ", ") + num(position);
   }
-  if (positions.empty()) return "id " + num(t.value) + ", at no position of rule number " + num(rule);
+  if (positions.empty())
+    return "id " + num(t.value) + ", at no position of rule number " + num(rule);
   return "the rule at position " + positions + ", id " + num(t.value);
 }
 
@@ -167,7 +175,8 @@ void writeMappedNote(OutputSink& out, const std::string& destination) {
   const std::string ipv4 = mappedIpv4(expanded);
   out.line("  note: " + destination + " is an IPv4-mapped IPv6 address: IPv4 entries for " + ipv4 +
            " (the address, or a network holding it) cannot match it as written, only IPv6 "
-           "entries such as ::ffff:" + ipv4 + ". This is a known bypass in filters of this kind.");
+           "entries such as ::ffff:" +
+           ipv4 + ". This is a known bypass in filters of this kind.");
 }
 
 void explainOne(OutputSink& out, api::TarnPatternAnalyzer& analyzer,

@@ -6,12 +6,18 @@ namespace {
 // The short escapes JSON has for control bytes; 0 where it has none.
 char shortEscape(unsigned char c) {
   switch (c) {
-    case '\b': return 'b';
-    case '\f': return 'f';
-    case '\n': return 'n';
-    case '\r': return 'r';
-    case '\t': return 't';
-    default: return 0;
+    case '\b':
+      return 'b';
+    case '\f':
+      return 'f';
+    case '\n':
+      return 'n';
+    case '\r':
+      return 'r';
+    case '\t':
+      return 't';
+    default:
+      return 0;
   }
 }
 

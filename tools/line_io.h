@@ -52,7 +52,7 @@ class LineReader {
 
   int fd_;
   OutputSink* beforeWait_;
-  std::string block_;          // bytes read, [pos_, end_) not yet consumed
+  std::string block_;  // bytes read, [pos_, end_) not yet consumed
   std::size_t pos_ = 0;
   std::size_t end_ = 0;
   bool eof_ = false;

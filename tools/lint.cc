@@ -10,6 +10,7 @@
 #include <exception>
 #include <map>
 #include <set>
+#include <tuple>
 
 #include "api/constants.h"
 #include "cidr/cidr.h"
@@ -100,15 +101,15 @@ class Linter {
     for (const KeyedValue& kv : scan_.values) checkValue(kv);
     collectRules();
     checkRules();
-    std::stable_sort(findings_.begin(), findings_.end(),
-                     [](const Finding& a, const Finding& b) { return a.offset < b.offset; });
-    // An object pushed twice (nested braces) would say the same thing twice.
-    findings_.erase(std::unique(findings_.begin(), findings_.end(),
-                                [](const Finding& a, const Finding& b) {
-                                  return a.offset == b.offset && a.code == b.code &&
-                                         a.message == b.message;
-                                }),
-                    findings_.end());
+    // Sorted in full so that an object pushed twice (nested braces), which
+    // would say the same thing twice, says it once.
+    const auto fields = [](const Finding& f) { return std::tie(f.offset, f.code, f.message); };
+    std::sort(findings_.begin(), findings_.end(),
+              [&](const Finding& a, const Finding& b) { return fields(a) < fields(b); });
+    findings_.erase(
+        std::unique(findings_.begin(), findings_.end(),
+                    [&](const Finding& a, const Finding& b) { return fields(a) == fields(b); }),
+        findings_.end());
     return std::move(findings_);
   }
 
@@ -119,7 +120,8 @@ class Linter {
 
   void checkDocument() {
     if (text_.empty()) {
-      note(0, "empty-document", "empty document: no rules, so every query is excluded with value -1");
+      note(0, "empty-document",
+           "empty document: no rules, so every query is excluded with value -1");
     } else if (text_ == "[]") {
       note(0, "empty-array-document",
            "the document \"[]\" is read as [{}]: one rule for every application that includes "
@@ -143,15 +145,17 @@ class Linter {
       note(v.offset, "empty-entry", "empty application name: only an empty application matches it");
     } else if (v.quoted && hasBlank(v.text)) {
       note(v.offset, "blank-in-entry",
-           "blank inside " + quoted(v.text) + ": only an application written with the same blank matches");
+           "blank inside " + quoted(v.text) +
+               ": only an application written with the same blank matches");
     }
   }
 
   void checkDestination(const std::string& key, const ScannedString& v) {
     const StoredDestination d = storeDestination(v.text);
     if (d.threw) {
-      note(v.offset, "build-throws",
-           "storing " + quoted(v.text) + " throws (" + d.what + "): the build ends in an exception");
+      note(
+          v.offset, "build-throws",
+          "storing " + quoted(v.text) + " throws (" + d.what + "): the build ends in an exception");
     } else if (v.emptyBrackets || v.text.empty()) {
       if (key == "include") checkEmptyInclude(v);
     } else if (d.network != 0) {
@@ -160,8 +164,9 @@ class Linter {
       checkAddress(v, d);
     } else if (d.stored.find('/') != std::string::npos || v.text.find(':') != std::string::npos) {
       note(v.offset, "not-a-destination",
-           quoted(v.text) + " is no host name, address or network (a URL, path or port?): it is "
-           "compared as plain text and never matches a destination");
+           quoted(v.text) +
+               " is no host name, address or network (a URL, path or port?): it is "
+               "compared as plain text and never matches a destination");
     } else {
       checkName(v);
     }
@@ -192,7 +197,8 @@ class Linter {
     const int prefix = writtenPrefix(v.text);
     if (prefix == 0) {
       note(v.offset, "network-zero-prefix",
-           "a /0 network is stored as its address: it matches that one address only, not every address");
+           "a /0 network is stored as its address: it matches that one address only, not every "
+           "address");
     } else if (d.network == 4 && prefix > 32) {
       note(v.offset, "network-prefix-clamped",
            "an IPv4 prefix above 32 is cut to 32: only the address itself matches");
@@ -227,8 +233,9 @@ class Linter {
                quoted("*" + t) + " for its subdomains");
     }
     if (v.quoted && hasBlank(t)) {
-      note(v.offset, "blank-in-entry",
-           "blank inside " + quoted(t) + ": only a destination written with the same blank matches");
+      note(
+          v.offset, "blank-in-entry",
+          "blank inside " + quoted(t) + ": only a destination written with the same blank matches");
     }
   }
 
@@ -365,8 +372,9 @@ class Linter {
       if (e.written == nullptr || e.stored.threw || e.written->text.empty()) continue;
       if (included.count(e.stored.stored) != 0) {
         note(e.written->offset, "include-and-exclude",
-             quoted(e.written->text) + " is also in this rule's include list: equal matches go to "
-             "include, so this exclude entry never decides");
+             quoted(e.written->text) +
+                 " is also in this rule's include list: equal matches go to "
+                 "include, so this exclude entry never decides");
       }
     }
   }
@@ -423,8 +431,10 @@ class Linter {
     note(written ? e.written->offset : scan_.objects[view.object].open, "wildcard-shadowed",
          (written ? quoted(e.written->text) : std::string("the default include \"*\"")) +
              " does not match names that end in " + quoted(longer) + " (such as " +
-             quoted("x" + longer) + ") unless they are stored whole: the wildcard search "
-             "follows the longer tail " + quoted(longer) + " of another entry in this list");
+             quoted("x" + longer) +
+             ") unless they are stored whole: the wildcard search "
+             "follows the longer tail " +
+             quoted(longer) + " of another entry in this list");
   }
 
   // The prefix search reads the address bits as far as the machine's text
@@ -440,8 +450,9 @@ class Linter {
       extendWalk(example, machine, width);
       note(e.written->offset, "network-shadowed",
            "addresses of this network whose next bit is " + std::string(1, next) + " (such as " +
-               bitsToAddress(example, width) + ") are not matched by it: the prefix search in the " +
-               list + " list follows a longer run of stored bits and tries only that run");
+               bitsToAddress(example, width) +
+               ") are not matched by it: the prefix search in the " + list +
+               " list follows a longer run of stored bits and tries only that run");
       return;
     }
   }

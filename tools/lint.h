@@ -32,8 +32,7 @@ struct StoredDestination {
 
 // The first include or exclude value of `text` whose storing throws; false
 // when none does.
-[[nodiscard]] bool findThrowingValue(const std::string& text, KeyedValue& value,
-                                     std::string& what);
+[[nodiscard]] bool findThrowingValue(const std::string& text, KeyedValue& value, std::string& what);
 
 // Byte offsets to 1-based line and column (in bytes).
 class LineIndex {

@@ -12,11 +12,16 @@ namespace {
 int dispatch(const tpa::tools::Invocation& invocation) {
   using tpa::tools::Command;
   switch (invocation.command) {
-    case Command::kQuery: return tpa::tools::runQuery(invocation);
-    case Command::kShow: return tpa::tools::runShow(invocation);
-    case Command::kCheck: return tpa::tools::runCheck(invocation);
-    case Command::kExplain: return tpa::tools::runExplain(invocation);
-    case Command::kHelp: break;
+    case Command::kQuery:
+      return tpa::tools::runQuery(invocation);
+    case Command::kShow:
+      return tpa::tools::runShow(invocation);
+    case Command::kCheck:
+      return tpa::tools::runCheck(invocation);
+    case Command::kExplain:
+      return tpa::tools::runExplain(invocation);
+    case Command::kHelp:
+      break;
   }
   std::fputs(tpa::tools::helpText(invocation.helpTopic).c_str(), stdout);
   return tpa::tools::kExitOk;

@@ -7,10 +7,10 @@
 #include "api/constants.h"
 #include "parser/json_parser.h"
 #include "tools/build_guard.h"
+#include "tools/built_document.h"
 #include "tools/commands.h"
 #include "tools/json_escape.h"
 #include "tools/line_io.h"
-#include "tools/built_document.h"
 
 namespace tpa::tools {
 namespace {

@@ -2,6 +2,7 @@
 // output, check's report and warnings, and explain, run as a child process on
 // the bundled examples and on documents written for each test.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -14,8 +15,6 @@
 #include <regex>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "api/analyzer.h"
 #include "mapper/map.h"
@@ -126,9 +125,9 @@ TEST(TpaCli, BuildFailureWritesNothingOnStandardOutput) {
 // The query contract
 
 TEST(TpaQuery, AnswersPairsFromTheCommandLine) {
-  const ToolResult r = runTool({"query", kRules, "com.example.mail", "imap.example.com",
-                                "com.example.mail", "ads.example.com", "com.example.game",
-                                "unlisted.example"});
+  const ToolResult r =
+      runTool({"query", kRules, "com.example.mail", "imap.example.com", "com.example.mail",
+               "ads.example.com", "com.example.game", "unlisted.example"});
   EXPECT_EQ(r.exitCode, 0);
   EXPECT_EQ(r.out, "include\t100\nexclude\t100\nexclude\t-1\n");
 }
@@ -146,11 +145,11 @@ TEST(TpaQuery, ReadsLinesAsDocumented) {
     std::string input;
     std::string answers;
   } cases[] = {
-      {"com.example.mail\timap.example.com\r\n", "include\t100\n"},  // CR dropped
+      {"com.example.mail\timap.example.com\r\n", "include\t100\n"},      // CR dropped
       {"\n\ncom.example.mail\timap.example.com\n\n", "include\t100\n"},  // blanks skipped
-      {"com.example.mail\timap.example.com", "include\t100\n"},  // no final newline
-      {"com.example.mail\timap.example.com\tx\n", "exclude\t-1\n"},  // DEST keeps the TAB
-      {"\timap.example.com\n", "exclude\t-1\n"},  // empty APP is an APP
+      {"com.example.mail\timap.example.com", "include\t100\n"},          // no final newline
+      {"com.example.mail\timap.example.com\tx\n", "exclude\t-1\n"},      // DEST keeps the TAB
+      {"\timap.example.com\n", "exclude\t-1\n"},                         // empty APP is an APP
       {"", ""},
   };
   for (const auto& c : cases) {
@@ -161,7 +160,8 @@ TEST(TpaQuery, ReadsLinesAsDocumented) {
 }
 
 TEST(TpaQuery, BadLineStopsAfterTheAnswersBeforeIt) {
-  const ToolResult r = runTool({"query", kRules}, "com.example.mail\timap.example.com\nbad\nx\ty\n");
+  const ToolResult r =
+      runTool({"query", kRules}, "com.example.mail\timap.example.com\nbad\nx\ty\n");
   EXPECT_EQ(r.exitCode, 65);
   EXPECT_EQ(r.out, "include\t100\n");
 }
@@ -287,13 +287,15 @@ TEST(TpaShow, ShowsDefaultsRuleNumbersAndNormalisedAddresses) {
 }
 
 TEST(TpaShow, EscapesBackslashesAndControlBytesAndCopiesTheRest) {
-  const std::string document = std::string("[{\"match_apps\":[\"a\\b\", \"tab\there\", \"line\nbreak\", ") +
-                               "\"bell\x07\", \"caf\xc3\xa9\", \"del\x7f\"], \"id\":\"1\"}]";
+  const std::string document =
+      std::string("[{\"match_apps\":[\"a\\b\", \"tab\there\", \"line\nbreak\", ") +
+      "\"bell\x07\", \"caf\xc3\xa9\", \"del\x7f\"], \"id\":\"1\"}]";
   const ToolResult r = runTool({"show", "-"}, document);
   EXPECT_EQ(r.exitCode, 0);
-  EXPECT_EQ(r.out, std::string("{\"position\":1,\"rule_number\":1,\"apps\":[\"a\\\\b\",\"tab\\there\",") +
-                       "\"line\\nbreak\",\"bell\\u0007\",\"caf\xc3\xa9\",\"del\x7f\"],\"include\":" +
-                       "[\"*\"],\"exclude\":[\"\"],\"id\":1}\n");
+  EXPECT_EQ(r.out,
+            std::string("{\"position\":1,\"rule_number\":1,\"apps\":[\"a\\\\b\",\"tab\\there\",") +
+                "\"line\\nbreak\",\"bell\\u0007\",\"caf\xc3\xa9\",\"del\x7f\"],\"include\":" +
+                "[\"*\"],\"exclude\":[\"\"],\"id\":1}\n");
 }
 
 // ---------------------------------------------------------------------------
@@ -359,61 +361,149 @@ const std::string kApp = "[{\"match_apps\":[\"a\"],\"id\":\"1\",";
 INSTANTIATE_TEST_SUITE_P(
     EveryWarning, TpaLint,
     ::testing::Values(
-        LintCase{"comma-in-value", "[\n{\"match_apps\":[\"a\"],\n \"include\":\"x,y\", \"id\":\"1\"}]", 3, 14,
+        LintCase{"comma-in-value",
+                 "[\n{\"match_apps\":[\"a\"],\n \"include\":\"x,y\", \"id\":\"1\"}]",
+                 3,
+                 14,
                  {"a", "other.test", "include\t1"}},
         LintCase{"structural-in-string", kApp + "\"include\":[\"a{b\"]}]", 1, 44, {}},
         LintCase{"backslash-quote", kApp + "\"include\":[\"a\\\"]}]", 1, 44, {}},
         LintCase{"unterminated-string", kApp + "\"include\":[\"a\"]}]\"", 1, 48, {}},
         LintCase{"unbalanced", kApp + "\"include\":[\"a\"]}]}", 1, 48, {}},
         LintCase{"stray-text", kApp + "\"include\":[\"x\", true]}]", 1, 47, {}},
-        LintCase{"missing-comma", "[{\"match_apps\":[\"a\"] \"include\":[\"x\"],\"id\":\"1\"}]", 1, 22,
+        LintCase{"missing-comma",
+                 "[{\"match_apps\":[\"a\"] \"include\":[\"x\"],\"id\":\"1\"}]",
+                 1,
+                 22,
                  {"include", "z.test", "include\t1"}},
         LintCase{"nested-object", kApp + "\"x\":{\"include\":[\"y\"]}}]", 1, 35, {}},
         LintCase{"deep-object", "[[{\"match_apps\":[\"a\"],\"id\":\"1\"}]]", 1, 3, {}},
         LintCase{"top-level-object", "{\"match_apps\":[\"a\"],\"id\":\"1\"}", 1, 1, {}},
         LintCase{"second-array", kApp + "\"include\":[\"x\"]}] [{\"id\":\"2\"}]", 1, 49, {}},
         LintCase{"string-outside-object", "[\"a\", {\"id\":\"1\"}]", 1, 2, {}},
-        LintCase{"duplicate-key", kApp + "\"include\":[\"x\"],\"include\":[\"y\"]}]", 1, 48,
+        LintCase{"duplicate-key",
+                 kApp + "\"include\":[\"x\"],\"include\":[\"y\"]}]",
+                 1,
+                 48,
                  {"a", "y", "include\t1"}},
         LintCase{"unknown-key", kApp + "\"inclde\":[\"x\"]}]", 1, 32, {}},
-        LintCase{"empty-list-with-space", kApp + "\"include\": []}]", 1, 41, {"a", "x.test", "exclude\t-1"}},
-        LintCase{"unquoted-in-array", kApp + "\"include\": [x]}]", 1, 41, {"a", "x", "exclude\t-1"}},
-        LintCase{"unquoted-value", "[{\"match_apps\": a,\"id\":\"1\"}]", 1, 16, {"a", "x", "exclude\t-1"}},
-        LintCase{"empty-document", "", 1, 1, {"a", "x", "exclude\t-1"}},
-        LintCase{"empty-array-document", "[]", 1, 1, {"any.app", "any.test", "include\t2147483647"}},
-        LintCase{"empty-apps-list", "[{\"match_apps\":[],\"id\":\"1\"}]", 1, 16, {"a", "x", "exclude\t-1"}},
-        LintCase{"empty-entry", kApp + "\"include\":[\"\"]}]", 1, 43, {"a", "x", "exclude\t-1"}},
-        LintCase{"blank-in-entry", kApp + "\"include\":[\"x .test\"]}]", 1, 43, {"a", "x.test", "exclude\t-1"}},
-        LintCase{"build-throws", kApp + "\"include\":[\"face/\"]}]", 1, 43, {}},
-        LintCase{"empty-include-list", kApp + "\"include\":[]}]", 1, 41, {"a", "x.test", "exclude\t-1"}},
-        LintCase{"network-never-matches", kApp + "\"include\":[\"128.0.0.0/1\"]}]", 1, 43,
-                 {"a", "200.1.2.3", "exclude\t-1"}},
-        LintCase{"ipv4-mapped", kApp + "\"include\":[\"::ffff:10.0.0.1\"]}]", 1, 43,
-                 {"a", "10.0.0.1", "exclude\t-1"}},
-        LintCase{"network-zero-prefix", kApp + "\"include\":[\"0.0.0.0/0\"]}]", 1, 43,
-                 {"a", "1.2.3.4", "exclude\t-1"}},
-        LintCase{"network-prefix-clamped", kApp + "\"include\":[\"10.0.0.0/40\"]}]", 1, 43,
-                 {"a", "10.0.0.1", "exclude\t-1"}},
-        LintCase{"not-a-destination", kApp + "\"include\":[\"https://x.test\"]}]", 1, 43,
+        LintCase{"empty-list-with-space",
+                 kApp + "\"include\": []}]",
+                 1,
+                 41,
                  {"a", "x.test", "exclude\t-1"}},
-        LintCase{"upper-case", kApp + "\"include\":[\"X.test\"]}]", 1, 43, {"a", "x.test", "exclude\t-1"}},
-        LintCase{"trailing-dot", kApp + "\"include\":[\"x.test.\"]}]", 1, 43, {"a", "x.test", "exclude\t-1"}},
-        LintCase{"leading-dot", kApp + "\"include\":[\".x.test\"]}]", 1, 43, {"a", "a.x.test", "exclude\t-1"}},
-        LintCase{"wildcard-misplaced", kApp + "\"include\":[\"cdn.*\"]}]", 1, 43, {"a", "other.org", "include\t1"}},
-        LintCase{"wildcard-no-dot", kApp + "\"include\":[\"*x.test\"]}]", 1, 43, {"a", "badx.test", "include\t1"}},
-        LintCase{"wildcard-shadowed", kApp + "\"include\":[\"*.x.test\",\"cdn.x.test\"]}]", 1, 43,
+        LintCase{
+            "unquoted-in-array", kApp + "\"include\": [x]}]", 1, 41, {"a", "x", "exclude\t-1"}},
+        LintCase{"unquoted-value",
+                 "[{\"match_apps\": a,\"id\":\"1\"}]",
+                 1,
+                 16,
+                 {"a", "x", "exclude\t-1"}},
+        LintCase{"empty-document", "", 1, 1, {"a", "x", "exclude\t-1"}},
+        LintCase{
+            "empty-array-document", "[]", 1, 1, {"any.app", "any.test", "include\t2147483647"}},
+        LintCase{"empty-apps-list",
+                 "[{\"match_apps\":[],\"id\":\"1\"}]",
+                 1,
+                 16,
+                 {"a", "x", "exclude\t-1"}},
+        LintCase{"empty-entry", kApp + "\"include\":[\"\"]}]", 1, 43, {"a", "x", "exclude\t-1"}},
+        LintCase{"blank-in-entry",
+                 kApp + "\"include\":[\"x .test\"]}]",
+                 1,
+                 43,
+                 {"a", "x.test", "exclude\t-1"}},
+        LintCase{"build-throws", kApp + "\"include\":[\"face/\"]}]", 1, 43, {}},
+        LintCase{
+            "empty-include-list", kApp + "\"include\":[]}]", 1, 41, {"a", "x.test", "exclude\t-1"}},
+        LintCase{"network-never-matches",
+                 kApp + "\"include\":[\"128.0.0.0/1\"]}]",
+                 1,
+                 43,
+                 {"a", "200.1.2.3", "exclude\t-1"}},
+        LintCase{"ipv4-mapped",
+                 kApp + "\"include\":[\"::ffff:10.0.0.1\"]}]",
+                 1,
+                 43,
+                 {"a", "10.0.0.1", "exclude\t-1"}},
+        LintCase{"network-zero-prefix",
+                 kApp + "\"include\":[\"0.0.0.0/0\"]}]",
+                 1,
+                 43,
+                 {"a", "1.2.3.4", "exclude\t-1"}},
+        LintCase{"network-prefix-clamped",
+                 kApp + "\"include\":[\"10.0.0.0/40\"]}]",
+                 1,
+                 43,
+                 {"a", "10.0.0.1", "exclude\t-1"}},
+        LintCase{"not-a-destination",
+                 kApp + "\"include\":[\"https://x.test\"]}]",
+                 1,
+                 43,
+                 {"a", "x.test", "exclude\t-1"}},
+        LintCase{"upper-case",
+                 kApp + "\"include\":[\"X.test\"]}]",
+                 1,
+                 43,
+                 {"a", "x.test", "exclude\t-1"}},
+        LintCase{"trailing-dot",
+                 kApp + "\"include\":[\"x.test.\"]}]",
+                 1,
+                 43,
+                 {"a", "x.test", "exclude\t-1"}},
+        LintCase{"leading-dot",
+                 kApp + "\"include\":[\".x.test\"]}]",
+                 1,
+                 43,
+                 {"a", "a.x.test", "exclude\t-1"}},
+        LintCase{"wildcard-misplaced",
+                 kApp + "\"include\":[\"cdn.*\"]}]",
+                 1,
+                 43,
+                 {"a", "other.org", "include\t1"}},
+        LintCase{"wildcard-no-dot",
+                 kApp + "\"include\":[\"*x.test\"]}]",
+                 1,
+                 43,
+                 {"a", "badx.test", "include\t1"}},
+        LintCase{"wildcard-shadowed",
+                 kApp + "\"include\":[\"*.x.test\",\"cdn.x.test\"]}]",
+                 1,
+                 43,
                  {"a", "a.cdn.x.test", "exclude\t-1"}},
-        LintCase{"network-shadowed", kApp + "\"include\":[\"10.0.0.0/8\",\"10.1.0.0/16\"]}]", 1, 43,
+        LintCase{"network-shadowed",
+                 kApp + "\"include\":[\"10.0.0.0/8\",\"10.1.0.0/16\"]}]",
+                 1,
+                 43,
                  {"a", "10.2.3.4", "exclude\t-1"}},
-        LintCase{"missing-id", "[{\"match_apps\":[\"a\"]}]", 1, 2, {"a", "x", "include\t2147483647"}},
-        LintCase{"duplicate-id", kApp + "\"include\":[\"x\"]},{\"match_apps\":[\"b\"],\"id\":\"1\"}]", 1, 74, {}},
-        LintCase{"id-atoi", "[{\"match_apps\":[\"a\"],\"id\":\"12abc\"}]", 1, 28, {"a", "x", "include\t12"}},
-        LintCase{"lambda-mixed", "[{\"match_apps\":[\"#LAMBDA-APP\",\"a\"],\"include\":[\"x\"],\"id\":\"1\"}]", 1, 18,
+        LintCase{
+            "missing-id", "[{\"match_apps\":[\"a\"]}]", 1, 2, {"a", "x", "include\t2147483647"}},
+        LintCase{"duplicate-id",
+                 kApp + "\"include\":[\"x\"]},{\"match_apps\":[\"b\"],\"id\":\"1\"}]",
+                 1,
+                 74,
+                 {}},
+        LintCase{"id-atoi",
+                 "[{\"match_apps\":[\"a\"],\"id\":\"12abc\"}]",
+                 1,
+                 28,
+                 {"a", "x", "include\t12"}},
+        LintCase{"lambda-mixed",
+                 "[{\"match_apps\":[\"#LAMBDA-APP\",\"a\"],\"include\":[\"x\"],\"id\":\"1\"}]",
+                 1,
+                 18,
                  {"b", "x", "exclude\t-1"}},
-        LintCase{"app-in-several-rules",
-                 kApp + "\"include\":[\"x\"]},{\"match_apps\":[\"a\"],\"include\":[\"y\"],\"id\":\"2\"}]", 1, 64,
-                 {"a", "y", "exclude\t-1"}},
-        LintCase{"include-and-exclude", kApp + "\"include\":[\"x\"],\"exclude\":[\"x\"]}]", 1, 59,
+        LintCase{
+            "app-in-several-rules",
+            kApp +
+                "\"include\":[\"x\"]},{\"match_apps\":[\"a\"],\"include\":[\"y\"],\"id\":\"2\"}]",
+            1,
+            64,
+            {"a", "y", "exclude\t-1"}},
+        LintCase{"include-and-exclude",
+                 kApp + "\"include\":[\"x\"],\"exclude\":[\"x\"]}]",
+                 1,
+                 59,
                  {"a", "x", "include\t1"}}),
     [](const ::testing::TestParamInfo<LintCase>& info) {
       std::string name = info.param.code;
@@ -445,7 +535,8 @@ TEST(TpaExplain, NamesEveryKindOfMatch) {
   const struct {
     std::string app, destination, part;
   } cases[] = {
-      {"com.example.mail", "imap.example.com", "wildcard: the last 15 characters match \"#*.example.com$11\""},
+      {"com.example.mail", "imap.example.com",
+       "wildcard: the last 15 characters match \"#*.example.com$11\""},
       {"com.example.mail", "10.20.1.5", "prefix key \"#0000101000010100$11\" matched, value 100"},
       {"com.example.mail", "ads.example.com",
        "both matched; exclude is no shorter in either and longer in one: exclude"},
@@ -463,14 +554,15 @@ TEST(TpaExplain, NamesEveryKindOfMatch) {
 std::string randomRules(std::mt19937& random) {
   static const char* kApps[] = {"a", "b", "com.x", "#LAMBDA-APP"};
   static const char* kDestinations[] = {
-      "x.test", "a.x.test", "*.x.test", "*.test", "*", "*x.test", "y.org", "b.y.org", "cdn.*",
-      "10.0.0.1", "10.0.0.0/8", "10.1.0.0/16", "192.168.1.1", "2001:db8::1", "2001:db8::/32",
-      "::ffff:10.0.0.1", "0.0.0.0/0", ""};
+      "x.test",      "a.x.test",    "*.x.test",      "*.test",          "*",          "*x.test",
+      "y.org",       "b.y.org",     "cdn.*",         "10.0.0.1",        "10.0.0.0/8", "10.1.0.0/16",
+      "192.168.1.1", "2001:db8::1", "2001:db8::/32", "::ffff:10.0.0.1", "0.0.0.0/0",  ""};
   auto pick = [&](int n) { return std::uniform_int_distribution<int>(0, n - 1)(random); };
   auto list = [&](const char* key, const char* const* pool, int size) {
     if (pick(4) == 0) return std::string();
     std::string out = std::string("\"") + key + "\":[";
-    for (int n = pick(4); n > 0; --n) out += std::string("\"") + pool[pick(size)] + "\"" + (n > 1 ? "," : "");
+    for (int n = pick(4); n > 0; --n)
+      out += std::string("\"") + pool[pick(size)] + "\"" + (n > 1 ? "," : "");
     return out + "],";
   };
   std::string document = "[";
@@ -485,9 +577,9 @@ std::string randomRules(std::mt19937& random) {
 TEST(TpaExplain, AgreesWithQueryOnGeneratedDocuments) {
   const std::vector<std::string> apps = {"a", "b", "com.x", "zzz"};
   const std::vector<std::string> destinations = {
-      "x.test", "a.x.test", "q.x.test", "badx.test", "y.org", "b.y.org", "c.b.y.org", "10.0.0.1",
-      "10.1.2.3", "10.200.0.1", "192.168.1.1", "2001:db8::1", "2001:db8::5", "::ffff:10.0.0.1",
-      "0.0.0.0", "nothing.example"};
+      "x.test",      "a.x.test",        "q.x.test", "badx.test",      "y.org",       "b.y.org",
+      "c.b.y.org",   "10.0.0.1",        "10.1.2.3", "10.200.0.1",     "192.168.1.1", "2001:db8::1",
+      "2001:db8::5", "::ffff:10.0.0.1", "0.0.0.0",  "nothing.example"};
   std::mt19937 random(7);
   for (int round = 0; round < 25; ++round) {
     const std::string document = randomRules(random);

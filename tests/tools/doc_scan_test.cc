@@ -1,4 +1,6 @@
 // The tool's reader replay against the library's reader, and its text helpers.
+#include "tools/doc_scan.h"
+
 #include <gtest/gtest.h>
 
 #include <map>
@@ -9,7 +11,6 @@
 #include "api/constants.h"
 #include "json/json.h"
 #include "testing/log_capture.h"
-#include "tools/doc_scan.h"
 #include "tools/json_escape.h"
 #include "tools/lint.h"
 
@@ -91,9 +92,17 @@ TEST(NearestRuleKey, SuggestsOnlyLikelyTypos) {
     const char* key;
     const char* nearest;
   } cases[] = {
-      {"inclde", "include"}, {"Include", "include"}, {"exlude", "exclude"},
-      {"matchapps", "match_apps"}, {"match-apps", "match_apps"}, {"ID", "id"},
-      {"ids", "id"}, {"x", ""}, {"apps", ""}, {"comment", ""}, {"", ""},
+      {"inclde", "include"},
+      {"Include", "include"},
+      {"exlude", "exclude"},
+      {"matchapps", "match_apps"},
+      {"match-apps", "match_apps"},
+      {"ID", "id"},
+      {"ids", "id"},
+      {"x", ""},
+      {"apps", ""},
+      {"comment", ""},
+      {"", ""},
   };
   for (const auto& c : cases) EXPECT_EQ(nearestRuleKey(c.key), c.nearest) << c.key;
 }

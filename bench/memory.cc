@@ -73,6 +73,11 @@ namespace tpa::bench {
 
 std::uint64_t allocationCount() { return allocations; }
 
+std::int64_t heapAllocated() {
+  const struct mallinfo2 m = mallinfo2();
+  return static_cast<std::int64_t>(m.uordblks + m.hblkhd);
+}
+
 Resident readResident() { return Resident{statusField("VmRSS"), statusField("VmHWM")}; }
 
 void restartPeak() {

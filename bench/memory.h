@@ -19,10 +19,18 @@ struct Resident {
 };
 [[nodiscard]] Resident readResident();
 
-// Resident bytes that `build` added: at its peak and when it returned.
+// Heap bytes allocated and not yet freed (mallinfo2: the main arena's bytes
+// in use plus mmapped blocks, whether their pages were touched or not).
+[[nodiscard]] std::int64_t heapAllocated();
+
+// What `build` added: resident bytes at its peak and when it returned, and
+// heap bytes still allocated when it returned. Resident growth undercounts
+// small objects placed in heap holes that were already resident; allocated
+// bytes overcount large zero-filled blocks whose pages were never touched.
 struct MemoryUse {
   std::int64_t peak = 0;
   std::int64_t retained = 0;
+  std::int64_t allocated = 0;
 };
 
 // Hands freed heap back to the system and restarts the peak at the current
@@ -32,10 +40,12 @@ void restartPeak();
 template <typename Build>
 MemoryUse measureResident(Build&& build) {
   restartPeak();
+  const std::int64_t heapBefore = heapAllocated();
   const Resident before = readResident();
   build();
   const Resident after = readResident();
-  return MemoryUse{after.peak - before.current, after.current - before.current};
+  return MemoryUse{after.peak - before.current, after.current - before.current,
+                   heapAllocated() - heapBefore};
 }
 
 }  // namespace tpa::bench

@@ -21,19 +21,29 @@ Fixtures& Fixtures::get() {
   return fixtures;
 }
 
+Workload makeRulesWorkload(int size) {
+  Workload w;
+  w.size = size;
+  w.rules = generateRules(kSeed + size, size);
+  w.json = toJson(w.rules);
+  return w;
+}
+
+std::int64_t keyCharacters(const std::string& json) {
+  parser::JsonParser parser;
+  if (parser.parse(json, false) != 0) return 0;
+  return static_cast<std::int64_t>(parser.grossAppBytesCount()) +
+         parser.grossIncludeBytesCount() + parser.grossExcludeBytesCount();
+}
+
 Fixtures::Entry& Fixtures::entry(int size) {
   Entry& e = entries_[size];
   if (e.workload) return e;
-  auto w = std::make_unique<Workload>();
-  w->size = size;
-  w->rules = generateRules(kSeed + size, size);
-  w->json = toJson(w->rules);
+  auto w = std::make_unique<Workload>(makeRulesWorkload(size));
   w->repeated = repeatedQueries(w->rules, kSeed + 2 * size, streamLength_);
   w->distinct = distinctQueries(w->rules, kSeed + 3 * size, streamLength_);
-  parser::JsonParser parser;
-  if (const int code = parser.parse(w->json, false); code != 0) fail("reading the rules", size, code);
-  w->keyCharacters = static_cast<std::int64_t>(parser.grossAppBytesCount()) +
-                     parser.grossIncludeBytesCount() + parser.grossExcludeBytesCount();
+  w->keyCharacters = keyCharacters(w->json);
+  if (w->keyCharacters == 0) fail("reading the rules", size, 0);
   e.workload = std::move(w);
   return e;
 }

@@ -33,6 +33,13 @@ struct Workload {
   std::int64_t keyCharacters = 0;
 };
 
+// A workload's rules and document alone, without query streams (the same
+// rules as Fixtures::workload(size) has).
+[[nodiscard]] Workload makeRulesWorkload(int size);
+
+// The sum of the reader's three symbol totals for `json`, 0 if it does not read.
+[[nodiscard]] std::int64_t keyCharacters(const std::string& json);
+
 // How the library is asked: Builder::query directly, or through the
 // analyzer's lock as the JNI bridge does.
 struct Library {

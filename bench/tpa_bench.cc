@@ -11,6 +11,7 @@
 //   --tpa_check_out=FILE           write the checks' summary there (default stderr)
 //   --tpa_write_workload=DIR       write each size's rules document and query
 //                                  streams (app TAB destination) and exit
+//   --tpa_probe=KIND,SIZE          (internal) one memory probe, see probes.h
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -18,13 +19,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "anatomy.h"
 #include "checks.h"
+#include "probes.h"
 #include "fixtures.h"
-#include "json/dawg.h"
 #include "memory.h"
 #include "parser/json_parser.h"
 
@@ -38,6 +41,7 @@ struct Options {
   std::string check;  // "", "only" or "skip"
   std::string checkOut;
   std::string workloadDir;
+  std::string probe;
 };
 
 // Consumes the --tpa_ flags from argv.
@@ -65,6 +69,8 @@ Options parseOptions(int& argc, char** argv) {
       o.check = v;
     } else if (const char* v = value("--tpa_check_out=")) {
       o.checkOut = v;
+    } else if (const char* v = value("--tpa_probe=")) {
+      o.probe = v;
     } else if (const char* v = value("--tpa_write_workload=")) {
       o.workloadDir = v;
     } else {
@@ -137,28 +143,6 @@ void registerQueries(int size, const char* streamName) {
 
 // ---- Builds and their memory ----------------------------------------------
 
-// Each maker builds one matcher from a workload and returns it owned.
-std::unique_ptr<api::Builder> makeLibrary(const Workload& w) {
-  auto b = std::make_unique<api::Builder>();
-  if (b->build(w.json, false) != 0) b.reset();
-  return b;
-}
-std::unique_ptr<NaiveReference> makeNaive(const Workload& w) {
-  auto m = std::make_unique<NaiveReference>();
-  if (m->build(w.json) != 0) m.reset();
-  return m;
-}
-std::unique_ptr<HashMatcher> makeHash(const Workload& w) {
-  auto m = std::make_unique<HashMatcher>();
-  m->build(w.rules);
-  return m;
-}
-std::unique_ptr<MarisaMatcher> makeMarisa(const Workload& w) {
-  auto m = std::make_unique<MarisaMatcher>();
-  m->build(w.rules);
-  return m;
-}
-
 template <typename Make>
 void runBuilds(benchmark::State& st, int size, Make make) {
   const Workload& w = Fixtures::get().workload(size);
@@ -172,21 +156,12 @@ void runBuilds(benchmark::State& st, int size, Make make) {
   st.counters["key_chars"] = static_cast<double>(w.keyCharacters);
 }
 
-template <typename Make>
-void runMemory(benchmark::State& st, int size, Make make) {
-  const Workload& w = Fixtures::get().workload(size);
-  MemoryUse use;
-  for (auto _ : st) {
-    decltype(make(w)) built;
-    use = measureResident([&] { built = make(w); });
-    if (!built) st.SkipWithError("build failed");
-  }
-  const double chars = static_cast<double>(w.keyCharacters);
-  st.counters["key_chars"] = chars;
-  st.counters["peak_B_per_char"] = static_cast<double>(use.peak) / chars;
-  st.counters["retained_B_per_char"] = static_cast<double>(use.retained) / chars;
-  st.counters["allocated_B_per_char"] = static_cast<double>(use.allocated) / chars;
-  st.counters["peak_MB"] = static_cast<double>(use.peak) / 1e6;
+// Sets the probe's measurements as counters of `st`.
+void runProbeInto(benchmark::State& st, const std::string& kind, int size) {
+  std::map<std::string, double> values;
+  for (auto _ : st) values = runProbe(kind, size);
+  if (values.empty()) st.SkipWithError("the probe failed");
+  for (const auto& [name, value] : values) st.counters[name] = value;
 }
 
 template <typename Make>
@@ -196,8 +171,9 @@ void registerBuild(int size, const char* peer, Make make) {
                                [=](benchmark::State& st) { runBuilds(st, size, make); })
       ->Unit(benchmark::kMillisecond)
       ->MinTime(0.5);
-  benchmark::RegisterBenchmark(("Memory/" + tail).c_str(),
-                               [=](benchmark::State& st) { runMemory(st, size, make); })
+  benchmark::RegisterBenchmark(("Memory/" + tail).c_str(), [=](benchmark::State& st) {
+    runProbeInto(st, peer, size);
+  })
       ->Unit(benchmark::kMillisecond)
       ->Iterations(1);
 }
@@ -218,35 +194,8 @@ void registerReader(int size) {
     st.SetBytesProcessed(static_cast<std::int64_t>(st.iterations() * json.size()));
   })->Unit(benchmark::kMillisecond);
 
-  // Resident memory of the reader's dictionary per document byte: reserved
-  // alone (no state touched), and filled with the whole document.
   benchmark::RegisterBenchmark(("ReaderMemory" + tail).c_str(), [=](benchmark::State& st) {
-    const std::string& json = Fixtures::get().workload(size).json;
-    MemoryUse reserved, filled, parse;
-    for (auto _ : st) {
-      {
-        json_config::dawg empty(static_cast<int>(json.size()));
-        reserved = measureResident([&] { benchmark::DoNotOptimize(empty.construct()); });
-      }
-      {
-        json_config::dawg full(static_cast<int>(json.size()));
-        filled = measureResident([&] {
-          benchmark::DoNotOptimize(full.construct());
-          benchmark::DoNotOptimize(full.insert(json));
-        });
-      }
-      // Peak while parsing; kept: what outlives the parser and its rules.
-      parse = measureResident([&] {
-        parser::JsonParser parser;
-        benchmark::DoNotOptimize(parser.parse(json, false));
-      });
-    }
-    const double bytes = static_cast<double>(json.size());
-    st.counters["doc_bytes"] = bytes;
-    st.counters["dict_reserved_B_per_byte"] = static_cast<double>(reserved.peak) / bytes;
-    st.counters["dict_filled_B_per_byte"] = static_cast<double>(filled.peak) / bytes;
-    st.counters["parse_peak_B_per_byte"] = static_cast<double>(parse.peak) / bytes;
-    st.counters["parse_retained_B_per_byte"] = static_cast<double>(parse.retained) / bytes;
+    runProbeInto(st, "reader", size);
   })->Unit(benchmark::kMillisecond)->Iterations(1);
 }
 
@@ -279,6 +228,7 @@ void registerAll(const Options& o) {
     registerQueries(size, "repeated");
     registerQueries(size, "distinct");
     registerAllocations(size);
+    registerAnatomy(size);
   }
 }
 
@@ -338,6 +288,7 @@ int main(int argc, char** argv) {
   // measurement as in a fresh process.
   mallopt(M_MMAP_THRESHOLD, 128 * 1024);
   const Options options = parseOptions(argc, argv);
+  if (!options.probe.empty()) return probeMain(options.probe);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   Fixtures::get().setStreamLength(options.queries);

@@ -1,0 +1,170 @@
+#include "anatomy.h"
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "fixtures.h"
+#include "mapper/map.h"
+#include "mapper/trace.h"
+
+namespace tpa::bench {
+
+namespace {
+
+constexpr std::size_t kTracedQueries = 20000;
+
+struct Anatomy {
+  // Searches per query, by kind, over the traced queries.
+  double whole = 0, bits = 0, prefix = 0, partial = 0, steps = 0;
+  // The framed include keys the queries searched, for timing the automaton.
+  std::vector<std::string> keys;
+};
+
+void count(const mapper::ListTrace& list, Anatomy& a) {
+  a.whole += list.whole.attempted;
+  a.bits += list.bitsSearch.attempted;
+  a.prefix += list.prefix.attempted;
+  a.partial += list.partial.attempted;
+}
+
+// Traces the first queries of the distinct stream. Tracing runs the query as
+// usual (and fills the caches as usual).
+Anatomy trace(int size) {
+  Fixtures& f = Fixtures::get();
+  const QueryStream& s = f.workload(size).distinct;
+  const mapper::Map* map = f.library(size).builder.getMap();
+  Anatomy a;
+  const std::size_t n = std::min(kTracedQueries, s.queries.size());
+  for (std::size_t i = 0; i < n; ++i) {
+    const Query& q = s.queries[i];
+    mapper::QueryTrace t;
+    map->get(s.apps[q.app], s.destinations[q.destination], &t);
+    a.whole += t.app.attempted;
+    a.steps += static_cast<double>(t.steps.size());
+    for (const mapper::StepTrace& step : t.steps) {
+      count(step.include, a);
+      count(step.exclude, a);
+    }
+    if (!t.steps.empty()) a.keys.push_back(t.steps.front().include.key);
+  }
+  for (double* x : {&a.whole, &a.bits, &a.prefix, &a.partial, &a.steps}) *x /= static_cast<double>(n);
+  return a;
+}
+
+const Anatomy& anatomy(int size) {
+  static std::vector<std::pair<int, Anatomy>> cache;
+  for (const auto& [s, a] : cache) {
+    if (s == size) return a;
+  }
+  cache.emplace_back(size, trace(size));
+  return cache.back().second;
+}
+
+using Automaton = fsa::SuffixAutomaton<int>;
+
+// The longest suffix of key[start, n) that occurs in the automaton's text:
+// the matching statistics of that window at its last character.
+int suffixMatch(const Automaton& sa, const std::string& key, int start) {
+  int s = 0;
+  int l = 0;
+  for (int i = start; i < static_cast<int>(key.size()); ++i) {
+    const auto c = static_cast<unsigned char>(key[i]);
+    while (s != 0 && sa.transitions().find(s, c) == nullptr) {
+      s = std::max(sa.stateAt(s).link(), 0);
+      l = sa.stateAt(s).length();
+    }
+    if (const std::int32_t* next = sa.transitions().find(s, c)) {
+      s = *next;
+      ++l;
+    }
+  }
+  return l;
+}
+
+// The wildcard search with the same answer as tryFindPartial, reading only
+// the key's tail: the longest suffix of the key found in the text is also
+// the longest suffix of any window that it does not fill, so the scan starts
+// 16 characters from the end and widens only while the window matches whole.
+int windowedPartial(const Automaton& sa, const std::string& key, fsa::SAStateValue<int>& out) {
+  const int n = static_cast<int>(key.size());
+  if (n < 1) return sa.tryFindPartial(key, out);
+  int best = 0;
+  for (int window = 16;; window *= 2) {
+    const int start = std::max(0, n - window);
+    best = suffixMatch(sa, key, start);
+    if (best < n - start || start == 0) break;
+  }
+  const std::int32_t* star = sa.transitions().find(0, static_cast<unsigned char>('*'));
+  if (star == nullptr) {
+    out = sa.stateAt(0).value();
+    return best;
+  }
+  int s = *star;
+  for (int j = n - best; j < n; ++j) {
+    const std::int32_t* next = sa.transitions().find(s, static_cast<unsigned char>(key[j]));
+    if (next == nullptr) break;
+    s = *next;
+  }
+  out = sa.stateAt(s).value();
+  return best;
+}
+
+template <typename Search>
+void timeSearches(benchmark::State& st, int size, Search search) {
+  const std::vector<std::string>& keys = anatomy(size).keys;
+  const auto* automaton = Fixtures::get().library(size).builder.getMap()->includeMachine()->automaton();
+  std::size_t i = 0;
+  for (auto _ : st) {
+    fsa::SAStateValue<int> v;
+    const int matched = search(*automaton, keys[i], v);
+    benchmark::DoNotOptimize(matched);
+    benchmark::DoNotOptimize(v);
+    if (++i == keys.size()) i = 0;
+  }
+  std::size_t chars = 0;
+  for (const std::string& k : keys) chars += k.size();
+  st.counters["key_chars"] = static_cast<double>(chars) / static_cast<double>(keys.size());
+}
+
+}  // namespace
+
+void registerAnatomy(int size) {
+  const std::string tail = "/" + std::to_string(size);
+  benchmark::RegisterBenchmark(("Anatomy/searches" + tail).c_str(), [=](benchmark::State& st) {
+    Anatomy a;
+    for (auto _ : st) a = anatomy(size);
+    st.counters["rule_steps"] = a.steps;
+    st.counters["whole"] = a.whole;
+    st.counters["bits"] = a.bits;
+    st.counters["prefix"] = a.prefix;
+    st.counters["partial"] = a.partial;
+  })->Iterations(1)->Unit(benchmark::kMillisecond);
+  benchmark::RegisterBenchmark(("Anatomy/whole" + tail).c_str(), [=](benchmark::State& st) {
+    timeSearches(st, size, [](const auto& sa, const std::string& k, fsa::SAStateValue<int>& v) {
+      return sa.tryFindFull(k, v);
+    });
+  });
+  benchmark::RegisterBenchmark(("Anatomy/partial" + tail).c_str(), [=](benchmark::State& st) {
+    timeSearches(st, size, [](const auto& sa, const std::string& k, fsa::SAStateValue<int>& v) {
+      return sa.tryFindPartial(k, v);
+    });
+  });
+  // A proposed wildcard search, checked against the library's on every key.
+  benchmark::RegisterBenchmark(("Anatomy/partial_windowed" + tail).c_str(),
+                               [=](benchmark::State& st) {
+    const Automaton& sa = *Fixtures::get().library(size).builder.getMap()->includeMachine()->automaton();
+    for (const std::string& k : anatomy(size).keys) {
+      fsa::SAStateValue<int> a, b;
+      if (sa.tryFindPartial(k, a) != windowedPartial(sa, k, b) || a != b) {
+        st.SkipWithError("the windowed search answers differently");
+        return;
+      }
+    }
+    timeSearches(st, size, windowedPartial);
+  });
+}
+
+}  // namespace tpa::bench

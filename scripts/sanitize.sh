@@ -16,7 +16,9 @@ run_asan() {
   cmake --preset asan >/dev/null
   cmake --build --preset asan
   ctest --preset asan
-  if ctest --test-dir build-asan -N -R '^jvm_tests$' | grep -q 'jvm_tests'; then
+  local listed
+  listed=$(ctest --test-dir build-asan -N -R '^jvm_tests$')
+  if grep -q 'jvm_tests' <<<"$listed"; then
     TPA_ASAN_RUNTIME=$(clang++ -print-file-name=libclang_rt.asan-x86_64.so)
     [ -f "$TPA_ASAN_RUNTIME" ] || { echo "sanitize: no libclang_rt.asan runtime" >&2; exit 1; }
     export TPA_ASAN_RUNTIME

@@ -197,6 +197,33 @@ TEST(Hostile, FiftyMegabyteDocumentBuildsWithBoundedMemory) {
   EXPECT_LT(perByte, sanitized() ? 96.0 : 64.0);
 }
 
+TEST(Hostile, FiftyMegabytesOfNetworksStayVirtual) {
+  // An IPv4 network is counted at 32 symbols whatever its prefix, so a
+  // document of short networks reserves far more automaton states than it
+  // fills. The reservation is zero-filled and never touched: it must not
+  // show up in the resident set.
+  std::string doc = R"([{"match_apps": ["app"], "include": [)";
+  int networks = 0;
+  for (; doc.size() < (50u << 20); ++networks) {
+    doc += "\"" + std::to_string(1 + networks % 223) + "." + std::to_string(networks / 223 % 256) +
+           ".0.0/16\", ";
+  }
+  doc += R"("last.test"], "id": "5"}])";
+  TarnPatternAnalyzer analyzer;
+  const long before = currentRssKb();
+  const int code = analyzer.build(doc, false);
+  const long growthKb = peakRssKb() - before;
+  const double perByte = static_cast<double>(growthKb) * 1024 / static_cast<double>(doc.size());
+  std::printf("%d networks, %zu bytes, code %d, peak RSS growth %ld MB (%.1f B/B)\n", networks,
+              doc.size(), code, growthKb / 1024, perByte);
+  if (code == 0) {
+    EXPECT_EQ((Answer{1, 5}), ask(analyzer, "app", "1.0.200.9"));
+    EXPECT_EQ((Answer{1, 5}), ask(analyzer, "app", "last.test"));
+    EXPECT_EQ(kNoRule, ask(analyzer, "app", "224.0.0.1"));
+  }
+  EXPECT_LT(perByte, sanitized() ? 96.0 : 64.0);
+}
+
 TEST(Hostile, HundredThousandRulesAnswerLikeTheirModel) {
   const int kRules = 100000;
   TarnPatternAnalyzer analyzer;

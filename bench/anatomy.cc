@@ -50,7 +50,8 @@ Anatomy trace(int size) {
     }
     if (!t.steps.empty()) a.keys.push_back(t.steps.front().include.key);
   }
-  for (double* x : {&a.whole, &a.bits, &a.prefix, &a.partial, &a.steps}) *x /= static_cast<double>(n);
+  for (double* x : {&a.whole, &a.bits, &a.prefix, &a.partial, &a.steps})
+    *x /= static_cast<double>(n);
   return a;
 }
 
@@ -115,7 +116,8 @@ int windowedPartial(const Automaton& sa, const std::string& key, fsa::SAStateVal
 template <typename Search>
 void timeSearches(benchmark::State& st, int size, Search search) {
   const std::vector<std::string>& keys = anatomy(size).keys;
-  const auto* automaton = Fixtures::get().library(size).builder.getMap()->includeMachine()->automaton();
+  const auto* automaton =
+      Fixtures::get().library(size).builder.getMap()->includeMachine()->automaton();
   std::size_t i = 0;
   for (auto _ : st) {
     fsa::SAStateValue<int> v;
@@ -133,15 +135,18 @@ void timeSearches(benchmark::State& st, int size, Search search) {
 
 void registerAnatomy(int size) {
   const std::string tail = "/" + std::to_string(size);
-  benchmark::RegisterBenchmark(("Anatomy/searches" + tail).c_str(), [=](benchmark::State& st) {
-    Anatomy a;
-    for (auto _ : st) a = anatomy(size);
-    st.counters["rule_steps"] = a.steps;
-    st.counters["whole"] = a.whole;
-    st.counters["bits"] = a.bits;
-    st.counters["prefix"] = a.prefix;
-    st.counters["partial"] = a.partial;
-  })->Iterations(1)->Unit(benchmark::kMillisecond);
+  benchmark::RegisterBenchmark(("Anatomy/searches" + tail).c_str(),
+                               [=](benchmark::State& st) {
+                                 Anatomy a;
+                                 for (auto _ : st) a = anatomy(size);
+                                 st.counters["rule_steps"] = a.steps;
+                                 st.counters["whole"] = a.whole;
+                                 st.counters["bits"] = a.bits;
+                                 st.counters["prefix"] = a.prefix;
+                                 st.counters["partial"] = a.partial;
+                               })
+      ->Iterations(1)
+      ->Unit(benchmark::kMillisecond);
   benchmark::RegisterBenchmark(("Anatomy/whole" + tail).c_str(), [=](benchmark::State& st) {
     timeSearches(st, size, [](const auto& sa, const std::string& k, fsa::SAStateValue<int>& v) {
       return sa.tryFindFull(k, v);
@@ -153,18 +158,19 @@ void registerAnatomy(int size) {
     });
   });
   // A proposed wildcard search, checked against the library's on every key.
-  benchmark::RegisterBenchmark(("Anatomy/partial_windowed" + tail).c_str(),
-                               [=](benchmark::State& st) {
-    const Automaton& sa = *Fixtures::get().library(size).builder.getMap()->includeMachine()->automaton();
-    for (const std::string& k : anatomy(size).keys) {
-      fsa::SAStateValue<int> a, b;
-      if (sa.tryFindPartial(k, a) != windowedPartial(sa, k, b) || a != b) {
-        st.SkipWithError("the windowed search answers differently");
-        return;
-      }
-    }
-    timeSearches(st, size, windowedPartial);
-  });
+  benchmark::RegisterBenchmark(
+      ("Anatomy/partial_windowed" + tail).c_str(), [=](benchmark::State& st) {
+        const Automaton& sa =
+            *Fixtures::get().library(size).builder.getMap()->includeMachine()->automaton();
+        for (const std::string& k : anatomy(size).keys) {
+          fsa::SAStateValue<int> a, b;
+          if (sa.tryFindPartial(k, a) != windowedPartial(sa, k, b) || a != b) {
+            st.SkipWithError("the windowed search answers differently");
+            return;
+          }
+        }
+        timeSearches(st, size, windowedPartial);
+      });
 }
 
 }  // namespace tpa::bench

@@ -1,10 +1,10 @@
 #include "checks.h"
 
+#include <benchmark/benchmark.h>
+
 #include <algorithm>
 #include <array>
 #include <string>
-
-#include <benchmark/benchmark.h>
 
 #include "memory.h"
 
@@ -12,8 +12,8 @@ namespace tpa::bench {
 
 namespace {
 
-constexpr std::array<const char*, 7> kTargetNames = {"domain",   "wildcard", "ipv4", "ipv4-net",
-                                                     "ipv6",     "ipv6-net", "nothing"};
+constexpr std::array<const char*, 7> kTargetNames = {"domain", "wildcard", "ipv4",   "ipv4-net",
+                                                     "ipv6",   "ipv6-net", "nothing"};
 constexpr std::array<const char*, 3> kPeerNames = {"hash", "marisa", "std::map"};
 
 struct Tally {
@@ -71,17 +71,18 @@ bool checkAgreement(int size, std::size_t sample, std::FILE* out) {
         ++total;
         if (examples++ < 10) {
           std::fprintf(out, "  MISMATCH %s: (%s, %s) library (%d, %d), %s (%d, %d)\n",
-                       kTargetNames[static_cast<int>(q.target)], app.c_str(),
-                       destination.c_str(), expected.decision, expected.value, kPeerNames[p],
-                       got[p].decision, got[p].value);
+                       kTargetNames[static_cast<int>(q.target)], app.c_str(), destination.c_str(),
+                       expected.decision, expected.value, kPeerNames[p], got[p].decision,
+                       got[p].value);
         }
       }
     }
   }
   std::fprintf(out, "agreement on %d destinations (%zu queries of each stream):\n", size, sample);
   printTallies(tallies, out);
-  std::fprintf(out, "  %s\n", total == 0 ? "every peer agrees with the library"
-                                         : "PEERS DISAGREE WITH THE LIBRARY");
+  std::fprintf(
+      out, "  %s\n",
+      total == 0 ? "every peer agrees with the library" : "PEERS DISAGREE WITH THE LIBRARY");
   return total == 0;
 }
 

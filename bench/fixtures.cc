@@ -32,8 +32,8 @@ Workload makeRulesWorkload(int size) {
 std::int64_t keyCharacters(const std::string& json) {
   parser::JsonParser parser;
   if (parser.parse(json, false) != 0) return 0;
-  return static_cast<std::int64_t>(parser.grossAppBytesCount()) +
-         parser.grossIncludeBytesCount() + parser.grossExcludeBytesCount();
+  return static_cast<std::int64_t>(parser.grossAppBytesCount()) + parser.grossIncludeBytesCount() +
+         parser.grossExcludeBytesCount();
 }
 
 Fixtures::Entry& Fixtures::entry(int size) {

@@ -16,7 +16,8 @@ std::uint64_t v6HalfMask(int bits) {
 // The map of one prefix length in a longest-first list, created on demand.
 template <class Map>
 Map& mapFor(std::vector<std::pair<int, Map>>& nets, int prefix) {
-  auto it = std::find_if(nets.begin(), nets.end(), [&](const auto& p) { return p.first <= prefix; });
+  auto it =
+      std::find_if(nets.begin(), nets.end(), [&](const auto& p) { return p.first <= prefix; });
   if (it == nets.end() || it->first != prefix) it = nets.insert(it, {prefix, Map()});
   return it->second;
 }

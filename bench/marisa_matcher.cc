@@ -130,9 +130,9 @@ ListHit MarisaMatcher::find(const Destination& d, int rule, char flag) {
     const std::size_t length = agent_->key().length();
     const int id = static_cast<int>(agent_->key().id());
     if (length == key_.size()) {
-      const int nameLength = name ? static_cast<int>(d.text.size())
-                                  : (d.kind == Destination::kIPv4 ? kIPv4TextLength
-                                                                  : kIPv6TextLength);
+      const int nameLength =
+          name ? static_cast<int>(d.text.size())
+               : (d.kind == Destination::kIPv4 ? kIPv4TextLength : kIPv6TextLength);
       return exactHit(nameLength, digits, values_[id]);
     }
     if (length > base && (!name || key_[length - 1] == '.')) {

@@ -44,7 +44,7 @@ class MarisaMatcher {
   marisa::Trie apps_;
   std::vector<int> appRules_;  // by key id of apps_
   marisa::Trie destinations_;
-  std::vector<int> values_;    // by key id of destinations_: the rule's id
+  std::vector<int> values_;  // by key id of destinations_: the rule's id
   // Scratch of one query: the agent and the key it searches.
   std::unique_ptr<marisa::Agent> agent_;
   std::string key_;

@@ -69,8 +69,8 @@ int NaiveReference::build(const std::string& json) {
   return error::TPA_ERROR_NONE;
 }
 
-ListHit NaiveReference::find(const std::string& destination, int rule,
-                              const Automaton& machine, std::uint8_t flag) const {
+ListHit NaiveReference::find(const std::string& destination, int rule, const Automaton& machine,
+                             std::uint8_t flag) const {
   std::string text = destination;
   if (cidr::isIPv6Address(destination)) {
     text = cidr::expandIPv6(destination);

@@ -18,7 +18,6 @@
 
 #include "fsa/map_transitions.h"
 #include "fsa/suffix_automaton.h"
-
 #include "peer_common.h"
 
 namespace tpa::parser {

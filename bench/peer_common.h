@@ -70,7 +70,7 @@ inline constexpr int kIPv6TextLength = 39;  // eight groups of four
 struct Destination {
   enum Kind : std::uint8_t { kDomain, kWildcard, kIPv4, kIPv6, kIPv4Net, kIPv6Net };
   Kind kind = kDomain;
-  std::string_view text;  // the name; for a wildcard the tail after '*' (".b.c")
+  std::string_view text;                   // the name; for a wildcard the tail after '*' (".b.c")
   std::array<std::uint8_t, 16> address{};  // network byte order, IPv4 in the first 4
   int prefix = 0;                          // networks only
 };

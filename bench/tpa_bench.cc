@@ -26,10 +26,10 @@
 
 #include "anatomy.h"
 #include "checks.h"
-#include "probes.h"
 #include "fixtures.h"
 #include "memory.h"
 #include "parser/json_parser.h"
+#include "probes.h"
 
 namespace tpa::bench {
 namespace {
@@ -112,9 +112,8 @@ void registerQueries(int size, const char* streamName) {
   const std::string tail = std::string("/") + streamName + "/" + std::to_string(size);
   benchmark::RegisterBenchmark(("Query/tpa" + tail).c_str(), [=](benchmark::State& st) {
     const api::Builder& b = Fixtures::get().library(size).builder;
-    runQueries(st, stream(), repeated, [&](const std::string& app, const std::string& d) {
-      return askLibrary(b, app, d);
-    });
+    runQueries(st, stream(), repeated,
+               [&](const std::string& app, const std::string& d) { return askLibrary(b, app, d); });
   });
   benchmark::RegisterBenchmark(("Query/tpa_locked" + tail).c_str(), [=](benchmark::State& st) {
     api::TarnPatternAnalyzer& a = Fixtures::get().library(size).analyzer;
@@ -171,9 +170,8 @@ void registerBuild(int size, const char* peer, Make make) {
                                [=](benchmark::State& st) { runBuilds(st, size, make); })
       ->Unit(benchmark::kMillisecond)
       ->MinTime(0.5);
-  benchmark::RegisterBenchmark(("Memory/" + tail).c_str(), [=](benchmark::State& st) {
-    runProbeInto(st, peer, size);
-  })
+  benchmark::RegisterBenchmark(("Memory/" + tail).c_str(),
+                               [=](benchmark::State& st) { runProbeInto(st, peer, size); })
       ->Unit(benchmark::kMillisecond)
       ->Iterations(1);
 }
@@ -194,9 +192,10 @@ void registerReader(int size) {
     st.SetBytesProcessed(static_cast<std::int64_t>(st.iterations() * json.size()));
   })->Unit(benchmark::kMillisecond);
 
-  benchmark::RegisterBenchmark(("ReaderMemory" + tail).c_str(), [=](benchmark::State& st) {
-    runProbeInto(st, "reader", size);
-  })->Unit(benchmark::kMillisecond)->Iterations(1);
+  benchmark::RegisterBenchmark(("ReaderMemory" + tail).c_str(),
+                               [=](benchmark::State& st) { runProbeInto(st, "reader", size); })
+      ->Unit(benchmark::kMillisecond)
+      ->Iterations(1);
 }
 
 // ---- Allocations on the query path ---------------------------------------------
@@ -205,16 +204,20 @@ void registerAllocations(int size) {
   for (const bool repeated : {true, false}) {
     const std::string name = std::string("Allocations/tpa/") +
                              (repeated ? "repeated/" : "distinct/") + std::to_string(size);
-    benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State& st) {
-      Fixtures& f = Fixtures::get();
-      const Workload& w = f.workload(size);
-      double perQuery = 0;
-      for (auto _ : st) {
-        perQuery = allocationsPerQuery(f.library(size).builder,
-                                       repeated ? w.repeated : w.distinct, 100000, repeated);
-      }
-      st.counters["allocs_per_query"] = perQuery;
-    })->Unit(benchmark::kMillisecond)->Iterations(1);
+    benchmark::RegisterBenchmark(name.c_str(),
+                                 [=](benchmark::State& st) {
+                                   Fixtures& f = Fixtures::get();
+                                   const Workload& w = f.workload(size);
+                                   double perQuery = 0;
+                                   for (auto _ : st) {
+                                     perQuery = allocationsPerQuery(
+                                         f.library(size).builder,
+                                         repeated ? w.repeated : w.distinct, 100000, repeated);
+                                   }
+                                   st.counters["allocs_per_query"] = perQuery;
+                                 })
+        ->Unit(benchmark::kMillisecond)
+        ->Iterations(1);
   }
 }
 

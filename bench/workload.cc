@@ -144,17 +144,20 @@ std::string RuleMaker::destination(DestKind kind) {
     case DestKind::kDomain:
       return domain();
     case DestKind::kWildcard:
-      return "*." + (rng_.chance(0.7) ? label() + "." + tld() : label() + "." + label() + "." + tld());
+      return "*." +
+             (rng_.chance(0.7) ? label() + "." + tld() : label() + "." + label() + "." + tld());
     case DestKind::kIPv4:
       return v4Text(freshV4Block());
     case DestKind::kIPv4Net: {
-      const int prefix = kMinV4Prefix + static_cast<int>(rng_.below(kMaxV4Prefix - kMinV4Prefix + 1));
+      const int prefix =
+          kMinV4Prefix + static_cast<int>(rng_.below(kMaxV4Prefix - kMinV4Prefix + 1));
       return v4Text(freshV4Block() & v4Mask(prefix)) + "/" + std::to_string(prefix);
     }
     case DestKind::kIPv6:
       return v6Text(randomV6());
     case DestKind::kIPv6Net: {
-      const int prefix = kMinV6Prefix + static_cast<int>(rng_.below(kMaxV6Prefix - kMinV6Prefix + 1));
+      const int prefix =
+          kMinV6Prefix + static_cast<int>(rng_.below(kMaxV6Prefix - kMinV6Prefix + 1));
       V6 a = randomV6();
       v6MaskInPlace(a, prefix);
       return v6Text(a) + "/" + std::to_string(prefix);
@@ -310,7 +313,8 @@ Target QueryMaker::drawTarget() {
 std::uint32_t QueryMaker::appFor(const Entry& e) {
   const RuleSpec& rule = rules_.rules[e.rule];
   const bool unknown = rule.apps.empty() ? rng_.chance(0.5) : rng_.chance(0.15);
-  if (unknown) return unknownBase_ + rng_.below(static_cast<std::uint32_t>(rules_.unknownApps.size()));
+  if (unknown)
+    return unknownBase_ + rng_.below(static_cast<std::uint32_t>(rules_.unknownApps.size()));
   if (rule.apps.empty()) return rng_.below(unknownBase_ ? unknownBase_ : 1);
   return knownAppBase_[e.rule] + rng_.below(static_cast<std::uint32_t>(rule.apps.size()));
 }
@@ -390,8 +394,7 @@ void QueryMaker::add() {
     }
     std::string destination = destinationFor(t, e);
     if (destination.empty()) continue;
-    out_.queries.push_back(
-        Query{app, static_cast<std::uint32_t>(out_.destinations.size()), t});
+    out_.queries.push_back(Query{app, static_cast<std::uint32_t>(out_.destinations.size()), t});
     out_.destinations.push_back(std::move(destination));
     return;
   }
@@ -432,8 +435,7 @@ QueryStream distinctQueries(const RuleSet& rules, std::uint64_t seed, std::size_
   return out;
 }
 
-QueryStream repeatedQueries(const RuleSet& rules, std::uint64_t seed, std::size_t count,
-                            int hot) {
+QueryStream repeatedQueries(const RuleSet& rules, std::uint64_t seed, std::size_t count, int hot) {
   QueryStream out = distinctQueries(rules, seed, static_cast<std::size_t>(hot));
   const std::vector<Query> pairs = out.queries;
   Rng rng(seed ^ 0x5eedull);

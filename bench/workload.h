@@ -51,10 +51,10 @@ struct Entry {
 };
 
 struct RuleSet {
-  std::vector<RuleSpec> rules;  // in document order
-  std::vector<Entry> entries;   // every list entry of every rule
+  std::vector<RuleSpec> rules;           // in document order
+  std::vector<Entry> entries;            // every list entry of every rule
   std::vector<std::string> unknownApps;  // application names no rule names
-  std::size_t destinations = 0;  // entries.size()
+  std::size_t destinations = 0;          // entries.size()
 };
 
 // Rules with about `destinations` list entries: 60% domains, 20% wildcards
@@ -70,9 +70,7 @@ struct RuleSet {
 [[nodiscard]] std::string toJson(const RuleSet& rules);
 
 // What a query is aimed at.
-enum class Target : std::uint8_t {
-  kDomain, kWildcard, kIPv4, kIPv4Net, kIPv6, kIPv6Net, kNothing
-};
+enum class Target : std::uint8_t { kDomain, kWildcard, kIPv4, kIPv4Net, kIPv6, kIPv6Net, kNothing };
 
 struct Query {
   std::uint32_t app;          // index into QueryStream::apps

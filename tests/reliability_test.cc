@@ -346,6 +346,17 @@ TEST(Hostile, ArbitraryBytesNeverCrashABuild) {
   }
 }
 
+TEST(Hostile, UnreadableRulesFilesFailWithACode) {
+  // Paths that open but cannot be read as a file: a directory, a file whose
+  // size the stream cannot tell, devices. Each fails with a code.
+  for (const char* path : {"/", "/proc/self/status", "/dev/null", "/dev/zero", "/nonexistent/rules.json"}) {
+    TarnPatternAnalyzer analyzer;
+    ASSERT_EQ(0, analyzer.build(kKnownRules, false));
+    EXPECT_LT(analyzer.build(path, true), 0) << path;
+    expectKnownRules(analyzer);
+  }
+}
+
 // ---- exhaustion and exceptions -------------------------------------------
 
 TEST(Capacity, ExhaustedMidKeyFailsAndOldRulesKeepAnswering) {
@@ -421,6 +432,28 @@ TEST(Soak, RebuildLoopKeepsMemoryFlat) {
   if (!sanitized()) {
     EXPECT_LT(rssGrowthKb, 8 * 1024);
   }
+}
+
+TEST(Soak, FailedBuildsOnOneMapKeepMemoryFlat) {
+  // A failed build keeps the old map but empties its caches first; queries
+  // for ever new destinations between such builds must not pile up cache
+  // bookkeeping for released entries.
+  QuietLog quiet;
+  TarnPatternAnalyzer analyzer;
+  ASSERT_EQ(0, analyzer.build(kKnownRules, false));
+  auto round = [&](int i) {
+    (void)analyzer.build("[{", false);
+    (void)ask(analyzer, "com.example.mail", "host" + std::to_string(i) + ".test");
+    (void)ask(analyzer, "app" + std::to_string(i), "10.1.2.3");
+  };
+  int i = 0;
+  for (; i < 1000; ++i) round(i);
+  const std::size_t heapBefore = liveHeapBytes();
+  for (; i < 41000; ++i) round(i);
+  const long heapGrowth = static_cast<long>(liveHeapBytes()) - static_cast<long>(heapBefore);
+  std::printf("40000 failed builds with fresh queries: live heap %+ld B\n", heapGrowth);
+  EXPECT_LT(heapGrowth, 64 * 1024);
+  expectKnownRules(analyzer);
 }
 
 // ---- concurrency -------------------------------------------------------

@@ -63,6 +63,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   FuzzedDataProvider input(data, size);
   const std::string rules = input.ConsumeRandomLengthString();
+  if (tpa::fuzz::tooManyRules(rules)) return 0;
   std::vector<std::pair<std::string, std::string>> queries;
   while (input.remaining_bytes() > 0 && queries.size() < 16) {
     std::string app = input.ConsumeRandomLengthString();

@@ -39,6 +39,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
+  if (tpa::fuzz::tooManyRules(text)) return 0;
   tpa::parser::JsonParser parser;
   try {
     const int code = parser.parse(text, false);

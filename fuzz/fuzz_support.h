@@ -33,6 +33,20 @@ inline bool mayThrowAddressException(const std::string& text) {
   return text.find('/') != std::string::npos;
 }
 
+// Every closing top-level bracket announces all objects read so far, and
+// each announcement adds them all as rules again, so a short text of many
+// "[{}]" makes millions of rules (a cost the tests bound per rule). Texts
+// that could announce more than this many rules are skipped, so that the
+// fuzzer explores instead of exhausting memory on one known shape.
+inline bool tooManyRules(const std::string& text) {
+  long closingBrackets = 0, closingBraces = 0;
+  for (char c : text) {
+    closingBrackets += c == ']';
+    closingBraces += c == '}';
+  }
+  return closingBrackets * closingBraces > 20000;
+}
+
 }  // namespace tpa::fuzz
 
 #endif  // TPA_FUZZ_FUZZ_SUPPORT_H_

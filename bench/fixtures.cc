@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "parser/json_parser.h"
+#include "probes.h"
 
 namespace tpa::bench {
 
@@ -65,33 +66,27 @@ Library& Fixtures::library(int size) {
   return *e.library;
 }
 
-HashMatcher& Fixtures::hash(int size) {
+// The matcher in `slot`, made by `make` on first use.
+template <typename T, typename Make>
+T& Fixtures::lazy(int size, std::unique_ptr<T> Entry::*slot, Make make, const char* what) {
   Entry& e = entry(size);
-  if (!e.hash) {
-    e.hash = std::make_unique<HashMatcher>();
-    e.hash->build(e.workload->rules);
+  if (!(e.*slot)) {
+    e.*slot = make(*e.workload);
+    if (!(e.*slot)) fail(what, size, -1);
   }
-  return *e.hash;
+  return *(e.*slot);
+}
+
+HashMatcher& Fixtures::hash(int size) {
+  return lazy(size, &Entry::hash, makeHash, "building the hash matcher");
 }
 
 MarisaMatcher& Fixtures::marisa(int size) {
-  Entry& e = entry(size);
-  if (!e.marisa) {
-    e.marisa = std::make_unique<MarisaMatcher>();
-    e.marisa->build(e.workload->rules);
-  }
-  return *e.marisa;
+  return lazy(size, &Entry::marisa, makeMarisa, "building the MARISA matcher");
 }
 
 NaiveReference& Fixtures::naive(int size) {
-  Entry& e = entry(size);
-  if (!e.naive) {
-    e.naive = std::make_unique<NaiveReference>();
-    if (const int code = e.naive->build(e.workload->json); code != 0) {
-      fail("building the std::map reference", size, code);
-    }
-  }
-  return *e.naive;
+  return lazy(size, &Entry::naive, makeNaive, "building the std::map reference");
 }
 
 void Fixtures::release(int size) {

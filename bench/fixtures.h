@@ -72,6 +72,8 @@ class Fixtures {
     std::unique_ptr<NaiveReference> naive;
   };
   Entry& entry(int size);
+  template <typename T, typename Make>
+  T& lazy(int size, std::unique_ptr<T> Entry::*slot, Make make, const char* what);
 
   std::size_t streamLength_ = 1000000;
   std::map<int, Entry> entries_;

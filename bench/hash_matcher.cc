@@ -127,10 +127,7 @@ Answer HashMatcher::query(std::string_view app, std::string_view destination) co
   const auto it = apps_.find(app);
   const int rule = it == apps_.end() ? 0 : it->second;
   const Destination d = parseQuery(destination);
-  Answer out;
-  if (lookup(d, rule, out)) return out;
-  if (rule != 0 && lookup(d, 0, out)) return out;
-  return Answer{};
+  return answerWithFallback(rule, [&](int r, Answer& out) { return lookup(d, r, out); });
 }
 
 }  // namespace tpa::bench

@@ -156,10 +156,7 @@ Answer MarisaMatcher::query(std::string_view app, std::string_view destination) 
   agent_->set_query(app.data(), app.size());
   const int rule = apps_.lookup(*agent_) ? appRules_[agent_->key().id()] : 0;
   const Destination d = parseQuery(destination);
-  Answer out;
-  if (lookup(d, rule, out)) return out;
-  if (rule != 0 && lookup(d, 0, out)) return out;
-  return Answer{};
+  return answerWithFallback(rule, [&](int r, Answer& out) { return lookup(d, r, out); });
 }
 
 }  // namespace tpa::bench

@@ -119,10 +119,7 @@ Answer NaiveReference::query(const std::string& app, const std::string& destinat
   const int m = machines_[0]->tryFindFull(key, v);
   const int rule =
       v.storedKeyLength() == n && m == n ? v.userDefinedValue() : mapper::TPA_RULE_NUMBER_ZERO;
-  Answer out;
-  if (lookup(destination, rule, out)) return out;
-  if (rule != 0 && lookup(destination, 0, out)) return out;
-  return Answer{};
+  return answerWithFallback(rule, [&](int r, Answer& out) { return lookup(destination, r, out); });
 }
 
 }  // namespace tpa::bench

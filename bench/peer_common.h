@@ -66,6 +66,17 @@ inline constexpr int kIPv6TextLength = 39;  // eight groups of four
   return true;
 }
 
+// The answer under `rule`, else under rule 0 (the any-application rules),
+// else the default. `lookup(rule, out)` answers one rule number and returns
+// false when neither of its lists has a hit.
+template <typename Lookup>
+[[nodiscard]] Answer answerWithFallback(int rule, Lookup&& lookup) {
+  Answer out;
+  if (lookup(rule, out)) return out;
+  if (rule != 0 && lookup(0, out)) return out;
+  return Answer{};
+}
+
 // A destination as a rule lists it or a query names it.
 struct Destination {
   enum Kind : std::uint8_t { kDomain, kWildcard, kIPv4, kIPv6, kIPv4Net, kIPv6Net };

@@ -130,13 +130,12 @@ V6 RuleMaker::randomV6() {
 }
 
 DestKind RuleMaker::drawKind() {
-  const std::uint32_t r = rng_.below(100);
-  if (r < 60) return DestKind::kDomain;
-  if (r < 80) return DestKind::kWildcard;
-  if (r < 88) return DestKind::kIPv4;
-  if (r < 92) return DestKind::kIPv4Net;
-  if (r < 97) return DestKind::kIPv6;
-  return DestKind::kIPv6Net;
+  return rng_.pick<DestKind>({{60, DestKind::kDomain},
+                              {20, DestKind::kWildcard},
+                              {8, DestKind::kIPv4},
+                              {4, DestKind::kIPv4Net},
+                              {5, DestKind::kIPv6},
+                              {3, DestKind::kIPv6Net}});
 }
 
 std::string RuleMaker::destination(DestKind kind) {
@@ -300,14 +299,13 @@ QueryMaker::QueryMaker(const RuleSet& rules, std::uint64_t seed, QueryStream& ou
 }
 
 Target QueryMaker::drawTarget() {
-  const std::uint32_t r = rng_.below(100);
-  if (r < 25) return Target::kDomain;
-  if (r < 40) return Target::kWildcard;
-  if (r < 47) return Target::kIPv4;
-  if (r < 52) return Target::kIPv4Net;
-  if (r < 56) return Target::kIPv6;
-  if (r < 60) return Target::kIPv6Net;
-  return Target::kNothing;
+  return rng_.pick<Target>({{25, Target::kDomain},
+                            {15, Target::kWildcard},
+                            {7, Target::kIPv4},
+                            {5, Target::kIPv4Net},
+                            {4, Target::kIPv6},
+                            {4, Target::kIPv6Net},
+                            {40, Target::kNothing}});
 }
 
 std::uint32_t QueryMaker::appFor(const Entry& e) {

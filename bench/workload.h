@@ -7,7 +7,9 @@
 #define TPA_BENCH_WORKLOAD_H_
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tpa::bench {
@@ -21,6 +23,19 @@ class Rng {
   // Uniform in [0, n); n > 0.
   std::uint32_t below(std::uint32_t n);
   bool chance(double p);
+  // One of `choices`, each (weight, value) drawn with its weight out of the
+  // sum of all weights.
+  template <typename T>
+  T pick(std::initializer_list<std::pair<std::uint32_t, T>> choices) {
+    std::uint32_t total = 0;
+    for (const auto& c : choices) total += c.first;
+    std::uint32_t r = below(total);
+    for (const auto& c : choices) {
+      if (r < c.first) return c.second;
+      r -= c.first;
+    }
+    return choices.begin()->second;
+  }
 
  private:
   std::uint64_t state_;

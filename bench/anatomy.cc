@@ -9,6 +9,7 @@
 #include "fixtures.h"
 #include "mapper/map.h"
 #include "mapper/trace.h"
+#include "windowed_search.h"
 
 namespace tpa::bench {
 
@@ -65,53 +66,6 @@ const Anatomy& anatomy(int size) {
 }
 
 using Automaton = fsa::SuffixAutomaton<int>;
-
-// The longest suffix of key[start, n) that occurs in the automaton's text:
-// the matching statistics of that window at its last character.
-int suffixMatch(const Automaton& sa, const std::string& key, int start) {
-  int s = 0;
-  int l = 0;
-  for (int i = start; i < static_cast<int>(key.size()); ++i) {
-    const auto c = static_cast<unsigned char>(key[i]);
-    while (s != 0 && sa.transitions().find(s, c) == nullptr) {
-      s = std::max(sa.stateAt(s).link(), 0);
-      l = sa.stateAt(s).length();
-    }
-    if (const std::int32_t* next = sa.transitions().find(s, c)) {
-      s = *next;
-      ++l;
-    }
-  }
-  return l;
-}
-
-// The wildcard search with the same answer as tryFindPartial, reading only
-// the key's tail: the longest suffix of the key found in the text is also
-// the longest suffix of any window that it does not fill, so the scan starts
-// 16 characters from the end and widens only while the window matches whole.
-int windowedPartial(const Automaton& sa, const std::string& key, fsa::SAStateValue<int>& out) {
-  const int n = static_cast<int>(key.size());
-  if (n < 1) return sa.tryFindPartial(key, out);
-  int best = 0;
-  for (int window = 16;; window *= 2) {
-    const int start = std::max(0, n - window);
-    best = suffixMatch(sa, key, start);
-    if (best < n - start || start == 0) break;
-  }
-  const std::int32_t* star = sa.transitions().find(0, static_cast<unsigned char>('*'));
-  if (star == nullptr) {
-    out = sa.stateAt(0).value();
-    return best;
-  }
-  int s = *star;
-  for (int j = n - best; j < n; ++j) {
-    const std::int32_t* next = sa.transitions().find(s, static_cast<unsigned char>(key[j]));
-    if (next == nullptr) break;
-    s = *next;
-  }
-  out = sa.stateAt(s).value();
-  return best;
-}
 
 template <typename Search>
 void timeSearches(benchmark::State& st, int size, Search search) {

@@ -40,7 +40,7 @@ TEST(Workload, MixOfDestinationKindsIsAsAdvertised) {
 
 TEST(Workload, EveryValueIsOneTheReaderTakesAsIs) {
   const RuleSet r = generateRules(3, 5000);
-  for (const RuleSpec& rule : r.rules) {
+  for (const DocumentRule& rule : r.rules) {
     EXPECT_FALSE(rule.include.empty());
     EXPECT_FALSE(rule.exclude.empty());
     for (const auto* list : {&rule.apps, &rule.include, &rule.exclude}) {

@@ -55,7 +55,7 @@ void HashMatcher::add(ListTables& list, std::string_view text, int value) {
 
 void HashMatcher::build(const RuleSet& rules) {
   std::size_t bytes = 0;
-  for (const RuleSpec& r : rules.rules) {
+  for (const DocumentRule& r : rules.rules) {
     for (const std::string& a : r.apps) bytes += a.size();
   }
   for (const Entry& e : rules.entries) bytes += e.text.size();
@@ -65,7 +65,7 @@ void HashMatcher::build(const RuleSet& rules) {
   rules_.assign(rules.rules.size() + 1, RuleTables());
 
   for (std::size_t i = 0; i < rules.rules.size(); ++i) {
-    const RuleSpec& r = rules.rules[i];
+    const DocumentRule& r = rules.rules[i];
     const int number = ruleNumberOf(r.apps.empty(), i);
     for (const std::string& a : r.apps) {
       const std::size_t at = arena_.size();

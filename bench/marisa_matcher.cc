@@ -84,7 +84,7 @@ void MarisaMatcher::build(const RuleSet& rules) {
   std::vector<std::string> appKeys, destinationKeys;
   std::vector<int> appValues, destinationValues;
   for (std::size_t i = 0; i < rules.rules.size(); ++i) {
-    const RuleSpec& r = rules.rules[i];
+    const DocumentRule& r = rules.rules[i];
     const int number = ruleNumberOf(r.apps.empty(), i);
     for (const std::string& a : r.apps) {
       appKeys.push_back(a);

@@ -92,11 +92,11 @@ int probeReader(const Workload& w) {
 
 }  // namespace
 
-int probeMain(const std::string& spec) {
-  const std::size_t comma = spec.find(',');
+int probeMain(const std::string& probe) {
+  const std::size_t comma = probe.find(',');
   if (comma == std::string::npos) return 2;
-  const std::string kind = spec.substr(0, comma);
-  const Workload w = makeRulesWorkload(std::atoi(spec.c_str() + comma + 1));
+  const std::string kind = probe.substr(0, comma);
+  const Workload w = makeRulesWorkload(std::atoi(probe.c_str() + comma + 1));
   if (kind == "tpa") return probeMatcher(w, makeLibrary);
   if (kind == "std_map") return probeMatcher(w, makeNaive);
   if (kind == "hash") return probeMatcher(w, makeHash);

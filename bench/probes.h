@@ -28,9 +28,9 @@ namespace tpa::bench {
 // parse_retained_B_per_byte.
 [[nodiscard]] std::map<std::string, double> runProbe(const std::string& kind, int size);
 
-// Child side: measures the probe named by `spec` ("KIND,SIZE"), prints one
+// Child side: measures the probe named by `probe` ("KIND,SIZE"), prints one
 // "name value" line per measurement and returns the exit status.
-int probeMain(const std::string& spec);
+int probeMain(const std::string& probe);
 
 }  // namespace tpa::bench
 

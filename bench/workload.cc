@@ -166,7 +166,7 @@ std::string RuleMaker::destination(DestKind kind) {
 }
 
 void RuleMaker::addEntry(std::uint32_t rule, bool include, DestKind kind, std::string text) {
-  RuleSpec& r = out_.rules[rule];
+  DocumentRule& r = out_.rules[rule];
   (include ? r.include : r.exclude).push_back(text);
   out_.entries.push_back(Entry{rule, include, kind, std::move(text)});
 }
@@ -182,7 +182,7 @@ void RuleMaker::make(int destinations) {
   std::vector<std::uint32_t> perAppRules, anyAppRules;
   out_.rules.resize(total);
   for (int i = 0; i < total; ++i) {
-    RuleSpec& r = out_.rules[i];
+    DocumentRule& r = out_.rules[i];
     r.id = 1000 + i;
     if (isAny[i]) {
       r.lambdaApp = anyAppRules.size() % 2 == 1;
@@ -267,7 +267,7 @@ QueryMaker::QueryMaker(const RuleSet& rules, std::uint64_t seed, QueryStream& ou
   for (std::uint32_t i = 0; i < rules.entries.size(); ++i) {
     byKind_[static_cast<int>(rules.entries[i].kind)].push_back(i);
   }
-  for (const RuleSpec& r : rules.rules) {
+  for (const DocumentRule& r : rules.rules) {
     knownAppBase_.push_back(static_cast<std::uint32_t>(out_.apps.size()));
     out_.apps.insert(out_.apps.end(), r.apps.begin(), r.apps.end());
   }
@@ -309,7 +309,7 @@ Target QueryMaker::drawTarget() {
 }
 
 std::uint32_t QueryMaker::appFor(const Entry& e) {
-  const RuleSpec& rule = rules_.rules[e.rule];
+  const DocumentRule& rule = rules_.rules[e.rule];
   const bool unknown = rule.apps.empty() ? rng_.chance(0.5) : rng_.chance(0.15);
   if (unknown)
     return unknownBase_ + rng_.below(static_cast<std::uint32_t>(rules_.unknownApps.size()));
@@ -409,7 +409,7 @@ RuleSet generateRules(std::uint64_t seed, int destinations) {
 std::string toJson(const RuleSet& rules) {
   std::string json = "[\n";
   for (std::size_t i = 0; i < rules.rules.size(); ++i) {
-    const RuleSpec& r = rules.rules[i];
+    const DocumentRule& r = rules.rules[i];
     json += "{\"id\": \"" + std::to_string(r.id) + "\"";
     if (!r.apps.empty()) {
       appendList(json, "match_apps", r.apps);

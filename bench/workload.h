@@ -45,7 +45,7 @@ class Rng {
 // any-application rule; `lambdaApp` writes it as ["#LAMBDA-APP"] instead of
 // leaving "match_apps" out. `include` and `exclude` are never empty, so no
 // rule picks up the catch-all default include list.
-struct RuleSpec {
+struct DocumentRule {
   int id = 0;
   bool lambdaApp = false;
   std::vector<std::string> apps;
@@ -66,7 +66,7 @@ struct Entry {
 };
 
 struct RuleSet {
-  std::vector<RuleSpec> rules;           // in document order
+  std::vector<DocumentRule> rules;       // in document order
   std::vector<Entry> entries;            // every list entry of every rule
   std::vector<std::string> unknownApps;  // application names no rule names
   std::size_t destinations = 0;          // entries.size()

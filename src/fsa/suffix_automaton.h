@@ -197,17 +197,16 @@ class SuffixAutomaton {
   [[nodiscard]] int tryFindPartial(const char* key, std::size_t size, SAStateValue<T>& out) const {
     const int length = static_cast<int>(size);
     if (!states_) return emptyPartial(length, out);
-    int best = INT32_MIN;
-    int bestEnd = INT32_MIN;
-    matchSuffix(key, length, best, bestEnd);
+    const int best = length < 1 ? INT32_MIN : longestSuffix(key, length);
     const std::int32_t* star = transitions_.find(0, static_cast<unsigned char>('*'));
     if (star == nullptr) {
       out = state(0).value();
       return best;
     }
+    // The suffix is read again behind the '*'. An empty key has no suffix:
+    // the walk then starts past its end and reads nothing.
     int s = *star;
-    const long long start = static_cast<long long>(bestEnd) - best + 1;
-    for (long long j = start; j < length; ++j) {
+    for (int j = length < 1 ? length : length - best; j < length; ++j) {
       const std::int32_t* next = transitions_.find(s, static_cast<unsigned char>(key[j]));
       if (next == nullptr) break;
       s = *next;
@@ -247,32 +246,40 @@ class SuffixAutomaton {
     state(q).setLink(clone);
   }
 
-  // Phase 1 of the partial lookup: matching statistics over the key. best and
-  // bestEnd are reset at every fallback step; the start state ends a fallback.
-  void matchSuffix(const char* key, int length, int& best, int& bestEnd) const {
+  // The longest suffix of key[0, length) occurring in the text, length >= 1.
+  // A suffix that occurs is also the longest suffix of every window of the
+  // key that it does not fill, so only a window at the end is read, doubled
+  // while the suffix fills it. An automaton broken by a failed extend (a state
+  // without its link) is read whole, as the windows rely on the links.
+  int longestSuffix(const char* key, int length) const {
+    if (count_ > capacity_) return matchingStatistic(key, 0, length);
+    for (int window = kFirstWindow;; window = window > length / 2 ? length : 2 * window) {
+      const int start = window < length ? length - window : 0;
+      const int l = matchingStatistic(key, start, length);
+      if (start == 0 || l < length - start) return l;
+    }
+  }
+
+  // Reads key[start, length) from the start state, falling back along suffix
+  // links on a mismatch; returns the length matched at the last character.
+  int matchingStatistic(const char* key, int start, int length) const {
     int s = 0;
     int l = 0;
-    for (int i = 0; i < length; ++i) {
+    for (int i = start; i < length; ++i) {
       const auto c = static_cast<unsigned char>(key[i]);
-      if (s != 0) {
-        while (transitions_.find(s, c) == nullptr) {
-          best = INT32_MIN;
-          bestEnd = INT32_MIN;
-          // A state left without a link by a failed clone falls back to the start.
-          s = state(s).link() < 0 ? 0 : state(s).link();
-          l = state(s).length();
-          if (s == 0) break;
-        }
+      const std::int32_t* next = transitions_.find(s, c);
+      while (next == nullptr && s != 0) {
+        // A state left without a link by a failed clone falls back to the start.
+        s = state(s).link() < 0 ? 0 : state(s).link();
+        l = state(s).length();
+        next = transitions_.find(s, c);
       }
-      if (const std::int32_t* next = transitions_.find(s, c)) {
+      if (next != nullptr) {
         s = *next;
         ++l;
       }
-      if (l >= best) {
-        best = l;
-        bestEnd = i;
-      }
     }
+    return l;
   }
 
   // Lookups on an automaton that was never allocated answer as an empty one.
@@ -284,6 +291,8 @@ class SuffixAutomaton {
     out = SAStateValue<T>();
     return length < 1 ? INT32_MIN : 0;
   }
+
+  static constexpr int kFirstWindow = 16;  // characters read first by a partial lookup
 
   PodArray<SAState<T>> states_;  // capacity_ states, or none before construct
   Transitions transitions_;      // transitions of states_[i] under index i

@@ -97,9 +97,9 @@ TEST(Cidr, MatchesABitModelOnRandomAddresses) {
   }
 }
 
-// The dotted forms as defined, with one sscanf and one snprintf, as the model
-// for odd text (signs, blanks, long digit runs, trailing text): the expanded
-// text and the bits, which are empty for no dotted quad.
+// The dotted forms written the plain way, with one sscanf and one snprintf, as
+// the model for odd text (signs, blanks, long digit runs, trailing text): the
+// expanded text and the bits, which are empty for no dotted quad.
 std::pair<std::string, std::string> modelDotted(const std::string& s) {
   int v[5] = {0, 0, 0, 0, 0};
   const int n = std::sscanf(s.c_str(), "%d.%d.%d.%d/%d", &v[0], &v[1], &v[2], &v[3], &v[4]);

@@ -37,8 +37,8 @@ TEST(Transform, FramesDomainsWithRuleNumberAndListFlag) {
   }
 }
 
-// Against what a string stream writes, as the keys are defined; the *Into
-// variants write the same bytes over a reused buffer.
+// Against what a string stream writes for the sentinels, name, number and
+// flag; the *Into variants write the same bytes over a reused buffer.
 TEST(Transform, MatchesStreamOutputOnRandomInput) {
   std::mt19937 rng(11);
   std::string out = "stale content";

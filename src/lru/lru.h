@@ -4,11 +4,14 @@
 // A doubly linked list between two sentinels holds the live entries, most
 // recently used first; a hash index finds them. The cache owns every node;
 // the index refers to them without owning. get and put cost one hash lookup
-// and a constant number of pointer changes; a get hit allocates nothing.
+// and a constant number of pointer changes. Neither a get hit nor, once the
+// cache is full, a put allocates: the evicted entry and its index node are
+// reused (their strings keep their capacity).
 // Not thread-safe: even get reorders the list, so callers serialise access.
 #ifndef TPA_LRU_LRU_H_
 #define TPA_LRU_LRU_H_
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -29,6 +32,9 @@ struct Node {
   V value;
   Node* next = nullptr;  // toward the least recently used end
   Node* prev = nullptr;  // toward the most recently used end
+  // The key of this node's slot in the cache's index (the index's own copy,
+  // which stays put when the index rehashes); null for the sentinels.
+  const std::pair<K1, K2>* indexed = nullptr;
 };
 
 // std::hash of the string, XOR the sub-key sign-extended to 64 bits.
@@ -87,22 +93,41 @@ class LRU {
   // construct.
   [[nodiscard]] int put(const Key& key, const V& value) {
     if (!head_ || !tail_) return error::TPA_ERROR_OOM;
-    // A fresh slot starts stale, so that it reads as a miss until filled.
-    auto [it, inserted] = index_.try_emplace(key, Slot{nullptr, generation_ - 1});
-    if (!inserted && it->second.generation == generation_) {
+    auto it = index_.find(key);
+    if (it != index_.end() && it->second.generation == generation_) {
       it->second.node->value = value;
       moveFront(it->second.node);
       return error::TPA_ERROR_NONE;
     }
-    // The new node is indexed before the eviction but listed after it, so the
-    // eviction can never pick the entry being inserted.
-    auto node = std::make_unique<Entry>(Entry{key.first, key.second, value});
-    it->second = Slot{node.get(), generation_};
+    // A key never indexed takes the victim's index slot; a stale slot left by
+    // a clear is filled again. Either way the victim's entry is reused. The
+    // new entry is listed only after the eviction, so it is never the victim.
+    const bool indexed = it != index_.end();
+    typename Index::node_type slot;
+    std::unique_ptr<Entry> node;
     if (count_ == capacity_) {
       --count_;
-      evict();
+      node = evict(indexed ? nullptr : &slot);
     }
     ++count_;
+    if (node) {
+      node->key = key.first;
+      node->subKey = key.second;
+      node->value = value;
+    } else {
+      node = std::make_unique<Entry>(Entry{key.first, key.second, value});
+    }
+    if (indexed) {
+      it->second = Slot{node.get(), generation_};
+    } else if (slot) {
+      slot.key().first = key.first;
+      slot.key().second = key.second;
+      slot.mapped() = Slot{node.get(), generation_};
+      it = index_.insert(std::move(slot)).position;
+    } else {
+      it = index_.emplace(key, Slot{node.get(), generation_}).first;
+    }
+    node->indexed = &it->first;
     link(node.release());
     return error::TPA_ERROR_NONE;
   }
@@ -137,6 +162,7 @@ class LRU {
     Entry* node;
     std::uint64_t generation;  // node is live exactly when this is generation_
   };
+  using Index = std::unordered_map<Key, Slot, KeyPairHash>;
 
   // Inserts `node` right behind head; the list takes ownership.
   void link(Entry* node) {
@@ -154,14 +180,21 @@ class LRU {
     unlink(node);
     link(node);
   }
-  // Drops the least recently used entry; count is the caller's business.
-  void evict() {
+  // Takes the least recently used entry out of the list and the index and
+  // hands it back (null when the list is empty); count is the caller's
+  // business. Its index node goes to `slot` when given, else it is freed.
+  std::unique_ptr<Entry> evict(typename Index::node_type* slot) {
     Entry* victim = tail_->prev;
-    if (victim == head_.get()) return;
+    if (victim == head_.get()) return nullptr;
     unlink(victim);
-    auto it = index_.find(Key(victim->key, victim->subKey));
-    if (it != index_.end() && it->second.node == victim) index_.erase(it);
-    delete victim;
+    const auto it = index_.find(*victim->indexed);
+    assert(it != index_.end() && it->second.node == victim);
+    if (slot != nullptr) {
+      *slot = index_.extract(it);
+    } else {
+      index_.erase(it);
+    }
+    return std::unique_ptr<Entry>(victim);
   }
   void releaseList() {
     if (!head_ || !tail_) return;
@@ -177,9 +210,10 @@ class LRU {
   std::unique_ptr<Entry> head_;  // sentinel, most recently used side; null before construct
   std::unique_ptr<Entry> tail_;  // sentinel, least recently used side; null before construct
   // Every listed node (owned by the list, between the sentinels) is indexed
-  // under its (key, subKey) with the current generation. After a clear the
-  // index may also hold stale slots of older generations.
-  std::unordered_map<Key, Slot, KeyPairHash> index_;
+  // under its (key, subKey) with the current generation, and its `indexed`
+  // names that slot's key. After a clear the index may also hold stale slots
+  // of older generations.
+  Index index_;
   int capacity_;                  // count_ never exceeds it once equal (negative: unbounded)
   int count_ = 0;                 // entries counted in; kept across clear
   std::uint64_t generation_ = 0;  // bumped by every clear

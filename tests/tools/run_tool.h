@@ -1,10 +1,11 @@
-// Test helper: runs the built `tpa` executable as a child process and
-// collects its exit code, standard output and standard error. Standard input
-// is fed from a string through a pipe by a writer thread; the outputs go to
-// temporary files, so nothing can block. The tool's path comes from the
-// TPA_TOOL environment variable, which ctest sets.
+// Test helper: runs the built `tpa` executable (its path in TPA_TOOL, which
+// ctest sets) as a child process. runTool feeds a string to its standard input
+// through a pipe and collects the exit code, both outputs (through temporary
+// files, so nothing can block) and the child's peak memory.
 #ifndef TPA_TESTS_TOOLS_RUN_TOOL_H_
 #define TPA_TESTS_TOOLS_RUN_TOOL_H_
+
+#include <sys/types.h>
 
 #include <string>
 #include <vector>
@@ -13,22 +14,25 @@ namespace tpa::testing {
 
 struct ToolResult {
   int exitCode = -1;  // -1 when the child did not exit normally
-  std::string out;
-  std::string err;
+  std::string out, err;
   long maxRssKiB = 0;  // the child's peak resident set size
 };
 
 // Runs `tpa args...` with `input`, written `repeat` times, on its standard
-// input. Repeating keeps a long input out of this process's memory, whose
-// peak a spawned child inherits in its own maxRssKiB.
+// input: a long input need not be held in memory to be sent.
 ToolResult runTool(const std::vector<std::string>& args, const std::string& input = "",
                    int repeat = 1);
 
-// Writes `text` to a fresh temporary file and returns its path; the file is
-// removed when the TempFile goes away.
+// Starts `tpa args...` with `in`, `out` and `err` as its standard descriptors.
+pid_t startTool(const std::vector<std::string>& args, int in, int out, int err);
+
+// Writes all of `text` to `fd`; false once the reader has gone.
+bool writeAll(int fd, const std::string& text);
+
+// A fresh temporary file holding `text`, removed with the object.
 class TempFile {
  public:
-  explicit TempFile(const std::string& text, const std::string& suffix = ".json");
+  explicit TempFile(const std::string& text);
   ~TempFile();
   TempFile(const TempFile&) = delete;
   TempFile& operator=(const TempFile&) = delete;
@@ -37,11 +41,6 @@ class TempFile {
  private:
   std::string path_;
 };
-
-// The path of the tool under test, or empty when TPA_TOOL is not set.
-std::string toolPath();
-// The bundled examples folder (TPA_EXAMPLES).
-std::string examplesDir();
 
 // The lines of `text`, without their '\n'.
 std::vector<std::string> linesOf(const std::string& text);

@@ -1,6 +1,7 @@
 #include "mapper/decision.h"
 
 #include <cstdint>
+#include <functional>
 #include <string_view>
 
 #include "api/constants.h"
@@ -246,6 +247,50 @@ Decision finish(QueryTrace* trace, const Decision& d) {
 }
 
 }  // namespace
+
+// --- DecisionMemo -----------------------------------------------------------
+
+bool DecisionMemo::find(const std::string& app, const std::string& destination, Decision& out) {
+  probeKept_ = app.size() <= kMaxKey && destination.size() <= kMaxKey - app.size();
+  if (!probeKept_) return false;
+  if (entries_.empty()) entries_.resize(kSets * kWays);
+  probe_.assign(app);
+  probe_.append(destination);
+  probeAppLength_ = app.size();
+  // The application's length tells "ab" + "c" from "a" + "bc".
+  probeHash_ = std::hash<std::string_view>{}(probe_) ^ (probeAppLength_ * 0x9e3779b97f4a7c15u);
+  Entry* ways = set(probeHash_);
+  for (std::size_t i = 0; i < kWays; ++i) {
+    Entry& e = ways[i];
+    if (e.lastUsed != 0 && e.hash == probeHash_ && e.appLength == probeAppLength_ &&
+        e.key == probe_) {
+      e.lastUsed = ++clock_;
+      out = e.decision;
+      return true;
+    }
+  }
+  return false;
+}
+
+void DecisionMemo::remember(const Decision& d) {
+  if (!probeKept_) return;
+  probeKept_ = false;
+  Entry* ways = set(probeHash_);
+  Entry* victim = ways;
+  for (std::size_t i = 1; i < kWays; ++i) {
+    if (ways[i].lastUsed < victim->lastUsed) victim = &ways[i];
+  }
+  victim->key.assign(probe_);
+  victim->hash = probeHash_;
+  victim->appLength = probeAppLength_;
+  victim->lastUsed = ++clock_;
+  victim->decision = d;
+}
+
+void DecisionMemo::clear() {
+  for (Entry& e : entries_) e.lastUsed = 0;
+  probeKept_ = false;
+}
 
 // --- MapDecisionMaker -------------------------------------------------------
 

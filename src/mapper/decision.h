@@ -8,8 +8,10 @@
 #ifndef TPA_MAPPER_DECISION_H_
 #define TPA_MAPPER_DECISION_H_
 
+#include <cstdint>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "machine/fsm.h"
 
@@ -64,6 +66,45 @@ struct QueryBuffers {
   std::pair<std::string, int> key;        // framed destination key
   std::pair<std::string, int> bits;       // the address as a bit string
   std::pair<std::string, int> prefixKey;  // framed network prefix
+};
+
+// Whole decisions of recent queries, keyed by (application, destination), so
+// that a repeated query skips the machines. Set-associative: kSets sets of
+// kWays entries, the least recently used entry of a set replaced; pairs longer
+// than kMaxKey characters are never kept, so that the memo stays small. Its
+// table is allocated on first use; a hit allocates nothing. Owned by one Map,
+// whose queries it serves one at a time. Not thread-safe.
+class DecisionMemo {
+ public:
+  // The decision kept for the pair, into `out`; false when there is none. The
+  // pair is also kept as the key that the next remember() files under.
+  [[nodiscard]] bool find(const std::string& app, const std::string& destination, Decision& out);
+  // Files `d` under the pair of the last find(), unless that pair was too long.
+  void remember(const Decision& d);
+  // Forgets every decision (the table and its strings' room are kept).
+  void clear();
+
+ private:
+  static constexpr std::size_t kSets = 128;  // a power of two
+  static constexpr std::size_t kWays = 4;
+  static constexpr std::size_t kMaxKey = 256;  // characters of application and destination
+
+  struct Entry {
+    std::string key;             // application followed by destination
+    std::uint64_t hash = 0;      // of key and appLength
+    std::size_t appLength = 0;   // where the destination starts in key
+    std::uint64_t lastUsed = 0;  // 0: empty
+    Decision decision;
+  };
+
+  Entry* set(std::uint64_t hash) { return &entries_[(hash & (kSets - 1)) * kWays]; }
+
+  std::vector<Entry> entries_;  // kSets * kWays once used; set i at [i * kWays, (i + 1) * kWays)
+  std::string probe_;           // key of the last find(); its room is reused
+  std::uint64_t probeHash_ = 0;
+  std::size_t probeAppLength_ = 0;
+  bool probeKept_ = false;   // probe_ may be filed: it is not too long
+  std::uint64_t clock_ = 0;  // last lastUsed given; later uses get higher values
 };
 
 class MapDecisionMaker {

@@ -89,6 +89,9 @@ int Map::construct(int appsSize, int includeSize, int excludeSize) {
   apps_->construct(appsSize, capacity_);
   include_->construct(includeSize, capacity_);
   exclude_->construct(excludeSize, capacity_);
+  memo_.clear();
+  queried_ = false;
+  memoUsable_ = true;
   return error::TPA_ERROR_NONE;
 }
 
@@ -96,6 +99,10 @@ int Map::put(int ruleNumber, const std::vector<std::string>& apps,
              const std::vector<std::string>& include, const std::vector<std::string>& exclude,
              int id) {
   if (!apps_ || !include_ || !exclude_) return error::TPA_ERROR_OOM;
+  if (queried_) {
+    memoUsable_ = false;
+    memo_.clear();
+  }
   Key& key = buffers_.key;
   for (const std::string& app : apps) {
     int result;
@@ -122,13 +129,22 @@ int Map::clearCache() {
   apps_->clearCache();
   include_->clearCache();
   exclude_->clearCache();
+  memo_.clear();
+  queried_ = false;
+  memoUsable_ = true;
   return kClearCacheResult;
 }
 
 Decision Map::get(const std::string& app, const std::string& destination, QueryTrace* trace) const {
   if (!apps_ || !include_ || !exclude_) return Decision();
+  const bool memo = memoUsable_ && trace == nullptr;
+  Decision d;
+  if (memo && memo_.find(app, destination, d)) return d;
+  queried_ = true;
   MapDecisionMaker maker(*apps_, *include_, *exclude_, buffers_);
-  return maker.decide(app, destination, trace);
+  d = maker.decide(app, destination, trace);
+  if (memo) memo_.remember(d);
+  return d;
 }
 
 }  // namespace tpa::mapper

@@ -2,8 +2,10 @@
 // machine maps framed application keys to rule numbers, the include and
 // exclude machines hold every rule's framed destinations with the rule's id.
 // Built once (construct, then put per rule), then only queried (get), which
-// updates the machines' caches. Owns its machines alone. Not thread-safe:
-// get writes the caches and shared key buffers, so callers serialise queries.
+// updates the machines' caches; a memo of whole decisions answers repeated
+// queries before the machines. Owns its machines and memo alone. Not thread-
+// safe: get writes the caches, the memo and shared key buffers, so callers
+// serialise queries.
 #ifndef TPA_MAPPER_MAP_H_
 #define TPA_MAPPER_MAP_H_
 
@@ -39,12 +41,13 @@ class Map {
                         const std::vector<std::string>& include,
                         const std::vector<std::string>& exclude, int id);
 
-  // Empties the three caches. Returns -1 whether or not it did: callers must
-  // not read the result as a failure.
+  // Empties the three caches and the memo. Returns -1 whether or not it did:
+  // callers must not read the result as a failure.
   int clearCache();
 
   // The decision for a query; the default (-1, exclude) without machines.
-  // `trace`, when not null, records every step.
+  // `trace`, when not null, records every step (such a query always runs
+  // through the machines).
   Decision get(const std::string& app, const std::string& destination,
                QueryTrace* trace = nullptr) const;
 
@@ -62,6 +65,14 @@ class Map {
   // Key buffers reused by put and get, so that a query answered from the
   // caches allocates nothing. Only ever used by one call at a time.
   mutable QueryBuffers buffers_;
+  // The memo holds only decisions the machines would give again: every cached
+  // search answer is the automaton's answer as long as no key is put after a
+  // query. A put after a query may leave stale answers in the caches, which
+  // their evictions would then reveal one by one, so the memo stays unused
+  // until clearCache empties the caches (or construct replaces them).
+  mutable DecisionMemo memo_;
+  mutable bool queried_ = false;  // a query ran through the machines since they were emptied
+  bool memoUsable_ = true;
 };
 
 }  // namespace tpa::mapper

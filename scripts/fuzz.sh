@@ -58,6 +58,11 @@ seed() {
           "#LAMBDA-APP" 2001:db8::5 "" "" >"$dir/doc-$((i += 1))"
       done
       rm -rf "$docs"
+      if [ -f examples/rules.json ] && [ -f examples/queries.tsv ]; then
+        local pairs
+        mapfile -t pairs < <(grep -v '^#' examples/queries.tsv | head -n 16 | tr '\t' '\n')
+        fdp "$(cat examples/rules.json)" "${pairs[@]}" >"$dir/example-queries"
+      fi
       cp fuzz/corpus/query/* "$dir"/ 2>/dev/null || true ;;
   esac
 }

@@ -454,6 +454,27 @@ TEST(Soak, RebuildLoopKeepsMemoryFlat) {
   }
 }
 
+TEST(Soak, DistinctQueriesKeepMemoryFlat) {
+  // Every cache in front of the automata is bounded by entries: a stream of
+  // names never asked before must not grow the heap.
+  TarnPatternAnalyzer analyzer;
+  ASSERT_EQ(0, analyzer.build(kKnownRules, false));
+  auto round = [&](int i) {
+    const std::string n = std::to_string(i);
+    (void)ask(analyzer, "com.example.mail", "h" + n + ".img.test");
+    (void)ask(analyzer, "app" + n, "10." + std::to_string(i % 256) + ".2.3");
+    (void)ask(analyzer, "com.example.mail", "2001:db8::" + std::to_string(i % 9999));
+  };
+  int i = 0;
+  for (; i < 2000; ++i) round(i);
+  const std::size_t heapBefore = liveHeapBytes();
+  for (; i < 202000; ++i) round(i);
+  const long heapGrowth = static_cast<long>(liveHeapBytes()) - static_cast<long>(heapBefore);
+  std::printf("600000 distinct queries: live heap %+ld B\n", heapGrowth);
+  EXPECT_LT(heapGrowth, 64 * 1024);
+  expectKnownRules(analyzer);
+}
+
 TEST(Soak, FailedBuildsOnOneMapKeepMemoryFlat) {
   // A failed build keeps the old map but empties its caches first; queries
   // for ever new destinations between such builds must not pile up cache

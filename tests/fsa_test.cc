@@ -92,8 +92,7 @@ int longestIn(const std::string& text, const std::string& q, bool suffix) {
   return suffix && q.empty() ? INT_MIN : l;
 }
 
-// The wildcard search read literally: matching statistics over the whole key
-// with best and bestEnd reset at every fallback step, then the walk behind '*'.
+// The wildcard search read literally: best and bestEnd reset at every fallback; the '*' walk.
 int literalPartial(const Automaton& sa, const std::string& key, Value& out) {
   const auto& t = sa.transitions();
   int s = 0, l = 0, best = INT_MIN, bestEnd = INT_MIN;
@@ -115,18 +114,19 @@ int literalPartial(const Automaton& sa, const std::string& key, Value& out) {
   return out = sa.stateAt(s).value(), best;
 }
 
-// Random keys "#...$" (a third wildcards), random queries and pieces of the
-// text. `room` below 1 leaves the automaton too small, so that it breaks.
+// Random keys (a third wildcards), queries and pieces of the text; room < 1 breaks the automaton.
 void checkRandom(const std::string& alphabet, unsigned seed, double room) {
   std::mt19937 rng(seed);
+  std::string wide = "#";  // "xa" before 20 labels, then in a new context: a wide state cloned
+  for (char c = 'A'; c < 'U'; ++c) wide += std::string("xa") + c;
   auto random = [&](int max) {
     std::string s(rng() % (max + 1), ' ');
     for (char& c : s) c = alphabet[rng() % alphabet.size()];
     return s;
   };
   for (int round = 0; round < 60; ++round) {
-    std::vector<std::string> keys;
-    std::string text;
+    std::vector<std::string> keys = {wide + "ya$"};
+    std::string text = keys[0];
     for (int i = 1 + rng() % 12; i > 0; --i)
       text += keys.emplace_back((rng() % 3 ? "#" : "#*.") + random(40) + "$");
     Automaton sa;

@@ -1,10 +1,11 @@
 // MapTransitions: the plain transition store, one node-based std::map per
-// state. Same interface as CompactTransitions; kept as the straightforward
-// reference that the compact store is checked and measured against.
+// state beside the state's payload. Same interface as CompactTransitions; kept
+// as the straightforward reference that the compact store is checked and
+// measured against.
 //
-// Cost model: a std::map header per allocated state (all made resident up
-// front) and one heap node per transition; O(log k) lookups. Owns its maps;
-// no internal synchronisation.
+// Cost model: a std::map header and a payload per allocated state (all made
+// resident up front) and one heap node per transition; O(log k) lookups. Owns
+// its maps; no internal synchronisation.
 #ifndef TPA_FSA_MAP_TRANSITIONS_H_
 #define TPA_FSA_MAP_TRANSITIONS_H_
 
@@ -14,12 +15,17 @@
 
 namespace tpa::fsa {
 
+template <typename Payload>
 class MapTransitions {
  public:
   [[nodiscard]] bool allocate(int states) {
     maps_.assign(static_cast<std::size_t>(states), {});
+    payloads_.assign(static_cast<std::size_t>(states), Payload{});
     return true;
   }
+
+  Payload& payload(int state) { return payloads_[static_cast<std::size_t>(state)]; }
+  const Payload& payload(int state) const { return payloads_[static_cast<std::size_t>(state)]; }
 
   const std::int32_t* find(int state, unsigned char c) const {
     const auto& map = maps_[static_cast<std::size_t>(state)];
@@ -40,17 +46,9 @@ class MapTransitions {
     maps_[static_cast<std::size_t>(to)] = maps_[static_cast<std::size_t>(from)];
   }
 
-  int size(int state) const {
-    return static_cast<int>(maps_[static_cast<std::size_t>(state)].size());
-  }
-
-  template <typename F>
-  void forEach(int state, F f) const {
-    for (const auto& [label, target] : maps_[static_cast<std::size_t>(state)]) f(label, target);
-  }
-
  private:
   std::vector<std::map<unsigned char, std::int32_t>> maps_;  // one per allocated state
+  std::vector<Payload> payloads_;                            // one per allocated state
 };
 
 }  // namespace tpa::fsa

@@ -2,13 +2,15 @@
 // character at a time (the classic Blumer et al. construction with cloning),
 // into which a keyed machine appends every framed key it is given.
 //
-// Cost model: all 2n states are allocated once by construct(n) as one zero-
-// filled block (16 bytes of state + 8 bytes of transition head each; pages of
-// states never used are never made resident), transitions per the store
-// (CompactTransitions by default). extend is amortised O(1) store operations;
-// lookups are linear in the query plus amortised suffix-link steps and
-// allocate nothing. Owns its states and transitions. Not thread-safe: callers
-// serialise every access.
+// Cost model: all 2n states are allocated once by construct(n) in zero-filled
+// blocks (pages of states never used are never made resident): a state's
+// length and link sit in the transition store's record beside its transition
+// head (16 bytes with CompactTransitions, the default), so that a step or a
+// suffix-link fallback reads one record; its value (8 bytes) sits apart, read
+// once per lookup. extend is amortised O(1) store operations; lookups are
+// linear in the query plus amortised suffix-link steps and allocate nothing.
+// Owns its states and transitions. Not thread-safe: callers serialise every
+// access.
 #ifndef TPA_FSA_SUFFIX_AUTOMATON_H_
 #define TPA_FSA_SUFFIX_AUTOMATON_H_
 
@@ -47,41 +49,38 @@ class SAStateValue {
   T userDefinedValue_;
 };
 
-// One state without its transitions (those live in the automaton's transition
-// store under the state's index). Every field is stored so that all-zero bytes
-// are the default state: length 0, link -1, value (0, -1).
+// A state as the read-only views show it: its length, its link and its value.
 template <typename T>
 class SAState {
+ public:
+  SAState(int length, int link, SAStateValue<T> value)
+      : length_(length), link_(link), value_(value) {}
+
+  int length() const { return length_; }
+  int link() const { return link_; }
+  SAStateValue<T> value() const { return value_; }
+
+ private:
+  int length_;  // longest string ending here; > length of the link target
+  int link_;    // -1 only for the start state (or a state left by a failed clone)
+  SAStateValue<T> value_;
+};
+
+// What a step needs of a state, kept by the transition store beside the
+// state's transitions. All-zero is length 0, link -1.
+struct StateLinks {
+  std::int32_t length;
+  std::int32_t linkBits;  // ~link
+};
+
+template <typename T, template <typename> class Store = CompactTransitions>
+class SuffixAutomaton {
   static_assert(std::is_integral_v<T> && sizeof(T) <= sizeof(std::int32_t),
                 "state values are stored in 32 bits");
 
  public:
-  int length() const { return length_; }
-  int link() const { return ~linkBits_; }
-  SAStateValue<T> value() const {
-    return SAStateValue<T>(storedKeyLength_, static_cast<T>(~valueBits_));
-  }
+  using Transitions = Store<StateLinks>;
 
-  void setLength(int length) { length_ = length; }
-  void setLink(int link) { linkBits_ = ~link; }
-  void setValue(const SAStateValue<T>& v) {
-    storedKeyLength_ = v.storedKeyLength();
-    valueBits_ = ~static_cast<std::int32_t>(v.userDefinedValue());
-  }
-  void reset() { *this = SAState(); }
-
- private:
-  std::int32_t length_ = 0;    // longest string ending here; > length of the link target
-  std::int32_t linkBits_ = 0;  // ~link: 0 is link -1 (only the start state, or a failed state)
-  std::int32_t storedKeyLength_ = 0;  // first half of the value
-  std::int32_t valueBits_ = 0;        // ~userDefinedValue: 0 is -1
-};
-static_assert(sizeof(SAState<int>) == 16, "a state must stay 16 bytes");
-static_assert(std::is_trivially_copyable_v<SAState<int>>, "states live in a calloc'd block");
-
-template <typename T, typename Transitions = CompactTransitions>
-class SuffixAutomaton {
- public:
   SuffixAutomaton() = default;
   SuffixAutomaton(const SuffixAutomaton&) = delete;
   SuffixAutomaton& operator=(const SuffixAutomaton&) = delete;
@@ -93,14 +92,17 @@ class SuffixAutomaton {
     const int k = n < 2 ? 3 : n;
     requestedLength_ = k;
     capacity_ = k <= INT32_MAX / 2 ? 2 * k : 0;
-    states_.reset();
-    if (capacity_ == 0 || !states_.allocateZeroed(static_cast<std::size_t>(capacity_)) ||
+    values_.reset();
+    if (capacity_ == 0 || !values_.allocateZeroed(static_cast<std::size_t>(capacity_)) ||
         !transitions_.allocate(capacity_)) {
-      states_.reset();  // seen as "not allocated" by add
+      values_.reset();  // seen as "not allocated" by add
       capacity_ = 0;
       return;
     }
-    if (last_ < capacity_) states_[static_cast<std::size_t>(last_)].reset();
+    if (last_ < capacity_) {  // already zero, hence default, in fresh blocks
+      transitions_.payload(last_) = StateLinks{};
+      values_[static_cast<std::size_t>(last_)] = StoredValue{};
+    }
   }
 
   // Appends every character of `key`; the last one carries (key length,
@@ -110,15 +112,15 @@ class SuffixAutomaton {
     return add(key.data(), key.size(), userDefinedValue);
   }
   [[nodiscard]] int add(const char* key, std::size_t size, T userDefinedValue) {
-    if (!states_) {
+    if (!values_) {
       __android_log_print(log::kError, log::kEngineTag, "[SA] states_ array is not allocated. %s",
                           log::kLineEnd);
       return error::TPA_ERROR_OOM;
     }
-    const int length = static_cast<int>(size);
-    for (int i = 0; i < length; ++i) {
+    const int n = static_cast<int>(size);
+    for (int i = 0; i < n; ++i) {
       const SAStateValue<T> value =
-          i + 1 == length ? SAStateValue<T>(length, userDefinedValue) : SAStateValue<T>();
+          i + 1 == n ? SAStateValue<T>(n, userDefinedValue) : SAStateValue<T>();
       const int result = extend(key[i], value);
       if (result != error::TPA_ERROR_NONE) return result;
     }
@@ -137,19 +139,19 @@ class SuffixAutomaton {
                           capacity_);
       return error::TPA_ERROR_ARRAY_OUT_OF_INDEX;
     }
-    state(cur).setLength(state(last_).length() + 1);
-    state(cur).setValue(value);
+    setLength(cur, length(last_) + 1);
+    setValue(cur, value);
     int p = last_;
     while (p != -1 && transitions_.find(p, c) == nullptr) {
       transitions_.insert(p, c, cur);
-      p = state(p).link();
+      p = link(p);
     }
     if (p == -1) {
-      state(cur).setLink(0);
+      setLink(cur, 0);
     } else {
       const int q = *transitions_.find(p, c);
-      if (state(q).length() == state(p).length() + 1) {
-        state(cur).setLink(q);
+      if (length(q) == length(p) + 1) {
+        setLink(cur, q);
       } else {
         const int clone = count_++;
         if (clone >= capacity_) {
@@ -159,7 +161,7 @@ class SuffixAutomaton {
           return error::TPA_ERROR_ARRAY_OUT_OF_INDEX;
         }
         splitWithClone(p, q, clone, c);
-        state(cur).setLink(clone);
+        setLink(cur, clone);
       }
     }
     last_ = cur;
@@ -172,19 +174,19 @@ class SuffixAutomaton {
     return tryFindFull(key.data(), key.size(), out);
   }
   [[nodiscard]] int tryFindFull(const char* key, std::size_t size, SAStateValue<T>& out) const {
-    if (!states_) return emptyFull(out);
-    const int length = static_cast<int>(size);
+    if (!values_) return emptyFull(out);
+    const int n = static_cast<int>(size);
     int s = 0;
-    for (int i = 0; i < length; ++i) {
+    for (int i = 0; i < n; ++i) {
       const std::int32_t* next = transitions_.find(s, static_cast<unsigned char>(key[i]));
       if (next == nullptr) {
-        out = state(s).value();
+        out = valueOf(s);
         return i;
       }
       s = *next;
     }
-    out = state(s).value();
-    return length;
+    out = valueOf(s);
+    return n;
   }
 
   // Length of the longest suffix of `key` occurring in the text (INT32_MIN for
@@ -195,23 +197,23 @@ class SuffixAutomaton {
     return tryFindPartial(key.data(), key.size(), out);
   }
   [[nodiscard]] int tryFindPartial(const char* key, std::size_t size, SAStateValue<T>& out) const {
-    const int length = static_cast<int>(size);
-    if (!states_) return emptyPartial(length, out);
-    const int best = length < 1 ? INT32_MIN : longestSuffix(key, length);
+    const int n = static_cast<int>(size);
+    if (!values_) return emptyPartial(n, out);
+    const int best = n < 1 ? INT32_MIN : longestSuffix(key, n);
     const std::int32_t* star = transitions_.find(0, static_cast<unsigned char>('*'));
     if (star == nullptr) {
-      out = state(0).value();
+      out = valueOf(0);
       return best;
     }
     // The suffix is read again behind the '*'. An empty key has no suffix:
     // the walk then starts past its end and reads nothing.
     int s = *star;
-    for (int j = length < 1 ? length : length - best; j < length; ++j) {
+    for (int j = n < 1 ? n : n - best; j < n; ++j) {
       const std::int32_t* next = transitions_.find(s, static_cast<unsigned char>(key[j]));
       if (next == nullptr) break;
       s = *next;
     }
-    out = state(s).value();
+    out = valueOf(s);
     return best;
   }
 
@@ -222,56 +224,72 @@ class SuffixAutomaton {
   int capacity() const { return capacity_; }
   int requestedLength() const { return requestedLength_; }
   int last() const { return last_; }
-  bool allocated() const { return static_cast<bool>(states_); }
-  const SAState<T>& stateAt(int i) const { return state(i); }
+  bool allocated() const { return static_cast<bool>(values_); }
+  SAState<T> stateAt(int i) const { return SAState<T>(length(i), link(i), valueOf(i)); }
   const Transitions& transitions() const { return transitions_; }
 
  private:
-  SAState<T>& state(int i) { return states_[static_cast<std::size_t>(i)]; }
-  const SAState<T>& state(int i) const { return states_[static_cast<std::size_t>(i)]; }
+  // A state's value, stored so that all-zero is (0, -1).
+  struct StoredValue {
+    std::int32_t storedKeyLength;
+    std::int32_t valueBits;  // ~userDefinedValue
+  };
+
+  int length(int s) const { return transitions_.payload(s).length; }
+  int link(int s) const { return ~transitions_.payload(s).linkBits; }
+  SAStateValue<T> valueOf(int s) const {
+    const StoredValue& v = values_[static_cast<std::size_t>(s)];
+    return SAStateValue<T>(v.storedKeyLength, static_cast<T>(~v.valueBits));
+  }
+  void setLength(int s, int length) { transitions_.payload(s).length = length; }
+  void setLink(int s, int link) { transitions_.payload(s).linkBits = ~link; }
+  void setValue(int s, const SAStateValue<T>& v) {
+    values_[static_cast<std::size_t>(s)] =
+        StoredValue{v.storedKeyLength(), ~static_cast<std::int32_t>(v.userDefinedValue())};
+  }
 
   // q, reached from p on c, is too long for the new suffix: the clone takes
   // q's place for every suffix of p that went to q. A clone copies q's
   // transitions and value, so a clone of a key end reports that key.
   void splitWithClone(int p, int q, int clone, unsigned char c) {
-    state(clone).setLength(state(p).length() + 1);
-    state(clone).setLink(state(q).link());
-    state(clone).setValue(state(q).value());
+    setLength(clone, length(p) + 1);
+    setLink(clone, link(q));
+    setValue(clone, valueOf(q));
     transitions_.copy(q, clone);
-    for (; p != -1; p = state(p).link()) {
+    for (; p != -1; p = link(p)) {
       std::int32_t* target = transitions_.find(p, c);
       if (target == nullptr || *target != q) break;
       *target = clone;
     }
-    state(q).setLink(clone);
+    setLink(q, clone);
   }
 
-  // The longest suffix of key[0, length) occurring in the text, length >= 1.
+  // The longest suffix of key[0, n) occurring in the text, n >= 1.
   // A suffix that occurs is also the longest suffix of every window of the
   // key that it does not fill, so only a window at the end is read, doubled
   // while the suffix fills it. An automaton broken by a failed extend (a state
   // without its link) is read whole, as the windows rely on the links.
-  int longestSuffix(const char* key, int length) const {
-    if (count_ > capacity_) return matchingStatistic(key, 0, length);
-    for (int window = kFirstWindow;; window = window > length / 2 ? length : 2 * window) {
-      const int start = window < length ? length - window : 0;
-      const int l = matchingStatistic(key, start, length);
-      if (start == 0 || l < length - start) return l;
+  int longestSuffix(const char* key, int n) const {
+    if (count_ > capacity_) return matchingStatistic(key, 0, n);
+    for (int window = kFirstWindow;; window = window > n / 2 ? n : 2 * window) {
+      const int start = window < n ? n - window : 0;
+      const int l = matchingStatistic(key, start, n);
+      if (start == 0 || l < n - start) return l;
     }
   }
 
   // Reads key[start, length) from the start state, falling back along suffix
   // links on a mismatch; returns the length matched at the last character.
-  int matchingStatistic(const char* key, int start, int length) const {
+  int matchingStatistic(const char* key, int start, int n) const {
     int s = 0;
     int l = 0;
-    for (int i = start; i < length; ++i) {
+    for (int i = start; i < n; ++i) {
       const auto c = static_cast<unsigned char>(key[i]);
       const std::int32_t* next = transitions_.find(s, c);
       while (next == nullptr && s != 0) {
         // A state left without a link by a failed clone falls back to the start.
-        s = state(s).link() < 0 ? 0 : state(s).link();
-        l = state(s).length();
+        s = link(s) < 0 ? 0 : link(s);
+        l = length(s);
         next = transitions_.find(s, c);
       }
       if (next != nullptr) {
@@ -294,12 +312,14 @@ class SuffixAutomaton {
 
   static constexpr int kFirstWindow = 16;  // characters read first by a partial lookup
 
-  PodArray<SAState<T>> states_;  // capacity_ states, or none before construct
-  Transitions transitions_;      // transitions of states_[i] under index i
-  int last_ = 0;                 // state of the whole text; 0 <= last_ < count_
-  int count_ = 1;                // states in use; the next state gets this index
-  int requestedLength_ = 0;      // construct's argument after raising 0 and 1 to 3
-  int capacity_ = 0;             // states allocated: 2 * requestedLength_
+  // capacity_ states, or none before construct: state i has its transitions,
+  // length and link in transitions_ under index i, its value in values_[i].
+  Transitions transitions_;
+  PodArray<StoredValue> values_;
+  int last_ = 0;             // state of the whole text; 0 <= last_ < count_
+  int count_ = 1;            // states in use; the next state gets this index
+  int requestedLength_ = 0;  // construct's argument after raising 0 and 1 to 3
+  int capacity_ = 0;         // states allocated: 2 * requestedLength_
 };
 
 extern template class SuffixAutomaton<int>;

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
 #include <cstdlib>
 #include <list>
 #include <map>
@@ -47,7 +48,8 @@ TEST(Lru, PutOnceFullReusesTheEvictedEntry) {
   Cache cache(8);
   cache.construct("def-key", 0, 0);
   std::vector<Key> keys;
-  for (int i = 0; i < 64; ++i) keys.emplace_back("a key longer than any short string " + std::to_string(100 + i), 10);
+  for (int i = 0; i < 64; ++i)
+    keys.emplace_back("a key longer than any short string " + std::to_string(100 + i), 10);
   for (int i = 0; i < 8; ++i) ASSERT_EQ(0, cache.put(keys[i], i));
   const long before = allocations;
   for (int i = 8; i < 64; ++i) ASSERT_EQ(0, cache.put(keys[i], i));
@@ -55,7 +57,7 @@ TEST(Lru, PutOnceFullReusesTheEvictedEntry) {
 }
 
 // The cache written plainly: a recency list, and the index as "key -> live?"
-// so that the stale slots a clear leaves are modelled too.
+// so that the stale slots a clear leaves (until the next clear) are modelled too.
 struct Model {
   int get(const Key& key, int& out) {
     if (index.count(key) == 0 || !index[key]) return index.erase(key), kMiss;  // stale: dropped
@@ -92,7 +94,8 @@ TEST(Lru, AgreesWithListModelOnRandomOperations) {
     Model model;
     model.capacity = capacity;
     for (int step = 0; step < 4000; ++step) {
-      const Key key(std::string(rng() % 2 ? 1 : 30, static_cast<char>('a' + rng() % 9)), rng() % 2 ? 10 : 20);
+      const Key key(std::string(rng() % 2 ? 1 : 30, static_cast<char>('a' + rng() % 9)),
+                    rng() % 2 ? 10 : 20);
       const unsigned op = rng() % 100;
       if (op < 45) {
         int got = -1, want = -1;
@@ -104,6 +107,9 @@ TEST(Lru, AgreesWithListModelOnRandomOperations) {
         ASSERT_EQ(0, cache.put(key, value));
       } else {
         model.list.clear();
+        for (auto it = model.index.begin(); it != model.index.end();) {
+          it = it->second ? std::next(it) : model.index.erase(it);  // stale before: dropped
+        }
         for (auto& entry : model.index) entry.second = false;
         (op % 2 ? cache.clear() : cache.deleteList());
       }

@@ -15,6 +15,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -132,11 +133,13 @@ class LRU {
     return error::TPA_ERROR_NONE;
   }
 
-  // Releases every listed entry. The index and count are deliberately left as
-  // they are; index entries naming released nodes are recognised as stale by
-  // their generation and treated as misses.
+  // Releases every listed entry. The count and the index slots of the entries
+  // just released are deliberately left as they are; such a slot is stale
+  // (its generation is old) and counts as a miss. Slots already stale from an
+  // earlier clear are dropped here, so that repeated clears cannot pile them up.
   void clear() {
     releaseList();
+    dropStaleSlots();
     ++generation_;
   }
   void deleteList() { clear(); }
@@ -196,6 +199,11 @@ class LRU {
     }
     return std::unique_ptr<Entry>(victim);
   }
+  void dropStaleSlots() {
+    for (auto it = index_.begin(); it != index_.end();) {
+      it = it->second.generation == generation_ ? std::next(it) : index_.erase(it);
+    }
+  }
   void releaseList() {
     if (!head_ || !tail_) return;
     for (Entry* n = head_->next; n != tail_.get();) {
@@ -211,8 +219,8 @@ class LRU {
   std::unique_ptr<Entry> tail_;  // sentinel, least recently used side; null before construct
   // Every listed node (owned by the list, between the sentinels) is indexed
   // under its (key, subKey) with the current generation, and its `indexed`
-  // names that slot's key. After a clear the index may also hold stale slots
-  // of older generations.
+  // names that slot's key. After a clear the index also holds the stale slots
+  // of the entries that clear released (and of no earlier clear).
   Index index_;
   int capacity_;                  // count_ never exceeds it once equal (negative: unbounded)
   int count_ = 0;                 // entries counted in; kept across clear

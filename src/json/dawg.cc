@@ -68,6 +68,7 @@ void dawg::extend(char ch) {
   const unsigned char c = static_cast<unsigned char>(ch);
   const std::int32_t cur = size++;
   states[cur].len = states[last].len + 1;
+  states[cur].label = c;
   std::int32_t p = last;
   while (p != -1 && find_edge(states[p], c) == kNoRun) {
     add_edge(states[p], c, cur);
@@ -83,6 +84,8 @@ void dawg::extend(char ch) {
       const std::int32_t clone = size++;
       states[clone].len = states[p].len + 1;
       states[clone].link_up = states[q].link_up;
+      states[clone].label = c;
+      states[clone].cloned = 1;
       copy_edges(states[clone], states[q]);
       // Redirect to the clone every suffix that led to q on c.
       while (p != -1) {
@@ -125,6 +128,20 @@ int dawg::step(int from, char c) const {
 
 int dawg::suffix_link(int from) const { return owns(from) ? states[from].link_up - 1 : -1; }
 
+int dawg::step_along(int from, char c) const {
+  if (!owns(from) || states[from].cloned != 0) return -1;
+  // States are numbered in creation order: the one created for the next
+  // character comes right after `from`, or after the clone that `from`'s own
+  // extension made. Its label tells whether that character is c.
+  std::int64_t next = std::int64_t{from} + 1;
+  if (owns(next) && states[next].cloned != 0) ++next;
+  if (!owns(next) || states[next].len != states[from].len + 1 ||
+      states[next].label != static_cast<unsigned char>(c)) {
+    return -1;
+  }
+  return static_cast<int>(next);
+}
+
 std::uint32_t dawg::find_edge(const state& from, unsigned char c) const {
   const unsigned char* run = labels.data() + from.first;
   if (from.count <= kScanLimit) {
@@ -162,7 +179,7 @@ void dawg::add_edge(state& from, unsigned char c, std::int32_t target) {
   labels[first + pos] = c;
   targets[first + pos] = target;
   from.first = first;
-  from.count = n + 1;
+  from.count = static_cast<std::uint16_t>(n + 1);
 }
 
 void dawg::copy_edges(state& to, const state& from) {

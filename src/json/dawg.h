@@ -7,7 +7,8 @@
 // Cost: dawg(n) reserves 4n states of 16 bytes, but untouched states cost no
 // resident memory (an all-zero state is a valid empty state). Each transition
 // takes 5 bytes in a per-state run sorted by unsigned byte. A step costs one
-// run lookup: a short scan, or a binary search in runs over 16 transitions.
+// run lookup: a short scan, or a binary search in runs over 16 transitions;
+// a step along the inserted text itself costs no lookup (step_along).
 #ifndef TPA_JSON_DAWG_H_
 #define TPA_JSON_DAWG_H_
 
@@ -45,13 +46,20 @@ class dawg {
   [[nodiscard]] int step(int state, char c) const;
   // The suffix link of `state`: -1 for the root and for unknown states.
   [[nodiscard]] int suffix_link(int state) const;
+  // step(state, c) without a search, when `state` is the state of a prefix of
+  // the inserted text (the root, or the state created for its last
+  // character) and c the character that follows that prefix: the state
+  // created for c. -1 in every other case, for which step() answers.
+  [[nodiscard]] int step_along(int state, char c) const;
 
  private:
   struct state {
-    std::int32_t len;       // longest string ending here
-    std::int32_t link_up;   // suffix link + 1, so that 0 reads as "none"
-    std::uint32_t first;    // start of the transition run in the edge pool
-    std::uint32_t count;    // transitions in the run (its room is the next power of two)
+    std::int32_t len;      // longest string ending here
+    std::int32_t link_up;  // suffix link + 1, so that 0 reads as "none"
+    std::uint32_t first;   // start of the transition run in the edge pool
+    std::uint16_t count;   // transitions in the run (its room is the next power of two)
+    unsigned char label;   // the character every transition into this state reads
+    std::uint8_t cloned;   // 1 for a clone, 0 for the root and the state created per character
   };
   static_assert(sizeof(state) == 16, "a state must stay 16 bytes");
   struct free_deleter {

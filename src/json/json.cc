@@ -87,7 +87,10 @@ void json::traverse(const std::string& text) {
     const char c = text[i];
     // The listener may replace the dictionary while the scan runs.
     const dawg* d = dict.get();
-    if (d) {
+    // Over the dictionary's own text the walk goes from the state created for
+    // one character to the state created for the next, found without a search.
+    const int ahead = d ? d->step_along(walk, c) : -1;
+    if (ahead < 0 && d) {
       while (walk > 0 && d->step(walk, c) < 0) walk = d->suffix_link(walk);
     }
     switch (c) {
@@ -99,6 +102,10 @@ void json::traverse(const std::string& text) {
       case ':': on_colon(i); break;
       case ',': on_comma(i); break;
       default: break;
+    }
+    if (ahead >= 0 && dict.get() == d) {
+      walk = ahead;
+      continue;
     }
     d = dict.get();
     // Over its own text every step exists; over any other, restart at the root.

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <iterator>
 #include <cstdlib>
+#include <iterator>
 #include <list>
 #include <map>
 #include <new>
@@ -56,8 +56,7 @@ TEST(Lru, PutOnceFullReusesTheEvictedEntry) {
   EXPECT_EQ(before, allocations);
 }
 
-// The cache written plainly: a recency list, and the index as "key -> live?"
-// so that the stale slots a clear leaves (until the next clear) are modelled too.
+// The cache written plainly: a recency list, an index "key -> live?" (a clear's stale slots).
 struct Model {
   int get(const Key& key, int& out) {
     if (index.count(key) == 0 || !index[key]) return index.erase(key), kMiss;  // stale: dropped
@@ -84,8 +83,7 @@ struct Model {
   std::map<Key, bool> index;
 };
 
-// Capacities 0 (one entry) and negative (never evicts) included; keys short
-// and long, so that reused strings grow.
+// Capacities 0 (one entry) and negative (never evicts); keys short and long (reused strings grow).
 TEST(Lru, AgreesWithListModelOnRandomOperations) {
   std::mt19937 rng(7);
   for (int capacity : {-1, 0, 1, 2, 3, 5, 8}) {
@@ -107,9 +105,8 @@ TEST(Lru, AgreesWithListModelOnRandomOperations) {
         ASSERT_EQ(0, cache.put(key, value));
       } else {
         model.list.clear();
-        for (auto it = model.index.begin(); it != model.index.end();) {
-          it = it->second ? std::next(it) : model.index.erase(it);  // stale before: dropped
-        }
+        for (auto it = model.index.begin(); it != model.index.end();)  // older stale slots go
+          it = it->second ? std::next(it) : model.index.erase(it);
         for (auto& entry : model.index) entry.second = false;
         (op % 2 ? cache.clear() : cache.deleteList());
       }

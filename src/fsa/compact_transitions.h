@@ -11,8 +11,9 @@
 // free lists): up to 16 edges as their labels in ascending unsigned byte order
 // and then their targets (5 bytes per edge slot, padded to whole words); more
 // as a 256-bit map of their labels and then their targets in label order (4
-// bytes per slot and 32 per run). Lookups allocate nothing: an inline compare,
-// a scan of up to 16 labels, or a bit test and a count of the bits below it.
+// bytes per slot and 40 per run, the map's per-word counts included). Lookups
+// allocate nothing: an inline compare, a scan of up to 16 labels, or a bit
+// test and a count of the bits below it.
 // Owns its arrays; no internal synchronisation.
 #ifndef TPA_FSA_COMPACT_TRANSITIONS_H_
 #define TPA_FSA_COMPACT_TRANSITIONS_H_
@@ -85,6 +86,7 @@ class CompactTransitions {
       std::uint32_t* map = mapOf(h);
       at = rank(map, c);
       map[c >> 5] |= bit(c);
+      for (int w = (c >> 5) + 1; w < kMapBitWords; ++w) ++belowOf(map)[w];
     } else {
       unsigned char* labels = labelsOf(h);
       at = static_cast<int>(std::lower_bound(labels, labels + h.count, c) - labels);
@@ -115,7 +117,8 @@ class CompactTransitions {
   // labelWords(sizeClass) words of labels, then one word per target. Below
   // kMapClass the first count labels are strictly ascending as unsigned bytes;
   // from kMapClass on (exactly the runs of more than 16 edges) the labels are
-  // a map with one bit per byte value, and the targets are in its bit order.
+  // a map with one bit per byte value and, per word of bits, the number of
+  // bits in the words before it; the targets are in the map's bit order.
   struct Head {
     std::int32_t data;
     unsigned char label;
@@ -130,18 +133,28 @@ class CompactTransitions {
 
   static constexpr int kSizeClasses = 9;  // runs of 2^1 .. 2^8 edges (index 0 unused)
   static constexpr int kMapClass = 5;     // runs of 32 slots and more map their labels
-  static constexpr std::size_t kMapWords = 256 / 32;
+  static constexpr int kMapBitWords = 256 / 32;
+  // The map: kMapBitWords words of bits, then one byte per bit word counting
+  // the labels in the words before it.
+  static constexpr std::size_t kMapWords = kMapBitWords + kMapBitWords / 4;
   static constexpr std::size_t kMinPool = 1024;
 
   static std::size_t labelWords(int sizeClass) {
     return sizeClass >= kMapClass ? kMapWords : ((std::size_t{1} << sizeClass) + 3) / 4;
   }
   static std::uint32_t bit(unsigned char c) { return std::uint32_t{1} << (c & 31); }
+  static int bitCount(std::uint32_t x) {
+    x = x - ((x >> 1) & 0x55555555u);
+    x = (x & 0x33333333u) + ((x >> 2) & 0x33333333u);
+    return static_cast<int>((((x + (x >> 4)) & 0x0f0f0f0fu) * 0x01010101u) >> 24);
+  }
+  static std::uint8_t* belowOf(std::uint32_t* map) {
+    return reinterpret_cast<std::uint8_t*>(map + kMapBitWords);
+  }
   // How many labels of the map are below c.
   static int rank(const std::uint32_t* map, unsigned char c) {
-    int n = __builtin_popcount(map[c >> 5] & (bit(c) - 1));
-    for (int w = 0; w < (c >> 5); ++w) n += __builtin_popcount(map[w]);
-    return n;
+    const auto* below = reinterpret_cast<const std::uint8_t*>(map + kMapBitWords);
+    return below[c >> 5] + bitCount(map[c >> 5] & (bit(c) - 1));
   }
   static std::size_t runWords(int sizeClass) {
     return labelWords(sizeClass) + (std::size_t{1} << sizeClass);
@@ -193,6 +206,9 @@ class CompactTransitions {
       std::uint32_t* map = mapOf(to);
       std::fill(map, map + kMapWords, 0);
       for (int i = 0; i < from.count; ++i) map[labelsOf(from)[i] >> 5] |= bit(labelsOf(from)[i]);
+      for (int w = 1; w < kMapBitWords; ++w) {
+        belowOf(map)[w] = static_cast<std::uint8_t>(belowOf(map)[w - 1] + bitCount(map[w - 1]));
+      }
     } else {
       std::memcpy(labelsOf(to), labelsOf(from), from.count);
     }

@@ -9,7 +9,6 @@
 #include "fixtures.h"
 #include "mapper/map.h"
 #include "mapper/trace.h"
-#include "windowed_search.h"
 
 namespace tpa::bench {
 
@@ -65,8 +64,6 @@ const Anatomy& anatomy(int size) {
   return cache.back().second;
 }
 
-using Automaton = fsa::SuffixAutomaton<int>;
-
 template <typename Search>
 void timeSearches(benchmark::State& st, int size, Search search) {
   const std::vector<std::string>& keys = anatomy(size).keys;
@@ -111,20 +108,6 @@ void registerAnatomy(int size) {
       return sa.tryFindPartial(k, v);
     });
   });
-  // A proposed wildcard search, checked against the library's on every key.
-  benchmark::RegisterBenchmark(
-      ("Anatomy/partial_windowed" + tail).c_str(), [=](benchmark::State& st) {
-        const Automaton& sa =
-            *Fixtures::get().library(size).builder.getMap()->includeMachine()->automaton();
-        for (const std::string& k : anatomy(size).keys) {
-          fsa::SAStateValue<int> a, b;
-          if (sa.tryFindPartial(k, a) != windowedPartial(sa, k, b) || a != b) {
-            st.SkipWithError("the windowed search answers differently");
-            return;
-          }
-        }
-        timeSearches(st, size, windowedPartial);
-      });
 }
 
 }  // namespace tpa::bench

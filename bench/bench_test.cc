@@ -1,17 +1,14 @@
-// Tests of the benchmark's own parts: the workload generator, the peers'
-// shared weighing, and the proposed windowed wildcard search against the
-// library's on random automata.
+// Tests of the benchmark's own parts: the workload generator and the peers'
+// shared weighing.
 #include <gtest/gtest.h>
 
 #include <set>
 #include <string>
 
-#include "fsa/suffix_automaton.h"
 #include "hash_matcher.h"
 #include "marisa_matcher.h"
 #include "parser/json_parser.h"
 #include "peer_common.h"
-#include "windowed_search.h"
 #include "workload.h"
 
 namespace tpa::bench {
@@ -127,47 +124,6 @@ TEST(Peers, HashAndMarisaAgreeOnEveryQuery) {
     const std::string& d = s.destinations[q.destination];
     EXPECT_EQ(hash.query(app, d), marisa.query(app, d)) << app << " " << d;
   }
-}
-
-// Random keys over a small alphabet, framed as the map frames them, so that
-// suffixes recur, fallbacks run long and '*' keys exist.
-std::string randomKey(Rng& rng, int maxLength) {
-  static constexpr char kAlphabet[] = "ab.c*";
-  std::string k = "#";
-  const int n = 1 + static_cast<int>(rng.below(maxLength));
-  for (int i = 0; i < n; ++i) k += kAlphabet[rng.below(sizeof kAlphabet - 1)];
-  return k + "$" + std::to_string(rng.below(3)) + (rng.chance(0.5) ? "1" : "0");
-}
-
-TEST(WindowedSearch, AnswersExactlyAsTryFindPartial) {
-  for (std::uint64_t seed = 1; seed <= 40; ++seed) {
-    Rng rng(seed);
-    std::string keys[60];
-    int total = 0;
-    for (std::string& k : keys) total += static_cast<int>((k = randomKey(rng, 40)).size());
-    fsa::SuffixAutomaton<int> sa;
-    sa.construct(total);
-    for (int i = 0; i < 60; ++i) ASSERT_EQ(sa.add(keys[i], i), 0);
-    for (int q = 0; q < 300; ++q) {
-      const std::string key = rng.chance(0.3) ? keys[rng.below(60)] : randomKey(rng, 70);
-      fsa::SAStateValue<int> expected, got;
-      ASSERT_EQ(sa.tryFindPartial(key, expected), windowedPartial(sa, key, got)) << key;
-      ASSERT_EQ(expected, got) << key;
-    }
-  }
-}
-
-TEST(WindowedSearch, EmptyKeyAndEmptyAutomaton) {
-  fsa::SuffixAutomaton<int> none;
-  fsa::SAStateValue<int> a, b;
-  EXPECT_EQ(none.tryFindPartial("#x$01", a), windowedPartial(none, "#x$01", b));
-  fsa::SuffixAutomaton<int> sa;
-  sa.construct(8);
-  ASSERT_EQ(sa.add("#*.b$01", 4), 0);
-  EXPECT_EQ(windowedPartial(sa, "", b), INT32_MIN);
-  EXPECT_EQ(sa.tryFindPartial("#a.b$01", a), windowedPartial(sa, "#a.b$01", b));
-  EXPECT_EQ(a, b);
-  EXPECT_EQ(b.userDefinedValue(), 4);
 }
 
 }  // namespace

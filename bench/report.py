@@ -195,20 +195,18 @@ def alloc_table(results, sizes):
 def anatomy_table(results, sizes):
     lines = ["| rules | rule numbers tried | whole-key searches | bit runs | network prefixes |"
              " wildcard searches | ns per whole-key search | ns per wildcard search |"
-             " same, windowed | key length |",
-             "|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|"]
+             " key length |",
+             "|---|---:|---:|---:|---:|---:|---:|---:|---:|"]
     for size in sizes:
         a = results.get(("Anatomy", "searches", "", size))
         whole = results.get(("Anatomy", "whole", "", size))
         partial = results.get(("Anatomy", "partial", "", size))
-        windowed = results.get(("Anatomy", "partial_windowed", "", size))
         if not a:
             continue
-        lines.append("| %s | %s | %s | %s | %s | %s | %s | %s | %s | %s |" % (
+        lines.append("| %s | %s | %s | %s | %s | %s | %s | %s | %s |" % (
             size_title(size), fmt(a.get("rule_steps"), 2), fmt(a.get("whole"), 2),
             fmt(a.get("bits"), 2), fmt(a.get("prefix"), 2), fmt(a.get("partial"), 2),
             fmt(whole["ns"] if whole else None), fmt(partial["ns"] if partial else None),
-            fmt(windowed["ns"] if windowed and "error_message" not in windowed else None),
             fmt((whole or {}).get("key_chars"), 1)))
     return lines
 
@@ -408,9 +406,7 @@ def sections(results, jvm, sizes):
          "Searches one query of the distinct stream makes (traced through `Map::get`, "
          "averaged over 20,000 queries; the application's search counts as one whole-key "
          "search), and the cost of one search of the include automaton on its own, without "
-         "the cache, over the framed keys those queries searched. *Windowed* is the wildcard "
-         "search proposed below, run in the benchmark over the automaton's public views and "
-         "checked to answer exactly as `tryFindPartial` on every one of those keys.",
+         "the cache, over the framed keys those queries searched.",
          anatomy_table(results, sizes)),
         ("From the JVM",
          "`nativeQuery` round trips from a JVM (NativeQueryBench over the JNI library), "

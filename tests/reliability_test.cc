@@ -111,6 +111,16 @@ std::size_t liveHeapBytes() {
   return info.uordblks + info.hblkhd;
 }
 
+// Runs `round` for `warmUp` rounds (the allocator's pools settle), then for
+// `rounds` more, and returns how much the live heap grew over the latter.
+long heapGrowthOver(int warmUp, int rounds, const std::function<void(int)>& round) {
+  int i = 0;
+  for (; i < warmUp; ++i) round(i);
+  const std::size_t before = liveHeapBytes();
+  for (; i < warmUp + rounds; ++i) round(i);
+  return static_cast<long>(liveHeapBytes()) - static_cast<long>(before);
+}
+
 // ---- documents ---------------------------------------------------------
 
 // Rule i (1-based): app "app<i>" includes "host<i>.test" and the network
@@ -465,11 +475,7 @@ TEST(Soak, DistinctQueriesKeepMemoryFlat) {
     (void)ask(analyzer, "app" + n, "10." + std::to_string(i % 256) + ".2.3");
     (void)ask(analyzer, "com.example.mail", "2001:db8::" + std::to_string(i % 9999));
   };
-  int i = 0;
-  for (; i < 2000; ++i) round(i);
-  const std::size_t heapBefore = liveHeapBytes();
-  for (; i < 202000; ++i) round(i);
-  const long heapGrowth = static_cast<long>(liveHeapBytes()) - static_cast<long>(heapBefore);
+  const long heapGrowth = heapGrowthOver(2000, 200000, round);
   std::printf("600000 distinct queries: live heap %+ld B\n", heapGrowth);
   EXPECT_LT(heapGrowth, 64 * 1024);
   expectKnownRules(analyzer);
@@ -487,11 +493,7 @@ TEST(Soak, FailedBuildsOnOneMapKeepMemoryFlat) {
     (void)ask(analyzer, "com.example.mail", "host" + std::to_string(i) + ".test");
     (void)ask(analyzer, "app" + std::to_string(i), "10.1.2.3");
   };
-  int i = 0;
-  for (; i < 1000; ++i) round(i);
-  const std::size_t heapBefore = liveHeapBytes();
-  for (; i < 41000; ++i) round(i);
-  const long heapGrowth = static_cast<long>(liveHeapBytes()) - static_cast<long>(heapBefore);
+  const long heapGrowth = heapGrowthOver(1000, 40000, round);
   std::printf("40000 failed builds with fresh queries: live heap %+ld B\n", heapGrowth);
   EXPECT_LT(heapGrowth, 64 * 1024);
   expectKnownRules(analyzer);

@@ -65,7 +65,8 @@ void checkExpansions(const std::string& s) {
   check(t == cidr::convertToBinaryIPAddress(s), "convertToBinaryIPAddressInto in place", s);
   std::string out = "untouched";
   if (cidr::isUnspecifiedIPAddress(s, out)) {
-    check(out == "0.0.0.0" || out == "0000:0000:0000:0000:0000:0000:0000:0000", "unspecified text", s);
+    check(out == "0.0.0.0" || out == "0000:0000:0000:0000:0000:0000:0000:0000", "unspecified text",
+          s);
   }
 }
 
@@ -83,14 +84,15 @@ void checkIPv4Network(const std::string& s, const std::string& id) {
   if (p <= 0 || p >= 32) return;
   check(static_cast<int>(id.size()) == p, "IPv4 network ID has prefix-length bits", s);
   const std::uint32_t mask = ~std::uint32_t{0} << (32 - p);
-  const std::uint32_t net = (static_cast<std::uint32_t>(part[0]) << 24) |
-                            (static_cast<std::uint32_t>(part[1]) << 16) |
-                            (static_cast<std::uint32_t>(part[2]) << 8) |
-                            static_cast<std::uint32_t>(part[3]);
+  const std::uint32_t net =
+      (static_cast<std::uint32_t>(part[0]) << 24) | (static_cast<std::uint32_t>(part[1]) << 16) |
+      (static_cast<std::uint32_t>(part[2]) << 8) | static_cast<std::uint32_t>(part[3]);
   for (int which = 0; which < 3; ++which) {
-    const std::uint32_t a = (net & mask) | (static_cast<std::uint32_t>(hostPattern(s, which)) & ~mask);
+    const std::uint32_t a =
+        (net & mask) | (static_cast<std::uint32_t>(hostPattern(s, which)) & ~mask);
     char text[16];
-    std::snprintf(text, sizeof text, "%u.%u.%u.%u", a >> 24, (a >> 16) & 255, (a >> 8) & 255, a & 255);
+    std::snprintf(text, sizeof text, "%u.%u.%u.%u", a >> 24, (a >> 16) & 255, (a >> 8) & 255,
+                  a & 255);
     check(cidr::convertToBinaryIPAddress(text).compare(0, id.size(), id) == 0,
           "IPv4 network ID prefixes an inside address", s);
   }

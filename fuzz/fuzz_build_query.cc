@@ -45,9 +45,11 @@ std::vector<Answer> ask(tpa::api::TarnPatternAnalyzer& analyzer,
 }
 
 void checkStable(tpa::api::TarnPatternAnalyzer& analyzer,
-                 std::vector<std::pair<std::string, std::string>> queries, const std::string& rules) {
+                 std::vector<std::pair<std::string, std::string>> queries,
+                 const std::string& rules) {
   const std::vector<Answer> first = ask(analyzer, queries);
-  for (const Answer& a : first) check(a.decision == 0 || a.decision == 1, "decision is 0 or 1", rules);
+  for (const Answer& a : first)
+    check(a.decision == 0 || a.decision == 1, "decision is 0 or 1", rules);
   std::vector<std::pair<std::string, std::string>> reversed(queries.rbegin(), queries.rend());
   std::vector<Answer> again = ask(analyzer, reversed);
   check(std::vector<Answer>(again.rbegin(), again.rend()) == first, "cached answers agree", rules);
@@ -80,7 +82,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   } catch (const std::invalid_argument&) {
     check(tpa::fuzz::mayThrowAddressException(rules), "invalid_argument without a network", rules);
   }
-  check(code <= 1 && code >= tpa::error::TPA_ERROR_JSON_FILE_NOT_FOUND, "build returns a code", rules);
+  check(code <= 1 && code >= tpa::error::TPA_ERROR_JSON_FILE_NOT_FOUND, "build returns a code",
+        rules);
   if (code != 0) check(ask(analyzer, queries) == before, "old rules keep answering", rules);
   checkStable(analyzer, queries, rules);
   return 0;

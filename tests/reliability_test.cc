@@ -163,7 +163,8 @@ void runOnSmallStack(const std::function<void()>& body, std::size_t bytes) {
     (*static_cast<const std::function<void()>*>(arg))();
     return nullptr;
   };
-  ASSERT_EQ(0, pthread_create(&thread, &attr, trampoline, const_cast<std::function<void()>*>(&body)));
+  ASSERT_EQ(0,
+            pthread_create(&thread, &attr, trampoline, const_cast<std::function<void()>*>(&body)));
   pthread_join(thread, nullptr);
   pthread_attr_destroy(&attr);
 }
@@ -196,7 +197,8 @@ TEST(Hostile, FiftyMegabyteDocumentBuildsWithBoundedMemory) {
   std::printf("50 MB document: %zu bytes, %d rules, code %d, peak RSS growth %ld MB (%.1f B/B)\n",
               doc.size(), kRules, code, growthKb / 1024, perByte);
   if (code == 0) {
-    for (int i : {1, 9, 10, 99, 100, 65536, 65537, 123457, kRules}) expectNumberedRule(analyzer, i, kRules);
+    for (int i : {1, 9, 10, 99, 100, 65536, 65537, 123457, kRules})
+      expectNumberedRule(analyzer, i, kRules);
   } else {
     EXPECT_LT(code, 0);
     expectKnownRules(analyzer);
@@ -265,8 +267,8 @@ TEST(Hostile, RepeatedTopLevelArraysCostMemoryPerAnnouncedRule) {
   ASSERT_EQ(0, analyzer.build(doc, false));
   const double rules = kArrays * (kArrays + 1) / 2.0;
   const double perRule = static_cast<double>(peakRssKb() - before) * 1024 / rules;
-  std::printf("%d arrays (%zu bytes): %.0f rules, %.0f B of peak RSS per rule\n", kArrays, doc.size(),
-              rules, perRule);
+  std::printf("%d arrays (%zu bytes): %.0f rules, %.0f B of peak RSS per rule\n", kArrays,
+              doc.size(), rules, perRule);
   EXPECT_EQ((Answer{1, 3}), ask(analyzer, "any.app", "x.test"));
   EXPECT_LT(perRule, sanitized() ? 4096.0 : 1536.0);
 }
@@ -293,7 +295,8 @@ TEST(Hostile, MillionLevelsOfNestingNeedNoStack) {
       {"brackets around braces", "[" + braces + "]", 0},
       {"mixed", mixed, 0},
       {"unclosed brackets", open, tpa::error::TPA_ERROR_JSON_PARSE_MISMATCH},
-      {"unclosed braces", "[" + std::string(kDepth, '{') + "]", tpa::error::TPA_ERROR_JSON_PARSE_MISMATCH},
+      {"unclosed braces", "[" + std::string(kDepth, '{') + "]",
+       tpa::error::TPA_ERROR_JSON_PARSE_MISMATCH},
       {"quotes and colons", "[" + std::string(kDepth, '"') + std::string(kDepth, ':') + "]", 0},
   };
   for (const Nesting& c : cases) {
@@ -328,7 +331,8 @@ TEST(Hostile, NulBytesAreOrdinaryCharacters) {
   EXPECT_EQ(kNoRule, ask(analyzer, "com.a", host));  // the text before the NUL is another app
   EXPECT_EQ(kNoRule, ask(analyzer, app, "x"));
   EXPECT_EQ(kNoRule, ask(analyzer, app, "x\\0y.test"));
-  EXPECT_EQ((Answer{1, 6}), ask(analyzer, "other", std::string("a\\0")));  // written as two characters
+  EXPECT_EQ((Answer{1, 6}),
+            ask(analyzer, "other", std::string("a\\0")));  // written as two characters
   EXPECT_EQ(kNoRule, ask(analyzer, "other", std::string("a\0", 2)));
 }
 
@@ -379,7 +383,8 @@ TEST(Hostile, ArbitraryBytesNeverCrashABuild) {
 TEST(Hostile, UnreadableRulesFilesFailWithACode) {
   // Paths that open but cannot be read as a file: a directory, a file whose
   // size the stream cannot tell, devices. Each fails with a code.
-  for (const char* path : {"/", "/proc/self/status", "/dev/null", "/dev/zero", "/nonexistent/rules.json"}) {
+  for (const char* path :
+       {"/", "/proc/self/status", "/dev/null", "/dev/zero", "/nonexistent/rules.json"}) {
     TarnPatternAnalyzer analyzer;
     ASSERT_EQ(0, analyzer.build(kKnownRules, false));
     EXPECT_LT(analyzer.build(path, true), 0) << path;
@@ -417,7 +422,8 @@ TEST(Capacity, DocumentedAddressExceptionsLeaveTheAnalyzerWorking) {
   ASSERT_EQ(0, analyzer.build(kKnownRules, false));
   EXPECT_THROW((void)analyzer.build(R"([{"include": ["face/"]}])", false), std::out_of_range);
   expectKnownRules(analyzer);
-  EXPECT_THROW((void)analyzer.build(R"([{"exclude": ["::/4294967296"]}])", false), std::out_of_range);
+  EXPECT_THROW((void)analyzer.build(R"([{"exclude": ["::/4294967296"]}])", false),
+               std::out_of_range);
   expectKnownRules(analyzer);
   ASSERT_EQ(0, analyzer.build(R"([{"include": ["x.test"], "id": "4"}])", false));
   EXPECT_EQ((Answer{1, 4}), ask(analyzer, "any", "x.test"));
@@ -429,8 +435,9 @@ TEST(Soak, RebuildLoopKeepsMemoryFlat) {
   QuietLog quiet;
   // Good, failing and throwing builds in turn, with queries between them.
   const std::string good = numberedRules(200);
-  const std::vector<std::string> docs = {good, kKnownRules, "[{", R"([{"include": ["a", "", ""]}])",
-                                         R"([{"include": ["face/"]}])", ""};
+  const std::vector<std::string> docs = {
+      good, kKnownRules, "[{", R"([{"include": ["a", "", ""]}])", R"([{"include": ["face/"]}])",
+      ""};
   TarnPatternAnalyzer analyzer;
   auto round = [&] {
     for (const std::string& doc : docs) {
@@ -453,8 +460,8 @@ TEST(Soak, RebuildLoopKeepsMemoryFlat) {
   }
   const long heapGrowth = static_cast<long>(liveHeapBytes()) - static_cast<long>(heapBefore);
   const long rssGrowthKb = currentRssKb() - rssBefore;
-  std::printf("soak: %ld rounds of %zu builds, live heap %+ld B, RSS %+ld kB\n", rounds, docs.size(),
-              heapGrowth, rssGrowthKb);
+  std::printf("soak: %ld rounds of %zu builds, live heap %+ld B, RSS %+ld kB\n", rounds,
+              docs.size(), heapGrowth, rssGrowthKb);
   EXPECT_EQ(kNoRule, ask(analyzer, "app7", "host7.test"));  // the last document was empty
   EXPECT_LT(heapGrowth, 64 * 1024);
   // Sanitizers keep freed memory in quarantine, so only a plain build's
@@ -509,9 +516,9 @@ struct Generation {
 };
 
 const std::vector<std::pair<std::string, std::string>> kQueries = {
-    {"app.a", "stable.test"}, {"app.a", "flip.test"},   {"app.a", "never.test"},
-    {"app.b", "stable.test"}, {"app.a", "10.9.8.7"},    {"app.b", "w.wild.test"},
-    {"app.a", "2001:db8::1"}, {"app.c", "flip.test"},   {"app.a", "x.wild.test"},
+    {"app.a", "stable.test"}, {"app.a", "flip.test"}, {"app.a", "never.test"},
+    {"app.b", "stable.test"}, {"app.a", "10.9.8.7"},  {"app.b", "w.wild.test"},
+    {"app.a", "2001:db8::1"}, {"app.c", "flip.test"}, {"app.a", "x.wild.test"},
 };
 
 std::vector<Generation> generations() {
@@ -526,7 +533,8 @@ std::vector<Generation> generations() {
   for (Generation& gen : g) {
     TarnPatternAnalyzer reference;
     EXPECT_EQ(0, reference.build(gen.doc, false));
-    for (const auto& [app, destination] : kQueries) gen.answers.push_back(ask(reference, app, destination));
+    for (const auto& [app, destination] : kQueries)
+      gen.answers.push_back(ask(reference, app, destination));
   }
   return g;
 }

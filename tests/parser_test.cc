@@ -146,6 +146,22 @@ TEST(JsonParser, ReaderFailuresSetStatusAndKeepAnnouncedRulesUntilCleared) {
   EXPECT_EQ(tpa::error::TPA_ERROR_SA_INVALID_CAPACITTY, parser.getStatus());
 }
 
+// k top-level arrays make k(k+1)/2 rules; a few are read as written, a flood
+// of them is refused instead of exhausting memory.
+TEST(JsonParser, RepeatedArraysAreBoundedNotQuadratic) {
+  auto arrays = [](int k) {
+    std::string text;
+    for (int i = 0; i < k; ++i) text += "[{}]";
+    return text;
+  };
+  JsonParser parser;
+  ASSERT_EQ(0, parser.parse(arrays(8), false));
+  EXPECT_EQ(36u, parser.getRules().size());
+  EXPECT_EQ(tpa::error::TPA_ERROR_OOM, parser.parse(arrays(2000), false));
+  EXPECT_EQ(tpa::error::TPA_ERROR_OOM, parser.getStatus());
+  EXPECT_LT(parser.getRules().size(), 70000u);
+}
+
 TEST(JsonParser, ReadsFilesAndReportsMissingOnes) {
   const std::string path = ::testing::TempDir() + "parser_test_rules.json";
   std::ofstream(path, std::ios::binary) << R"([{"match_apps":["a"],"include":["1.2.3.4"]}])";

@@ -1,5 +1,6 @@
 #include "parser/json_parser.h"
 
+#include <algorithm>
 #include <cmath>
 #include <fstream>
 
@@ -11,6 +12,13 @@ namespace {
 // Decimal digits of a 1-based position, as the rule numbers are written.
 int digitsOf(std::size_t position) {
   return static_cast<int>(std::log10(static_cast<double>(position)) + 1.0);
+}
+
+// How many rules a document may repeat through further top-level arrays: a
+// few arrays of any size, or many small ones, but never a quadratic blow-up.
+std::size_t repeatBound(std::size_t objects) {
+  constexpr std::size_t kSmallDocumentBound = 1 << 16;
+  return std::max(kSmallDocumentBound, 4 * objects);
 }
 
 }  // namespace
@@ -26,6 +34,9 @@ void JsonParser::clear() {
   grossAppBytes = 0;
   grossIncludeBytes = 0;
   grossExcludeBytes = 0;
+  previouslyAnnounced = 0;
+  repeatedRules = 0;
+  tooManyRules = false;
 }
 
 int JsonParser::parse(const std::string& source, bool fromFile) {
@@ -44,6 +55,7 @@ int JsonParser::parse(const std::string& source, bool fromFile) {
   } else {
     result = reader.parse_json_str(source, this);
   }
+  if (result == error::TPA_ERROR_NONE && tooManyRules) result = error::TPA_ERROR_OOM;
   if (result != error::TPA_ERROR_NONE) {
     status = result;
     return result;
@@ -61,6 +73,13 @@ int JsonParser::parse(const std::string& source, bool fromFile) {
 void JsonParser::didParseJson(json_config::json_array* array) {
   if (array == nullptr) {
     status = error::TPA_ERROR_SA_INVALID_CAPACITTY;
+    return;
+  }
+  if (tooManyRules) return;
+  repeatedRules += previouslyAnnounced;
+  previouslyAnnounced = array->objects.size();
+  if (repeatedRules > repeatBound(array->objects.size())) {
+    tooManyRules = true;
     return;
   }
   std::size_t position = 0;

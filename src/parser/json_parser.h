@@ -52,6 +52,13 @@ class JsonParser : public json_config::JsonEventListener {
   int grossAppBytes;
   int grossIncludeBytes;
   int grossExcludeBytes;
+  // Every top-level array announces all objects read so far, so k arrays make
+  // k(k+1)/2 rules. Rules made again from objects announced before are counted
+  // here; past a bound no real document reaches, the parse fails with
+  // TPA_ERROR_OOM instead of exhausting memory.
+  std::size_t previouslyAnnounced = 0;
+  std::size_t repeatedRules = 0;
+  bool tooManyRules = false;
 };
 
 }  // namespace tpa::parser

@@ -58,6 +58,7 @@ TEST(Lru, PutOnceFullReusesTheEvictedEntry) {
 
 // The cache written plainly: a recency list, an index "key -> live?" (a clear's stale slots).
 struct Model {
+  explicit Model(int c) : capacity(c) {}
   int get(const Key& key, int& out) {
     if (index.count(key) == 0 || !index[key]) return index.erase(key), kMiss;  // stale: dropped
     list.splice(list.begin(), list, find(key));
@@ -67,17 +68,14 @@ struct Model {
   void put(const Key& key, int value) {
     if (int old = 0; get(key, old) == 0) return void(list.front().second = value);
     index[key] = true;
-    if (count == capacity) {
-      --count;
-      if (!list.empty()) index.erase(list.back().first), list.pop_back();
-    }
-    ++count;
+    if (count == capacity && !list.empty()) index.erase(list.back().first), list.pop_back();
+    if (count != capacity) ++count;  // at capacity the new entry takes the evicted one's place
     list.emplace_front(key, value);
   }
   std::list<std::pair<Key, int>>::iterator find(const Key& key) {
     return std::find_if(list.begin(), list.end(), [&](const auto& e) { return e.first == key; });
   }
-  int capacity = 0;
+  int capacity;
   int count = 0;
   std::list<std::pair<Key, int>> list;  // most recently used first
   std::map<Key, bool> index;
@@ -89,18 +87,19 @@ TEST(Lru, AgreesWithListModelOnRandomOperations) {
   for (int capacity : {-1, 0, 1, 2, 3, 5, 8}) {
     Cache cache(capacity);
     cache.construct("def-key", 0, 0);
-    Model model;
-    model.capacity = capacity;
+    Model model(capacity);
     for (int step = 0; step < 4000; ++step) {
       const Key key(std::string(rng() % 2 ? 1 : 30, static_cast<char>('a' + rng() % 9)),
                     rng() % 2 ? 10 : 20);
       const unsigned op = rng() % 100;
-      if (op < 45) {
-        int got = -1, want = -1;
+      const int value = static_cast<int>(rng() % 1000);
+      int got = -1, want = -1;
+      if (op < 40) {
         ASSERT_EQ(model.get(key, want), cache.get(key, got)) << capacity << " step " << step;
-        ASSERT_EQ(want, got);
+      } else if (op < 70) {  // a get that files `value` on a miss
+        if (model.get(key, want) != 0) model.put(key, want = value);
+        ASSERT_EQ(0, cache.getOrPut(key, got, [value] { return value; }));
       } else if (op < 97) {
-        const int value = static_cast<int>(rng() % 1000);
         model.put(key, value);
         ASSERT_EQ(0, cache.put(key, value));
       } else {
@@ -110,6 +109,7 @@ TEST(Lru, AgreesWithListModelOnRandomOperations) {
         for (auto& entry : model.index) entry.second = false;
         (op % 2 ? cache.clear() : cache.deleteList());
       }
+      ASSERT_EQ(want, got);
       std::list<std::pair<Key, int>> entries;
       cache.forEach([&](const auto& n) { entries.push_back({{n.key, n.subKey}, n.value}); });
       ASSERT_EQ(model.list, entries) << capacity << " step " << step;

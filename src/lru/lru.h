@@ -100,36 +100,24 @@ class LRU {
       moveFront(it->second.node);
       return error::TPA_ERROR_NONE;
     }
-    // A key never indexed takes the victim's index slot; a stale slot left by
-    // a clear is filled again. Either way the victim's entry is reused. The
-    // new entry is listed only after the eviction, so it is never the victim.
-    const bool indexed = it != index_.end();
-    typename Index::node_type slot;
-    std::unique_ptr<Entry> node;
-    if (count_ == capacity_) {
-      --count_;
-      node = evict(indexed ? nullptr : &slot);
+    file(it, key, value);
+    return error::TPA_ERROR_NONE;
+  }
+
+  // get, and on a miss put(key, compute()) without looking the key up again:
+  // out receives the cached or the computed value. 0, or -1 before construct
+  // (compute is then not called and out is untouched).
+  template <typename Compute>
+  [[nodiscard]] int getOrPut(const Key& key, V& out, Compute compute) {
+    if (!head_ || !tail_) return error::TPA_ERROR_OOM;
+    auto it = index_.find(key);
+    if (it != index_.end() && it->second.generation == generation_) {
+      out = it->second.node->value;
+      moveFront(it->second.node);
+      return error::TPA_ERROR_NONE;
     }
-    ++count_;
-    if (node) {
-      node->key = key.first;
-      node->subKey = key.second;
-      node->value = value;
-    } else {
-      node = std::make_unique<Entry>(Entry{key.first, key.second, value});
-    }
-    if (indexed) {
-      it->second = Slot{node.get(), generation_};
-    } else if (slot) {
-      slot.key().first = key.first;
-      slot.key().second = key.second;
-      slot.mapped() = Slot{node.get(), generation_};
-      it = index_.insert(std::move(slot)).position;
-    } else {
-      it = index_.emplace(key, Slot{node.get(), generation_}).first;
-    }
-    node->indexed = &it->first;
-    link(node.release());
+    out = compute();
+    file(it, key, out);
     return error::TPA_ERROR_NONE;
   }
 
@@ -166,6 +154,40 @@ class LRU {
     std::uint64_t generation;  // node is live exactly when this is generation_
   };
   using Index = std::unordered_map<Key, Slot, KeyPairHash>;
+
+  // Files a new entry for `key`, whose slot `it` is stale or the index's end.
+  // A key never indexed takes the victim's index slot; a stale slot left by a
+  // clear is filled again. Either way the victim's entry is reused. The new
+  // entry is listed only after the eviction, so it is never the victim.
+  void file(typename Index::iterator it, const Key& key, const V& value) {
+    const bool indexed = it != index_.end();
+    typename Index::node_type slot;
+    std::unique_ptr<Entry> node;
+    if (count_ == capacity_) {
+      --count_;
+      node = evict(indexed ? nullptr : &slot);
+    }
+    ++count_;
+    if (node) {
+      node->key = key.first;
+      node->subKey = key.second;
+      node->value = value;
+    } else {
+      node = std::make_unique<Entry>(Entry{key.first, key.second, value});
+    }
+    if (indexed) {
+      it->second = Slot{node.get(), generation_};
+    } else if (slot) {
+      slot.key().first = key.first;
+      slot.key().second = key.second;
+      slot.mapped() = Slot{node.get(), generation_};
+      it = index_.insert(std::move(slot)).position;
+    } else {
+      it = index_.emplace(key, Slot{node.get(), generation_}).first;
+    }
+    node->indexed = &it->first;
+    link(node.release());
+  }
 
   // Inserts `node` right behind head; the list takes ownership.
   void link(Entry* node) {

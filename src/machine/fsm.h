@@ -90,14 +90,16 @@ class FSM {
   template <typename Search>
   int find(const KeyPair& key, StateValue& out, Length& matched, Search search) {
     if (!automaton_ || !cache_) return error::TPA_ERROR_OOM;
-    Cached cached(StateValue(0, fsa::SA_DEFAULT_USER_DEFINED_VALUE), 0);
-    if (cache_->get(key, cached) == error::TPA_ERROR_NONE) {
-      out = cached.first;
-      matched = cached.second;
-      return error::TPA_ERROR_NONE;
-    }
-    matched = search(key.first, out);
-    return cache_->put(key, Cached(out, matched));
+    Cached answer(StateValue(0, fsa::SA_DEFAULT_USER_DEFINED_VALUE), 0);
+    const int code = cache_->getOrPut(key, answer, [&] {
+      StateValue found;
+      const Length length = search(key.first, found);
+      return Cached(found, length);
+    });
+    if (code != error::TPA_ERROR_NONE) return code;
+    out = answer.first;
+    matched = answer.second;
+    return error::TPA_ERROR_NONE;
   }
 
   std::unique_ptr<Automaton> automaton_;  // null until construct

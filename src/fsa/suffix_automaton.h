@@ -278,7 +278,7 @@ class SuffixAutomaton {
     }
   }
 
-  // Reads key[start, length) from the start state, falling back along suffix
+  // Reads key[start, n) from the start state, falling back along suffix
   // links on a mismatch; returns the length matched at the last character.
   int matchingStatistic(const char* key, int start, int n) const {
     int s = 0;

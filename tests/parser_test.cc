@@ -146,20 +146,24 @@ TEST(JsonParser, ReaderFailuresSetStatusAndKeepAnnouncedRulesUntilCleared) {
   EXPECT_EQ(tpa::error::TPA_ERROR_SA_INVALID_CAPACITTY, parser.getStatus());
 }
 
-// k top-level arrays make k(k+1)/2 rules; a few are read as written, a flood
-// of them is refused instead of exhausting memory.
-TEST(JsonParser, RepeatedArraysAreBoundedNotQuadratic) {
+// k top-level arrays make k(k+1)/2 rules: read as written while the rules made
+// again fit the budget, refused (having made no more than it) past it.
+TEST(JsonParser, RepeatedArraysAreBoundedByTheirCost) {
   auto arrays = [](int k) {
     std::string text;
     for (int i = 0; i < k; ++i) text += "[{}]";
     return text;
   };
   JsonParser parser;
-  ASSERT_EQ(0, parser.parse(arrays(8), false));
-  EXPECT_EQ(36u, parser.getRules().size());
-  EXPECT_EQ(tpa::error::TPA_ERROR_OOM, parser.parse(arrays(2000), false));
+  ASSERT_EQ(0, parser.parse(arrays(363), false));
+  EXPECT_EQ(66066u, parser.getRules().size());
+  EXPECT_EQ(66066 * 13, parser.grossAppBytesCount());
+  EXPECT_FALSE(parser.overBudget());
+  EXPECT_EQ(tpa::error::TPA_ERROR_OOM, parser.parse(arrays(20000), false));
   EXPECT_EQ(tpa::error::TPA_ERROR_OOM, parser.getStatus());
-  EXPECT_LT(parser.getRules().size(), 70000u);
+  EXPECT_TRUE(parser.overBudget());
+  // A rule of {} costs 96 + 3 * 32 + 20 bytes: each object once, and repeats within the budget.
+  EXPECT_LE(parser.getRules().size(), 20000u + JsonParser::kRepeatBudgetBytes / 212);
 }
 
 TEST(JsonParser, ReadsFilesAndReportsMissingOnes) {

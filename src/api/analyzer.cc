@@ -2,7 +2,9 @@
 
 #include <android/log.h>
 
+#include <initializer_list>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include "api/constants.h"
@@ -30,21 +32,36 @@ int ruleNumberOf(const parser::Rule& rule, int ordinal) {
   return ordinal;
 }
 
-}  // namespace
-
-Builder::Builder() = default;
-
-Builder::~Builder() = default;
-
-Builder& Builder::operator=(Builder& other) {
-  if (&other != this) map = std::move(other.map);
-  return *this;
+// Every allocation failure of a build ends here: the build fails, and what it
+// had allocated has been freed by unwinding.
+int outOfMemory() {
+  __android_log_print(log::kError, log::kEngineTag, "[BUILDER] out of memory, build failed : [%d]\n",
+                      error::TPA_ERROR_OOM);
+  return error::TPA_ERROR_OOM;
 }
 
-int Builder::build(const std::string& source, bool fromFile) {
+// An automaton whose states could not be allocated would fail its first key.
+bool automataAllocated(const mapper::Map& map) {
+  for (const mapper::Map::Machine* m : {map.appsMachine(), map.includeMachine(),
+                                        map.excludeMachine()}) {
+    if (m == nullptr || m->automaton() == nullptr || !m->automaton()->allocated()) return false;
+  }
+  return true;
+}
+
+// The build proper; allocation failure propagates as std::bad_alloc.
+int buildMap(const std::string& source, bool fromFile, std::unique_ptr<mapper::Map>& map) {
   parser::JsonParser parser;
   int result = parser.parse(source, fromFile);
   if (result != error::TPA_ERROR_NONE) {
+    if (parser.overBudget()) {
+      __android_log_print(log::kError, log::kEngineTag,
+                          "[ERROR] [BUILDER] rules past the budget: further top-level arrays may "
+                          "repeat at most %lld bytes of rules, an automaton holds at most %d "
+                          "symbols\n",
+                          static_cast<long long>(parser::JsonParser::kRepeatBudgetBytes),
+                          parser::JsonParser::kMaxAutomatonSymbols);
+    }
     __android_log_print(log::kError, log::kEngineTag, "[BUILDER] parse json failed : [%d]\n",
                         result);
     return result;
@@ -53,6 +70,7 @@ int Builder::build(const std::string& source, bool fromFile) {
   result = fresh->construct(parser.grossAppBytesCount(), parser.grossIncludeBytesCount(),
                             parser.grossExcludeBytesCount());
   if (result != error::TPA_ERROR_NONE) return result;
+  if (!automataAllocated(*fresh)) return outOfMemory();
 
   int ordinal = 0;
   for (parser::Rule& rule : parser.getRules()) {
@@ -67,6 +85,25 @@ int Builder::build(const std::string& source, bool fromFile) {
   map = std::move(fresh);
   parser.clear();
   return error::TPA_ERROR_NONE;
+}
+
+}  // namespace
+
+Builder::Builder() = default;
+
+Builder::~Builder() = default;
+
+Builder& Builder::operator=(Builder& other) {
+  if (&other != this) map = std::move(other.map);
+  return *this;
+}
+
+int Builder::build(const std::string& source, bool fromFile) {
+  try {
+    return buildMap(source, fromFile, map);
+  } catch (const std::bad_alloc&) {
+    return outOfMemory();
+  }
 }
 
 int Builder::query(const std::string& app, const std::string& destination, int& value) const {
@@ -94,9 +131,14 @@ TarnPatternAnalyzer::~TarnPatternAnalyzer() = default;
 int TarnPatternAnalyzer::build(const std::string& source, bool fromFile) {
   std::unique_lock<std::shared_mutex> lock(mutex);
   builder.clearCache();
-  std::string copy = source;
-  // A path is never rewritten; only a JSON text may be degenerate.
-  if (!fromFile) validate(copy);
+  std::string copy;
+  try {
+    copy = source;
+    // A path is never rewritten; only a JSON text may be degenerate.
+    if (!fromFile) validate(copy);
+  } catch (const std::bad_alloc&) {
+    return outOfMemory();
+  }
   Builder fresh;
   int result = fresh.build(copy, fromFile);
   if (result == error::TPA_ERROR_NONE) builder = fresh;

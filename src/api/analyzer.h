@@ -32,13 +32,16 @@ class TPA_EXPORT Builder {
 
   // Builds a new map from a rules document: the JSON text itself, or the path
   // of a rules file when `fromFile` is true. Returns a tpa::error code; on
-  // failure the current map is kept.
+  // failure the current map is kept. Running out of memory is a failure like
+  // any other (TPA_ERROR_OOM, logged); only the two malformed network forms
+  // that address parsing throws on escape.
   [[nodiscard]] int build(const std::string& source, bool fromFile);
 
   // The decision (mapper::TPA_DECISION_INCLUDE or _EXCLUDE) for an application
   // and a destination; `value` receives the deciding rule's id (-1 when no rule
   // matched). Without a map: exclude, and `value` is left untouched. `trace`,
-  // when given, records how the decision was reached.
+  // when given, records how the decision was reached. Never throws on
+  // allocation failure (see mapper::Map::get).
   [[nodiscard]] int query(const std::string& app, const std::string& destination, int& value) const;
   [[nodiscard]] int query(const std::string& app, const std::string& destination, int& value,
                           mapper::QueryTrace* trace) const;

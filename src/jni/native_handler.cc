@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 
@@ -56,7 +57,13 @@ void com_velmora_android_tarn_app_networkfilter_native_configure(JNIEnv* env, jo
     secondChars.emplace(env, second);
   }
   (void)analyzer.release();
-  analyzer = std::make_unique<tpa::api::TarnPatternAnalyzer>();
+  try {
+    analyzer = std::make_unique<tpa::api::TarnPatternAnalyzer>();
+  } catch (const std::bad_alloc&) {
+    // Left unconfigured: builds answer -1 and queries false, as before configure.
+    __android_log_print(tpa::log::kError, tpa::log::kNativeTag,
+                        "com_velmora_android_tarn_app_networkfilter_native_configure: out of memory");
+  }
 }
 
 jint com_velmora_android_tarn_app_networkfilter_native_build(JNIEnv* env, jobject thiz,
@@ -67,8 +74,14 @@ jint com_velmora_android_tarn_app_networkfilter_native_build(JNIEnv* env, jobjec
   if (env == nullptr || thiz == nullptr || rules == nullptr || !analyzer) return -1;
   Utf8Chars chars(env, rules);
   if (chars.get() == nullptr) return -2;
-  std::string text(chars.get());
-  return analyzer->build(text, false);
+  try {
+    std::string text(chars.get());
+    return analyzer->build(text, false);
+  } catch (const std::bad_alloc&) {  // the copy of the text; build itself never throws it
+    __android_log_print(tpa::log::kError, tpa::log::kNativeTag,
+                        "com_velmora_android_tarn_app_networkfilter_native_build: out of memory");
+    return tpa::error::TPA_ERROR_OOM;
+  }
 }
 
 jboolean com_velmora_android_tarn_app_networkfilter_native_query(JNIEnv* env, jobject thiz,
@@ -81,7 +94,12 @@ jboolean com_velmora_android_tarn_app_networkfilter_native_query(JNIEnv* env, jo
   Utf8Chars destinationChars(env, destination);
   if (destinationChars.get() == nullptr) return JNI_FALSE;
   int value = -1;
-  int decision = analyzer->query(appChars.get(), destinationChars.get(), value);
+  int decision = tpa::mapper::TPA_DECISION_EXCLUDE;
+  try {
+    decision = analyzer->query(appChars.get(), destinationChars.get(), value);
+  } catch (const std::bad_alloc&) {  // copying the strings; a query itself never throws it
+    return JNI_FALSE;
+  }
   return decision == tpa::mapper::TPA_DECISION_INCLUDE ? JNI_TRUE : JNI_FALSE;
 }
 

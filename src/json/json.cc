@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <exception>
-#include <new>
 
 #include "api/constants.h"
 #include "api/log.h"
@@ -55,16 +54,11 @@ int json::parse(std::ifstream& stream, JsonEventListener* listener) {
 
 int json::parse_json_str(const std::string& text, JsonEventListener* listener) {
   if (text.empty()) return error::TPA_ERROR_ARRAY_OUT_OF_INDEX;
-  try {
-    json_str = text;
-    this->listener = listener;
-    const int built = automaton(text);
-    if (built != error::TPA_ERROR_NONE) return built;
-    traverse(text);
-  } catch (const std::bad_alloc&) {
-    // A document can ask for more copies of its objects than memory holds.
-    return error::TPA_ERROR_OOM;
-  }
+  json_str = text;
+  this->listener = listener;
+  const int built = automaton(text);
+  if (built != error::TPA_ERROR_NONE) return built;
+  traverse(text);
   const int balanced = validate();
   if (balanced != error::TPA_ERROR_NONE) return balanced;
   std::string().swap(json_str);

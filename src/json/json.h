@@ -39,6 +39,8 @@ class json {
   // Parses `text`: -2 when it is empty, TPA_ERROR_OOM when the dictionary
   // cannot be built, TPA_ERROR_JSON_PARSE_MISMATCH (logged) when braces or
   // brackets do not balance. The listener may have been called even then.
+  // Allocation failure propagates as std::bad_alloc; the reader stays
+  // destructible and frees what it holds.
   [[nodiscard]] int parse_json_str(const std::string& text, JsonEventListener* listener);
   // Builds the key dictionary over `text`, replacing any earlier one.
   [[nodiscard]] int automaton(const std::string& text);

@@ -82,6 +82,10 @@ class FSM {
     return error::TPA_ERROR_NONE;
   }
 
+  // While set, lookups read the automaton alone and leave the cache as it is:
+  // how a query that could not grow the cache still gets its answer.
+  void bypassCache(bool bypass) { cacheBypassed_ = bypass; }
+
   // Read-only views for diagnostics and tests (null before construct).
   const Automaton* automaton() const { return automaton_.get(); }
   const Cache* cache() const { return cache_.get(); }
@@ -90,6 +94,10 @@ class FSM {
   template <typename Search>
   int find(const KeyPair& key, StateValue& out, Length& matched, Search search) {
     if (!automaton_ || !cache_) return error::TPA_ERROR_OOM;
+    if (cacheBypassed_) {
+      matched = search(key.first, out);
+      return error::TPA_ERROR_NONE;
+    }
     Cached answer(StateValue(0, fsa::SA_DEFAULT_USER_DEFINED_VALUE), 0);
     const int code = cache_->getOrPut(key, answer, [&] {
       StateValue found;
@@ -104,6 +112,7 @@ class FSM {
 
   std::unique_ptr<Automaton> automaton_;  // null until construct
   std::unique_ptr<Cache> cache_;          // null until construct; sentinels linked
+  bool cacheBypassed_ = false;
 };
 
 // The machine the mapping layer uses.

@@ -3,10 +3,13 @@
 #include <android/log.h>
 
 #include <cstdint>
+#include <initializer_list>
+#include <new>
 
 #include "api/constants.h"
 #include "api/log.h"
 #include "cidr/cidr.h"
+#include "mapper/trace.h"
 #include "mapper/transform.h"
 
 namespace tpa::mapper {
@@ -76,6 +79,34 @@ int addDomains(Machine& machine, const std::vector<std::string>& domains, int ru
   return error::TPA_ERROR_NONE;
 }
 
+// Room kept in the query buffers for the keys of ordinary queries (an
+// address's 128 bits framed with a rule number fit), so that a query answered
+// from the automata alone, when memory is short, needs no allocation.
+constexpr std::size_t kReservedKeyLength = 272;
+
+void reserve(QueryBuffers& b) {
+  for (std::string* s : {&b.appKey.first, &b.destination, &b.key.first, &b.bits.first,
+                         &b.prefixKey.first}) {
+    s->reserve(kReservedKeyLength);
+  }
+}
+
+// The machines' lookups read their automata alone while this lives.
+class CacheBypass {
+ public:
+  CacheBypass(Machine& apps, Machine& include, Machine& exclude) : machines_{&apps, &include, &exclude} {
+    for (Machine* m : machines_) m->bypassCache(true);
+  }
+  ~CacheBypass() {
+    for (Machine* m : machines_) m->bypassCache(false);
+  }
+  CacheBypass(const CacheBypass&) = delete;
+  CacheBypass& operator=(const CacheBypass&) = delete;
+
+ private:
+  Machine* machines_[3];
+};
+
 }  // namespace
 
 Map::Map(int capacity) : capacity_(capacity) {}
@@ -89,6 +120,7 @@ int Map::construct(int appsSize, int includeSize, int excludeSize) {
   apps_->construct(appsSize, capacity_);
   include_->construct(includeSize, capacity_);
   exclude_->construct(excludeSize, capacity_);
+  reserve(buffers_);
   memo_.clear();
   queried_ = false;
   memoUsable_ = true;
@@ -137,14 +169,28 @@ int Map::clearCache() {
 
 Decision Map::get(const std::string& app, const std::string& destination, QueryTrace* trace) const {
   if (!apps_ || !include_ || !exclude_) return Decision();
-  const bool memo = memoUsable_ && trace == nullptr;
-  Decision d;
-  if (memo && memo_.find(app, destination, d)) return d;
-  queried_ = true;
-  MapDecisionMaker maker(*apps_, *include_, *exclude_, buffers_);
-  d = maker.decide(app, destination, trace);
-  if (memo) memo_.remember(d);
-  return d;
+  try {
+    const bool memo = memoUsable_ && trace == nullptr;
+    Decision d;
+    if (memo && memo_.find(app, destination, d)) return d;
+    queried_ = true;
+    MapDecisionMaker maker(*apps_, *include_, *exclude_, buffers_);
+    d = maker.decide(app, destination, trace);
+    if (memo) memo_.remember(d);
+    return d;
+  } catch (const std::bad_alloc&) {
+    // A cache, the memo or a key buffer could not grow; each is left
+    // consistent. The caches hold only what the automata answer, so the
+    // automata alone give the same decision.
+  }
+  try {
+    if (trace != nullptr) *trace = QueryTrace();
+    CacheBypass bypass(*apps_, *include_, *exclude_);
+    MapDecisionMaker maker(*apps_, *include_, *exclude_, buffers_);
+    return maker.decide(app, destination, trace);
+  } catch (const std::bad_alloc&) {
+    return Decision();  // not even the query's own keys could be framed
+  }
 }
 
 }  // namespace tpa::mapper

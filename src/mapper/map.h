@@ -47,7 +47,9 @@ class Map {
 
   // The decision for a query; the default (-1, exclude) without machines.
   // `trace`, when not null, records every step (such a query always runs
-  // through the machines).
+  // through the machines). Never throws: when a cache or the memo cannot
+  // grow, the automata answer alone; only a query whose keys cannot even be
+  // framed (longer than the buffers' reserved room) gets the default.
   Decision get(const std::string& app, const std::string& destination,
                QueryTrace* trace = nullptr) const;
 

@@ -14,13 +14,6 @@ int digitsOf(std::size_t position) {
   return static_cast<int>(std::log10(static_cast<double>(position)) + 1.0);
 }
 
-// How many rules a document may repeat through further top-level arrays: a
-// few arrays of any size, or many small ones, but never a quadratic blow-up.
-std::size_t repeatBound(std::size_t objects) {
-  constexpr std::size_t kSmallDocumentBound = 1 << 16;
-  return std::max(kSmallDocumentBound, 4 * objects);
-}
-
 }  // namespace
 
 JsonParser::JsonParser()
@@ -34,9 +27,12 @@ void JsonParser::clear() {
   grossAppBytes = 0;
   grossIncludeBytes = 0;
   grossExcludeBytes = 0;
-  previouslyAnnounced = 0;
-  repeatedRules = 0;
-  tooManyRules = false;
+  lastArray_ = nullptr;
+  firstOfLast_ = 0;
+  lastAnnounced_ = Cost();
+  made_ = Cost();
+  repeatedBytes_ = 0;
+  overBudget_ = false;
 }
 
 int JsonParser::parse(const std::string& source, bool fromFile) {
@@ -55,7 +51,7 @@ int JsonParser::parse(const std::string& source, bool fromFile) {
   } else {
     result = reader.parse_json_str(source, this);
   }
-  if (result == error::TPA_ERROR_NONE && tooManyRules) result = error::TPA_ERROR_OOM;
+  if (result == error::TPA_ERROR_NONE && overBudget_) result = error::TPA_ERROR_OOM;
   if (result != error::TPA_ERROR_NONE) {
     status = result;
     return result;
@@ -68,23 +64,71 @@ int JsonParser::parse(const std::string& source, bool fromFile) {
   return error::TPA_ERROR_NONE;
 }
 
+void JsonParser::Cost::add(const Rule& rule) {
+  const std::size_t strings = rule.apps.size() + rule.includeList.size() + rule.excludeList.size();
+  apps += rule.appSymbolTotal;
+  include += rule.includeSymbolTotal;
+  exclude += rule.excludeSymbolTotal;
+  bytes += kRuleBytes + kStringBytes * static_cast<std::int64_t>(strings) + rule.appSymbolTotal +
+           rule.includeSymbolTotal + rule.excludeSymbolTotal;
+}
+
+JsonParser::Cost& JsonParser::Cost::operator+=(const Cost& other) {
+  bytes += other.bytes;
+  apps += other.apps;
+  include += other.include;
+  exclude += other.exclude;
+  return *this;
+}
+
+bool JsonParser::Cost::fitsAutomata() const {
+  return apps <= kMaxAutomatonSymbols && include <= kMaxAutomatonSymbols &&
+         exclude <= kMaxAutomatonSymbols;
+}
+
 // A document with a second top-level array announces the same, grown array
 // again; its objects are appended once more, numbered by their position in it.
+// The objects announced before make exactly the rules the last announcement
+// made, so those are copied, and their cost is known before any is made: a
+// flood of arrays is refused at once, having used no more than the budget.
 void JsonParser::didParseJson(json_config::json_array* array) {
   if (array == nullptr) {
     status = error::TPA_ERROR_SA_INVALID_CAPACITTY;
     return;
   }
-  if (tooManyRules) return;
-  repeatedRules += previouslyAnnounced;
-  previouslyAnnounced = array->objects.size();
-  if (repeatedRules > repeatBound(array->objects.size())) {
-    tooManyRules = true;
+  if (overBudget_) return;
+  const std::vector<json_config::json_object>& objects = array->objects;
+  // Only the reader's own array is announced again, grown by new objects.
+  if (array != lastArray_ || objects.size() < rules.size() - firstOfLast_) {
+    lastArray_ = array;
+    firstOfLast_ = rules.size();
+    lastAnnounced_ = Cost();
+  }
+  const std::size_t again = rules.size() - firstOfLast_;
+  Cost total = made_;
+  total += lastAnnounced_;
+  if (repeatedBytes_ + lastAnnounced_.bytes > kRepeatBudgetBytes || !total.fitsAutomata()) {
+    overBudget_ = true;
     return;
   }
-  std::size_t position = 0;
-  for (const json_config::json_object& object : array->objects) {
-    rules.emplace_back(object, digitsOf(++position));
+  const std::size_t wanted = rules.size() + objects.size();
+  if (wanted > rules.capacity()) rules.reserve(std::max(wanted, 2 * rules.capacity()));
+  // No reallocation below: the copied rules stay where they are.
+  const std::size_t first = firstOfLast_;
+  firstOfLast_ = rules.size();
+  for (std::size_t i = 0; i < again; ++i) rules.push_back(rules[first + i]);
+  repeatedBytes_ += lastAnnounced_.bytes;
+  made_ = total;
+  for (std::size_t position = again + 1; position <= objects.size(); ++position) {
+    rules.emplace_back(objects[position - 1], digitsOf(position));
+    Cost one;
+    one.add(rules.back());
+    lastAnnounced_ += one;
+    made_ += one;
+    if (!made_.fitsAutomata()) {
+      overBudget_ = true;
+      return;
+    }
   }
   status = error::TPA_ERROR_NONE;
 }

@@ -3,9 +3,13 @@
 // automata with. It listens to the JSON reader, which hands it the top-level
 // array; every announcement appends that array's objects as rules. It owns its
 // rules; one build uses it from one thread, with no locking of its own.
+// Allocation failure propagates as std::bad_alloc, with everything the parse
+// allocated freed.
 #ifndef TPA_PARSER_JSON_PARSER_H_
 #define TPA_PARSER_JSON_PARSER_H_
 
+#include <climits>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -22,9 +26,22 @@ class JsonParser : public json_config::JsonEventListener {
   JsonParser& operator=(const JsonParser&) = delete;
   ~JsonParser() override;
 
+  // Every top-level array announces all objects read so far, so k arrays of
+  // one object make k(k+1)/2 rules. The rules that further arrays make again
+  // may cost at most this many bytes, counted as kRuleBytes per rule,
+  // kStringBytes per application and destination, and one per key symbol
+  // (fixed figures, so that a document means the same on every architecture).
+  static constexpr std::int64_t kRepeatBudgetBytes = std::int64_t{1} << 26;  // 64 MiB
+  static constexpr std::int64_t kRuleBytes = 96;
+  static constexpr std::int64_t kStringBytes = 32;
+  // The most symbols one automaton may be sized for: its 2n states are
+  // counted in an int.
+  static constexpr int kMaxAutomatonSymbols = INT_MAX / 2;
+
   // Parses `source`, a file path when fromFile is true, else the JSON text
   // itself, after forgetting any earlier result. Returns 0, the reader's
-  // code, or TPA_ERROR_JSON_FILE_NOT_FOUND when the file cannot be opened.
+  // code, TPA_ERROR_JSON_FILE_NOT_FOUND when the file cannot be opened, or
+  // TPA_ERROR_OOM when the rules are past the budget (overBudget()).
   [[nodiscard]] int parse(const std::string& source, bool fromFile);
 
   // Called by the reader with the top-level array; a null array sets the
@@ -40,6 +57,9 @@ class JsonParser : public json_config::JsonEventListener {
   [[nodiscard]] std::vector<Rule>& getRules() { return rules; }
   [[nodiscard]] const std::vector<Rule>& getRules() const { return rules; }
   [[nodiscard]] int getStatus() const { return status; }
+  // The last parse stopped making rules: past kRepeatBudgetBytes of repeated
+  // rules or kMaxAutomatonSymbols in a total.
+  [[nodiscard]] bool overBudget() const { return overBudget_; }
 
  private:
   // Every rule announced since the last clear()/parse(), in announcement
@@ -52,13 +72,25 @@ class JsonParser : public json_config::JsonEventListener {
   int grossAppBytes;
   int grossIncludeBytes;
   int grossExcludeBytes;
-  // Every top-level array announces all objects read so far, so k arrays make
-  // k(k+1)/2 rules. Rules made again from objects announced before are counted
-  // here; past a bound no real document reaches, the parse fails with
-  // TPA_ERROR_OOM instead of exhausting memory.
-  std::size_t previouslyAnnounced = 0;
-  std::size_t repeatedRules = 0;
-  bool tooManyRules = false;
+  // What a run of rules costs: bytes against the repeat budget, and the
+  // symbols of each automaton.
+  struct Cost {
+    std::int64_t bytes = 0;
+    std::int64_t apps = 0;
+    std::int64_t include = 0;
+    std::int64_t exclude = 0;
+    void add(const Rule& rule);
+    Cost& operator+=(const Cost& other);
+    [[nodiscard]] bool fitsAutomata() const;
+  };
+  // The last announcement made rules[firstOfLast_, size) from the first
+  // objects of lastArray_, at the cost lastAnnounced_.
+  const json_config::json_array* lastArray_ = nullptr;
+  std::size_t firstOfLast_ = 0;
+  Cost lastAnnounced_;
+  Cost made_;                       // every rule made since the last clear()/parse()
+  std::int64_t repeatedBytes_ = 0;  // bytes of the rules made again, within the budget
+  bool overBudget_ = false;         // an announcement was refused; later ones are ignored
 };
 
 }  // namespace tpa::parser

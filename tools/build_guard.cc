@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <new>
 
 #include "api/constants.h"
 #include "tools/cli.h"
@@ -13,6 +14,8 @@ BuildOutcome buildGuarded(api::TarnPatternAnalyzer& analyzer, const std::string&
   BuildOutcome outcome;
   try {
     outcome.code = analyzer.build(text, false);
+  } catch (const std::bad_alloc&) {
+    throw;  // the tool's own (exit 70): the library fails its build with TPA_ERROR_OOM
   } catch (const std::exception& e) {
     outcome.threw = true;
     outcome.what = e.what();

@@ -31,6 +31,8 @@ constexpr char kToolHelp[] =
     "  64  usage error\n"
     "  65  a query line on stdin has no TAB between APP and DEST\n"
     "  66  RULES cannot be read\n"
+    "  70  out of memory outside the build (stderr: tpa: out of memory); a build\n"
+    "      that runs out fails with 2 and TPA_ERROR_OOM\n"
     "  74  standard output cannot be written\n";
 
 constexpr char kQueryHelp[] =

@@ -14,10 +14,11 @@ namespace tpa::tools {
 // The exit codes are part of the tool's contract; README lists them.
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitBuildFailed = 2;  // the build returned an error code
-inline constexpr int kExitBuildThrew = 3;   // an address input made the build throw
+inline constexpr int kExitBuildThrew = 3;   // an address input made the build throw (only those)
 inline constexpr int kExitUsage = 64;       // bad command line
 inline constexpr int kExitBadQuery = 65;    // a query line without APP<TAB>DEST
 inline constexpr int kExitNoInput = 66;     // RULES could not be read
+inline constexpr int kExitNoMemory = 70;    // memory ran out outside the build (a build: 2)
 inline constexpr int kExitIo = 74;          // standard output could not be written
 
 enum class Command { kHelp, kQuery, kShow, kCheck, kExplain };

@@ -98,6 +98,7 @@ class Linter {
   std::vector<Finding> run() {
     findings_ = scan_.findings;
     checkDocument();
+    checkArrays();
     for (const KeyedValue& kv : scan_.values) checkValue(kv);
     collectRules();
     checkRules();
@@ -127,6 +128,33 @@ class Linter {
            "the document \"[]\" is read as [{}]: one rule for every application that includes "
            "every destination");
     }
+  }
+
+  // Each top-level array, when it closes, announces every object read so far
+  // (brackets and braces count wherever they stand, as the reader counts
+  // them), and every announced object becomes a rule again.
+  void checkArrays() {
+    std::size_t arrays = 0;
+    std::size_t objects = 0;
+    std::size_t second = 0;  // where the second top-level array opens
+    std::uint64_t rules = 0;
+    std::int64_t level = 0;
+    for (std::size_t i = 0; i < text_.size(); ++i) {
+      const char c = text_[i];
+      if (c == '}') {
+        ++objects;
+      } else if (c == '[') {
+        if (level++ == 0 && arrays == 1 && second == 0) second = i;
+      } else if (c == ']' && level-- == 1) {
+        ++arrays;
+        rules += objects;
+      }
+    }
+    if (arrays < 2) return;
+    note(second, "repeated-arrays",
+         std::to_string(arrays) + " top-level arrays: each announces every object read before "
+         "it again, so the " + std::to_string(objects) + " objects make " +
+         std::to_string(rules) + " rules");
   }
 
   // --- single values -------------------------------------------------------

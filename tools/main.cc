@@ -1,6 +1,7 @@
 // tpa: shows how the analyzer reads a rules document and why it decides what
 // it decides, before the rules reach phones. See `tpa --help`.
 #include <cstdio>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -27,9 +28,7 @@ int dispatch(const tpa::tools::Invocation& invocation) {
   return tpa::tools::kExitOk;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);
   const tpa::tools::ParseOutcome parsed = tpa::tools::parseArguments(args);
   if (!parsed.ok) {
@@ -37,4 +36,17 @@ int main(int argc, char** argv) {
     return tpa::tools::kExitUsage;
   }
   return dispatch(parsed.invocation);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // A build that runs out of memory fails with its code (exit 2); anything
+  // else the tool itself cannot allocate ends here.
+  try {
+    return run(argc, argv);
+  } catch (const std::bad_alloc&) {
+    std::fputs("tpa: out of memory\n", stderr);
+    return tpa::tools::kExitNoMemory;
+  }
 }

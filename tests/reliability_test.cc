@@ -253,30 +253,40 @@ TEST(Hostile, MegabyteDestinationMatchesOnlyWhole) {
   EXPECT_EQ(kNoRule, ask(analyzer, "any.app", big + "x"));
 }
 
-TEST(Hostile, RepeatedTopLevelArraysAreBoundedPerAnnouncedRule) {
+TEST(Hostile, RepeatedTopLevelArraysAreBoundedByWhatTheyCost) {
   // Every top-level array announces all objects collected so far, and each
   // announcement adds them all as rules again: k arrays of one object make
-  // k(k+1)/2 rules. Up to a bound that no real document reaches this is read
-  // as written, at a bounded cost per rule; past it the build fails with a
-  // code and the old rules keep answering (8k arrays, a 32 KB document, would
-  // otherwise ask for 33 million rules).
-  auto arrays = [](int k) {
+  // k(k+1)/2 rules. They are read as written, at a bounded cost per rule,
+  // while the rules made again fit the parser's budget; past it the build
+  // fails with a code and a log line, having made no more than the budget,
+  // and the old rules keep answering.
+  auto arrays = [](int k, const std::string& object) {
     std::string doc;
-    for (int i = 0; i < k; ++i) doc += R"([{"include": ["x.test"], "id": "3"}])";
+    for (int i = 0; i < k; ++i) doc += "[" + object + "]";
     return doc;
   };
-  QuietLog quiet;
+  tpa::testing::LogCapture log;
   TarnPatternAnalyzer analyzer;
   const int kArrays = 300;
   const long before = currentRssKb();
-  ASSERT_EQ(0, analyzer.build(arrays(kArrays), false));
+  ASSERT_EQ(0, analyzer.build(arrays(kArrays, R"({"include": ["x.test"], "id": "3"})"), false));
   const double rules = kArrays * (kArrays + 1) / 2.0;
   const double perRule = static_cast<double>(peakRssKb() - before) * 1024 / rules;
   std::printf("%d arrays: %.0f rules, %.0f B of peak RSS per rule\n", kArrays, rules, perRule);
   EXPECT_EQ((Answer{1, 3}), ask(analyzer, "any.app", "x.test"));
   EXPECT_LT(perRule, sanitized() ? 4096.0 : 1536.0);
-  EXPECT_EQ(tpa::error::TPA_ERROR_OOM, analyzer.build(arrays(8000), false));
-  EXPECT_EQ((Answer{1, 3}), ask(analyzer, "any.app", "x.test"));
+  // 363 arrays of {}: 66 066 rules of every application, each including "*".
+  ASSERT_EQ(0, analyzer.build(arrays(363, "{}"), false));
+  EXPECT_EQ((Answer{1, 2147483647}), ask(analyzer, "any.app", "x.test"));
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(tpa::error::TPA_ERROR_OOM, analyzer.build(arrays(20000, "{}"), false));
+  std::printf("20000 arrays refused in %.2f s\n",
+              std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+  EXPECT_EQ((Answer{1, 2147483647}), ask(analyzer, "any.app", "x.test"));
+  const std::vector<tpa::testing::LogRecord> records = log.records();
+  ASSERT_EQ(2u, records.size());
+  EXPECT_NE(std::string::npos, records[0].text.find("[ERROR] [BUILDER] rules past the budget"));
+  EXPECT_EQ("[BUILDER] parse json failed : [-1]\n", records[1].text);
 }
 
 // ---- nesting -----------------------------------------------------------

@@ -44,8 +44,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   try {
     const int code = parser.parse(text, false);
     check(code == tpa::error::TPA_ERROR_NONE || code == tpa::error::TPA_ERROR_JSON_PARSE_MISMATCH ||
-              (code == tpa::error::TPA_ERROR_ARRAY_OUT_OF_INDEX && text.empty()),
-          "parse returns 0, or -4 for unbalanced text, or -2 for an empty one", text);
+              (code == tpa::error::TPA_ERROR_ARRAY_OUT_OF_INDEX && text.empty()) ||
+              (code == tpa::error::TPA_ERROR_OOM && parser.overBudget()),
+          "parse returns 0, -4 for unbalanced text, -2 for an empty one, or -1 past the budget",
+          text);
     if (code == tpa::error::TPA_ERROR_NONE) checkParsed(parser, text);
   } catch (const std::out_of_range&) {
     check(tpa::fuzz::mayThrowAddressException(text), "out_of_range without a network", text);

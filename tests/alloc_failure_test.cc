@@ -82,7 +82,8 @@ using tpa::api::TarnPatternAnalyzer;
 
 // Every kind of rule and destination: per-app and any-app rules (no apps, only
 // "#LAMBDA-APP", and "#LAMBDA-APP" among others), wildcards, IPv4 and IPv6
-// addresses and networks, include and exclude.
+// addresses and networks, include and exclude; and a second top-level array,
+// which makes the first one's rules again.
 const std::string kDocument = R"([
  {"match_apps": ["com.mail"], "include": ["*.shop.test", "cdn.test", "10.1.0.0/16", "2001:db8::/32"],
   "exclude": ["ads.shop.test", "10.1.2.3", "2001:db8::1"], "id": "7"},
@@ -90,7 +91,7 @@ const std::string kDocument = R"([
   "exclude": ["*.track.test", "172.16.0.0/12", "fe80::/10"], "id": "9"},
  {"include": ["open.test"], "exclude": ["ads.other.test"], "id": "11"},
  {"match_apps": ["com.chat", "#LAMBDA-APP"], "exclude": ["blocked.test"], "id": "12"}
-])";
+] [{"match_apps": ["com.late"], "include": ["late.test"], "id": "13"}])";
 const std::string kPrevious = R"([{"match_apps": ["com.mail"], "include": ["cdn.test"], "id": "1"}])";
 
 // Made before any hook is armed: asking allocates nothing in the test itself.
@@ -100,9 +101,10 @@ const std::vector<std::pair<std::string, std::string>> kQueries = {
     {"com.mail", "2001:db8::1"},  {"other", "none.invalid"},     {"other", "192.168.1.1"},
     {"other", "::1"},             {"other", "a.track.test"},     {"other", "172.20.1.1"},
     {"other", "fe80::1"},         {"other", "open.test"},        {"com.chat", "any.test"},
-    {"com.chat", "blocked.test"}, {"other", "unknown.test"},     {"com.mail", "x.shop.test"}};
+    {"com.chat", "blocked.test"}, {"other", "unknown.test"},     {"com.mail", "x.shop.test"},
+    {"com.late", "late.test"}};
 
-using Answers = std::array<std::pair<int, int>, 18>;  // (decision, value) per query
+using Answers = std::array<std::pair<int, int>, 19>;  // (decision, value) per query
 
 Answers answers(TarnPatternAnalyzer& analyzer) {
   Answers out{};

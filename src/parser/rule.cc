@@ -57,6 +57,10 @@ void readProperty(const std::string& key, const std::vector<std::string>& values
   }
 }
 
+// Totals are added in 64 bits and held at INT_MAX, which no automaton takes:
+// a list too long to count is refused by the parser rather than wrapped.
+int saturated(long long total) { return total > INT_MAX ? INT_MAX : static_cast<int>(total); }
+
 }  // namespace
 
 Rule::Rule(const json_config::json_object& object, int numberDigits)
@@ -81,11 +85,11 @@ void Rule::clear() {
 }
 
 int Rule::appSymbolCount(bool withSentinels) const {
-  int total = 0;
+  long long total = 0;
   for (const auto& app : apps) {
-    total += static_cast<int>(app.size()) + (withSentinels ? kSentinelSymbols : 0);
+    total += static_cast<long long>(app.size()) + (withSentinels ? kSentinelSymbols : 0);
   }
-  return total;
+  return saturated(total);
 }
 
 int Rule::includeListSymbolCount(bool withSentinels) const {
@@ -98,11 +102,12 @@ int Rule::excludeListSymbolCount(bool withSentinels) const {
 
 int Rule::domainSymbolCount(bool withSentinels, int extra,
                             const std::vector<std::string>& list) const {
-  int total = 0;
+  long long total = 0;
   for (const auto& destination : list) {
-    total += extra + keyLength(destination) + (withSentinels ? kSentinelSymbols : 0);
+    total += extra + static_cast<long long>(keyLength(destination)) +
+             (withSentinels ? kSentinelSymbols : 0);
   }
-  return total;
+  return saturated(total);
 }
 
 void sanitize(std::vector<std::string>& list) {

@@ -26,7 +26,8 @@ class Rule {
   void clear();
 
   // Symbols the lists occupy in their automata: each string's key length,
-  // plus numberDigits for destinations, plus the two sentinels if asked.
+  // plus numberDigits for destinations, plus the two sentinels if asked;
+  // INT_MAX when the sum does not fit an int.
   [[nodiscard]] int appSymbolCount(bool withSentinels) const;
   [[nodiscard]] int includeListSymbolCount(bool withSentinels) const;
   [[nodiscard]] int excludeListSymbolCount(bool withSentinels) const;

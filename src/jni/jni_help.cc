@@ -2,6 +2,7 @@
 
 #include <android/log.h>
 
+#include <new>
 #include <string>
 
 #include "api/log.h"
@@ -71,7 +72,11 @@ int jniRegisterNativeMethods(JNIEnv* env, const char* className, const JNINative
   }
   int result = env->RegisterNatives(clazz, methods, count);
   if (result < 0) {
-    logPendingException(env);
+    try {
+      logPendingException(env);
+    } catch (const std::bad_alloc&) {
+      // The exception is cleared before its text is fetched; only the text is lost.
+    }
     __android_log_print(tpa::log::kFatal, tpa::log::kJniHelpTag,
                         "RegisterNatives failed for '%s'; aborting...", className);
   }

@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 
 #include <cstdio>
-#include <string>
 
 #include "api/log.h"
 #include "netd_client.h"
@@ -46,10 +45,10 @@ jstring com_velmora_android_tarn_app_networkfilter_native_getOriginalSockAddress
       tpa::log::kError, tpa::log::kNativeTag,
       "SO_ORIGINAL_DST result is %d and original IP details are %s and the port is %d", result,
       dotted, port);
-  char portText[kPortBufferSize] = {};
-  std::snprintf(portText, sizeof portText, "%d", port);
-  std::string text = std::string(dotted) + "|" + portText;
-  return env->NewStringUTF(text.c_str());
+  // Formatted in place: nothing here can fail to allocate.
+  char text[INET_ADDRSTRLEN + kPortBufferSize + 1] = {};
+  std::snprintf(text, sizeof text, "%s|%d", dotted, port);
+  return env->NewStringUTF(text);
 }
 
 void com_velmora_android_tarn_app_networkfilter_native_getIpOption(JNIEnv* /*env*/,

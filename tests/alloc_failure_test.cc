@@ -92,16 +92,20 @@ const std::string kDocument = R"([
  {"include": ["open.test"], "exclude": ["ads.other.test"], "id": "11"},
  {"match_apps": ["com.chat", "#LAMBDA-APP"], "exclude": ["blocked.test"], "id": "12"}
 ] [{"match_apps": ["com.late"], "include": ["late.test"], "id": "13"}])";
-const std::string kPrevious = R"([{"match_apps": ["com.mail"], "include": ["cdn.test"], "id": "1"}])";
+const std::string kPrevious =
+    R"([{"match_apps": ["com.mail"], "include": ["cdn.test"], "id": "1"}])";
 
 // Made before any hook is armed: asking allocates nothing in the test itself.
 const std::vector<std::pair<std::string, std::string>> kQueries = {
-    {"com.mail", "x.shop.test"},  {"com.mail", "ads.shop.test"}, {"com.mail", "cdn.test"},
-    {"com.mail", "10.1.9.9"},     {"com.mail", "10.1.2.3"},      {"com.mail", "2001:db8::5"},
-    {"com.mail", "2001:db8::1"},  {"other", "none.invalid"},     {"other", "192.168.1.1"},
-    {"other", "::1"},             {"other", "a.track.test"},     {"other", "172.20.1.1"},
-    {"other", "fe80::1"},         {"other", "open.test"},        {"com.chat", "any.test"},
-    {"com.chat", "blocked.test"}, {"other", "unknown.test"},     {"com.mail", "x.shop.test"},
+    {"com.mail", "x.shop.test"}, {"com.mail", "ads.shop.test"},
+    {"com.mail", "cdn.test"},    {"com.mail", "10.1.9.9"},
+    {"com.mail", "10.1.2.3"},    {"com.mail", "2001:db8::5"},
+    {"com.mail", "2001:db8::1"}, {"other", "none.invalid"},
+    {"other", "192.168.1.1"},    {"other", "::1"},
+    {"other", "a.track.test"},   {"other", "172.20.1.1"},
+    {"other", "fe80::1"},        {"other", "open.test"},
+    {"com.chat", "any.test"},    {"com.chat", "blocked.test"},
+    {"other", "unknown.test"},   {"com.mail", "x.shop.test"},
     {"com.late", "late.test"}};
 
 using Answers = std::array<std::pair<int, int>, 19>;  // (decision, value) per query

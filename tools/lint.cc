@@ -152,9 +152,10 @@ class Linter {
     }
     if (arrays < 2) return;
     note(second, "repeated-arrays",
-         std::to_string(arrays) + " top-level arrays: each announces every object read before "
-         "it again, so the " + std::to_string(objects) + " objects make " +
-         std::to_string(rules) + " rules");
+         std::to_string(arrays) +
+             " top-level arrays: each announces every object read before "
+             "it again, so the " +
+             std::to_string(objects) + " objects make " + std::to_string(rules) + " rules");
   }
 
   // --- single values -------------------------------------------------------

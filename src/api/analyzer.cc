@@ -35,15 +35,15 @@ int ruleNumberOf(const parser::Rule& rule, int ordinal) {
 // Every allocation failure of a build ends here: the build fails, and what it
 // had allocated has been freed by unwinding.
 int outOfMemory() {
-  __android_log_print(log::kError, log::kEngineTag, "[BUILDER] out of memory, build failed : [%d]\n",
-                      error::TPA_ERROR_OOM);
+  __android_log_print(log::kError, log::kEngineTag,
+                      "[BUILDER] out of memory, build failed : [%d]\n", error::TPA_ERROR_OOM);
   return error::TPA_ERROR_OOM;
 }
 
 // An automaton whose states could not be allocated would fail its first key.
 bool automataAllocated(const mapper::Map& map) {
-  for (const mapper::Map::Machine* m : {map.appsMachine(), map.includeMachine(),
-                                        map.excludeMachine()}) {
+  for (const mapper::Map::Machine* m :
+       {map.appsMachine(), map.includeMachine(), map.excludeMachine()}) {
     if (m == nullptr || m->automaton() == nullptr || !m->automaton()->allocated()) return false;
   }
   return true;

@@ -61,8 +61,9 @@ void com_velmora_android_tarn_app_networkfilter_native_configure(JNIEnv* env, jo
     analyzer = std::make_unique<tpa::api::TarnPatternAnalyzer>();
   } catch (const std::bad_alloc&) {
     // Left unconfigured: builds answer -1 and queries false, as before configure.
-    __android_log_print(tpa::log::kError, tpa::log::kNativeTag,
-                        "com_velmora_android_tarn_app_networkfilter_native_configure: out of memory");
+    __android_log_print(
+        tpa::log::kError, tpa::log::kNativeTag,
+        "com_velmora_android_tarn_app_networkfilter_native_configure: out of memory");
   }
 }
 

@@ -85,8 +85,8 @@ int addDomains(Machine& machine, const std::vector<std::string>& domains, int ru
 constexpr std::size_t kReservedKeyLength = 272;
 
 void reserve(QueryBuffers& b) {
-  for (std::string* s : {&b.appKey.first, &b.destination, &b.key.first, &b.bits.first,
-                         &b.prefixKey.first}) {
+  for (std::string* s :
+       {&b.appKey.first, &b.destination, &b.key.first, &b.bits.first, &b.prefixKey.first}) {
     s->reserve(kReservedKeyLength);
   }
 }
@@ -94,7 +94,8 @@ void reserve(QueryBuffers& b) {
 // The machines' lookups read their automata alone while this lives.
 class CacheBypass {
  public:
-  CacheBypass(Machine& apps, Machine& include, Machine& exclude) : machines_{&apps, &include, &exclude} {
+  CacheBypass(Machine& apps, Machine& include, Machine& exclude)
+      : machines_{&apps, &include, &exclude} {
     for (Machine* m : machines_) m->bypassCache(true);
   }
   ~CacheBypass() {

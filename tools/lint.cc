@@ -25,6 +25,7 @@ constexpr char kIpv4MappedText[] = "0000:0000:0000:0000:0000:ffff:";
 constexpr int kDefaultId = 2147483647;
 constexpr std::uint8_t kIncludeFlag = 1;
 constexpr std::uint8_t kExcludeFlag = 0;
+constexpr std::size_t kMaxCheckedRules = std::size_t{1} << 20;
 
 bool hasBlank(std::string_view s) {
   return std::any_of(s.begin(), s.end(),
@@ -100,8 +101,12 @@ class Linter {
     checkDocument();
     checkArrays();
     for (const KeyedValue& kv : scan_.values) checkValue(kv);
-    collectRules();
-    checkRules();
+    // Rules that further top-level arrays repeat are copies of rules of the
+    // first announcements; past this many, checking each copy only costs.
+    if (scan_.rules.size() <= std::max(kMaxCheckedRules, scan_.objects.size())) {
+      collectRules();
+      checkRules();
+    }
     // Sorted in full so that an object pushed twice (nested braces), which
     // would say the same thing twice, says it once.
     const auto fields = [](const Finding& f) { return std::tie(f.offset, f.code, f.message); };

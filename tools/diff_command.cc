@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <tuple>
 #include <unordered_map>
 #include <unordered_set>
@@ -29,6 +31,20 @@ namespace {
 
 // The first label of the fresh name asked under a wildcard.
 constexpr char kProbeLabel[] = "tpa-probe";
+
+// Runs `first` and `second` at once when a thread can be had, else one after
+// the other: the two documents are independent until they are compared.
+template <typename First, typename Second>
+void inParallel(First&& first, Second&& second) {
+  std::thread thread;
+  try {
+    thread = std::thread(first);
+  } catch (const std::system_error&) {
+    first();
+  }
+  second();
+  if (thread.joinable()) thread.join();
+}
 
 struct Question {
   std::string app;
@@ -231,10 +247,11 @@ class Differ {
       : old_(before), new_(after), format_(format), out_(out) {}
 
   void compare(const std::vector<Question>& questions) {
-    for (const Question& q : questions) {
-      const Answer a = old_.ask(q, nullptr);
-      const Answer b = new_.ask(q, nullptr);
-      if (a != b) report(q, a, b);
+    std::vector<Answer> before(questions.size()), after(questions.size());
+    inParallel([&] { answerAll(old_, questions, before); },
+               [&] { answerAll(new_, questions, after); });
+    for (std::size_t i = 0; i < questions.size(); ++i) {
+      if (before[i] != after[i]) report(questions[i], before[i], after[i]);
     }
     writeSummary(questions.size());
   }
@@ -242,6 +259,11 @@ class Differ {
   [[nodiscard]] bool changed() const { return changed_ != 0; }
 
  private:
+  static void answerAll(Side& side, const std::vector<Question>& questions,
+                        std::vector<Answer>& answers) {
+    for (std::size_t i = 0; i < questions.size(); ++i) answers[i] = side.ask(questions[i], nullptr);
+  }
+
   // Only a changed decision is asked again with a trace, which costs more.
   void report(const Question& q, const Answer& a, const Answer& b) {
     mapper::QueryTrace oldTrace, newTrace;
@@ -339,8 +361,12 @@ int runDiff(const Invocation& invocation) {
   const std::vector<std::string>& files = invocation.operands;
   const bool annotate = invocation.format == OutputFormat::kGithub;
   Side before, after;
-  if (int code = loadSide(files[0], annotate, before)) return code;
-  if (int code = loadSide(files[1], annotate, after)) return code;
+  int beforeCode = kExitOk, afterCode = kExitOk;
+  inParallel([&] { afterCode = loadSide(files[1], annotate, after); },
+             [&] { beforeCode = loadSide(files[0], annotate, before); });
+  if (beforeCode != kExitOk || afterCode != kExitOk) {
+    return beforeCode != kExitOk ? beforeCode : afterCode;
+  }
   std::vector<Question> questions;
   if (files.size() > 2) {
     if (int code = readQuestions(files[2], questions)) return code;

@@ -22,7 +22,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include "api/analyzer.h"
 #include "api/constants.h"
+#include "tools/build_guard.h"
 #include "tools/cli.h"
 #include "tools/commands.h"
 #include "tools/doc_scan.h"
@@ -132,6 +134,19 @@ class Importer {
     }
   }
 
+  // Appends `count` names under ".invalid", which no destination ever has,
+  // to each list that holds names.
+  void pad(std::size_t count) {
+    for (std::vector<std::string>* list : {&include_, &exclude_}) {
+      if (list->empty()) continue;
+      for (std::size_t i = 0; i < count; ++i) {
+        list->push_back("padding-" + std::to_string(padding_++) +
+                        "-0123456789abcdefghijklmnopqrstuvwxyz.tpa-import.invalid");
+      }
+    }
+  }
+
+  [[nodiscard]] std::size_t padding() const { return padding_; }
   [[nodiscard]] const std::vector<std::string>& include() const { return include_; }
   [[nodiscard]] const std::vector<std::string>& exclude() const { return exclude_; }
   [[nodiscard]] const Tally& tally() const { return tally_; }
@@ -247,6 +262,7 @@ class Importer {
   std::unordered_map<std::string, bool>
       wildcards_;  // kept names with their names under them -> other
   std::vector<std::string> include_, exclude_;
+  std::size_t padding_ = 0;  // padding names added
   Tally tally_;
 };
 
@@ -314,6 +330,23 @@ std::string document(const std::vector<std::string>& apps, const std::string& id
   return out + "}]";
 }
 
+// The analyzer sizes each automaton from the document's symbol counts, which
+// leave out one character of every key; many short keys that share their
+// ends can need more states than that. Names under ".invalid" add room
+// without changing any decision. Returns false when no padding helps.
+bool makeBuildable(const std::vector<std::string>& apps, const std::string& id, Importer& importer,
+                   std::string& text) {
+  for (std::size_t count = 1; count <= 4096; count *= 2) {
+    text = document(apps, id, importer);
+    api::TarnPatternAnalyzer analyzer;
+    const BuildOutcome outcome = buildGuarded(analyzer, text);
+    if (!outcome.threw && outcome.code == error::TPA_ERROR_NONE) return true;
+    if (outcome.threw || outcome.code != error::TPA_ERROR_ARRAY_OUT_OF_INDEX) break;
+    importer.pad(count);
+  }
+  return false;
+}
+
 void writeSummary(const Importer& importer) {
   const Tally& t = importer.tally();
   std::fprintf(stderr,
@@ -322,6 +355,12 @@ void writeSummary(const Importer& importer) {
                "names; skipped %zu other rules\n",
                importer.include().size(), importer.exclude().size(), t.unreadable, t.shadowing,
                t.conflicting, t.duplicates, t.covered, t.local, t.skipped);
+  if (importer.padding() != 0) {
+    std::fprintf(stderr,
+                 "tpa: import: %zu padding names under .invalid added so that the document "
+                 "builds\n",
+                 importer.padding());
+  }
 }
 
 }  // namespace
@@ -348,13 +387,20 @@ int runImport(const Invocation& invocation) {
     importer.readList(text, displayName(invocation.operands[i]));
   }
   importer.settle();
-  writeSummary(importer);
   if (importer.include().empty() && importer.exclude().empty()) {
+    writeSummary(importer);
     std::fprintf(stderr, "tpa: import: the lists give no name to import\n");
     return kExitBadQuery;
   }
+  std::string text;
+  const bool buildable = makeBuildable(apps, invocation.id, importer, text);
+  writeSummary(importer);
+  if (!buildable) {
+    std::fprintf(stderr, "tpa: import: the document made of these names does not build\n");
+    return kExitBuildFailed;
+  }
   OutputSink out(STDOUT_FILENO, false);
-  out.line(document(apps, invocation.id, importer));
+  out.line(text);
   return out.flush() ? kExitOk : kExitIo;
 }
 

@@ -33,7 +33,7 @@ constexpr char kToolHelp[] =
     "  2   the build failed          (stderr: tpa: build failed: CODE NAME)\n"
     "  3   the build threw           (stderr: tpa: build threw: WHAT ...)\n"
     "  64  usage error\n"
-    "  65  a query line on stdin has no TAB between APP and DEST\n"
+    "  65  a query line has no TAB between APP and DEST; import: no name to import\n"
     "  66  RULES (or a list, or QUERIES) cannot be read\n"
     "  74  standard output cannot be written\n";
 
@@ -155,7 +155,13 @@ constexpr char kImportHelp[] =
     "\n"
     "A rule with no include entry includes every other destination (the\n"
     "reader's default), so an --exclude import decides every name for its\n"
-    "applications.\n";
+    "applications.\n"
+    "\n"
+    "The document is built before it is written; when its automata would run\n"
+    "out of states (many short names that share their ends), names under\n"
+    ".invalid, which no destination has, are added until it builds. Exit status:\n"
+    "0 written, 2 it cannot be built, 64 usage, 65 the lists give no name,\n"
+    "66 a FILE cannot be read.\n";
 
 bool isHelpFlag(const std::string& arg) { return arg == "-h" || arg == "--help"; }
 

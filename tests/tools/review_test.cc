@@ -203,8 +203,8 @@ const ListedName* meant(const std::vector<ListedName>& list, const std::string& 
 
 TEST(TpaImport, GeneratedListsRoundTripThroughCheckAndQuery) {
   const char* labels[] = {"a", "b", "aa", "ba", "ab"};
-  for (unsigned seed = 1; seed <= 20; ++seed) {
-    std::mt19937 rng(seed);
+  for (unsigned round = 1; round <= 20; ++round) {
+    std::mt19937 rng(round);
     std::vector<ListedName> listed;
     std::string text;
     for (int i = 0; i < 30; ++i) {
@@ -216,8 +216,8 @@ TEST(TpaImport, GeneratedListsRoundTripThroughCheckAndQuery) {
       text += (listed.back().exception ? "@@||" : "||") + name + "^\n";
     }
     TempFile list(text);
-    // Odd seeds put the listed names in the exclude list and @@ names in the include list.
-    const bool flipped = seed % 2 == 1;
+    // Odd rounds put the listed names in the exclude list and @@ names in the include list.
+    const bool flipped = round % 2 == 1;
     const ToolResult imported =
         runTool({"import", "--apps=app", "--id=4", flipped ? "--exclude" : "--include", "adblock",
                  list.path()});

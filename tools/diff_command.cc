@@ -18,6 +18,7 @@
 #include "api/constants.h"
 #include "cidr/cidr.h"
 #include "mapper/trace.h"
+#include "tools/build_guard.h"
 #include "tools/built_document.h"
 #include "tools/commands.h"
 #include "tools/decision_reason.h"
@@ -343,8 +344,11 @@ class Differ {
   std::size_t counts_[kChangeKinds] = {};
 };
 
-int loadSide(const std::string& path, bool annotate, Side& side) {
+// Builds one document; reads it back into its rules (a second reading of
+// the whole text) only when questions or annotations need them.
+int loadSide(const std::string& path, bool needRules, bool annotate, Side& side) {
   side.name = displayName(path);
+  if (!needRules) return buildDocument(path, side.document.text, side.document.analyzer);
   if (int code = buildAndRead(path, side.document)) return code;
   if (annotate) {
     const DocumentScan scan = scanDocument(side.document.text);
@@ -362,8 +366,9 @@ int runDiff(const Invocation& invocation) {
   const bool annotate = invocation.format == OutputFormat::kGithub;
   Side before, after;
   int beforeCode = kExitOk, afterCode = kExitOk;
-  inParallel([&] { afterCode = loadSide(files[1], annotate, after); },
-             [&] { beforeCode = loadSide(files[0], annotate, before); });
+  const bool needRules = files.size() == 2 || annotate;
+  inParallel([&] { afterCode = loadSide(files[1], needRules, annotate, after); },
+             [&] { beforeCode = loadSide(files[0], needRules, annotate, before); });
   if (beforeCode != kExitOk || afterCode != kExitOk) {
     return beforeCode != kExitOk ? beforeCode : afterCode;
   }

@@ -9,12 +9,15 @@
 //   --tpa_sample=20000             queries of each stream in the agreement check
 //   --tpa_check=only|skip          run only the checks, or skip them
 //   --tpa_check_out=FILE           write the checks' summary there (default stderr)
-//   --tpa_write_workload=DIR       write each size's rules document and query
+//   --tpa_write_workload=DIR       write each size's rules document, a copy of
+//                                  it with 1% of its entries changed (for
+//                                  tpa diff), and query
 //                                  streams (app TAB destination) and exit
 //   --tpa_probe=KIND,SIZE          (internal) one memory probe, see probes.h
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -249,11 +252,36 @@ void writeStream(const std::string& path, const QueryStream& s) {
   }
 }
 
+// The document with about one entry in a hundred changed, in turn moved to
+// the other list of its rule, renamed, or dropped (renamed when it is the
+// last of its list, which must not fall back to a default).
+std::string changedJson(RuleSet rules) {
+  Rng rng(0xd1ffull);
+  std::size_t changes = 0;
+  for (const Entry& e : rules.entries) {
+    if (!rng.chance(0.01)) continue;
+    DocumentRule& rule = rules.rules[e.rule];
+    std::vector<std::string>& from = e.include ? rule.include : rule.exclude;
+    std::vector<std::string>& to = e.include ? rule.exclude : rule.include;
+    const auto it = std::find(from.begin(), from.end(), e.text);
+    if (it == from.end()) continue;
+    const std::size_t kind = changes++ % 3;
+    if (kind == 1 || from.size() == 1) {
+      *it = "changed" + std::to_string(changes) + ".test";
+    } else {
+      if (kind == 0) to.push_back(*it);
+      from.erase(it);
+    }
+  }
+  return toJson(rules);
+}
+
 int writeWorkloads(const Options& o) {
   for (const int size : o.sizes) {
     const Workload& w = Fixtures::get().workload(size);
     const std::string base = o.workloadDir + "/" + std::to_string(size);
     std::ofstream(base + "-rules.json") << w.json;
+    std::ofstream(base + "-rules-changed.json") << changedJson(w.rules);
     writeStream(base + "-repeated.tsv", w.repeated);
     writeStream(base + "-distinct.tsv", w.distinct);
   }

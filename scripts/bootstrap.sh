@@ -8,12 +8,12 @@
 # OpenJDK) is part of the machine image.
 set -euo pipefail
 
-need=()
-# The native architecture's, by name: with foreign architectures installed
-# (cross builds) the bare name is ambiguous to dpkg.
+# Packages are asked for by native architecture: once a foreign architecture's
+# copy is installed too (cross builds), the bare name is ambiguous to dpkg.
 arch=$(dpkg --print-architecture)
+need=()
 dpkg -s "android-liblog-dev:$arch" >/dev/null 2>&1 || need+=("android-liblog-dev:$arch")
-dpkg -s libmarisa-dev >/dev/null 2>&1 || need+=(libmarisa-dev)
+dpkg -s "libmarisa-dev:$arch" >/dev/null 2>&1 || need+=("libmarisa-dev:$arch")
 command -v iptables >/dev/null 2>&1 || dpkg -s iptables >/dev/null 2>&1 || need+=(iptables)
 command -v ip >/dev/null 2>&1 || dpkg -s iproute2 >/dev/null 2>&1 || need+=(iproute2)
 

@@ -15,6 +15,7 @@
 #include "tools/commands.h"
 #include "tools/line_io.h"
 #include "tools/lint.h"
+#include "tools/output_format.h"
 
 namespace tpa::tools {
 namespace {
@@ -80,6 +81,18 @@ void writeWarnings(OutputSink& out, const std::string& text, const std::string& 
   }
 }
 
+// The build's result and rule count, for the machine-readable formats.
+CheckResult checkResult(api::TarnPatternAnalyzer& analyzer, const std::string& text,
+                        const BuildOutcome& outcome) {
+  CheckResult result{outcome.threw, outcome.what, outcome.code, 0};
+  parser::JsonParser parser;
+  if (!outcome.threw && outcome.code == error::TPA_ERROR_NONE &&
+      parseAsBuilt(parser, analyzer, text)) {
+    result.rules = parser.getRules().size();
+  }
+  return result;
+}
+
 }  // namespace
 
 int runCheck(const Invocation& invocation) {
@@ -90,6 +103,12 @@ int runCheck(const Invocation& invocation) {
   const Measured measured = measureBuild(analyzer, text);
   {
     OutputSink out(STDOUT_FILENO, false);
+    if (invocation.format != OutputFormat::kText) {
+      writeCheckReport(out, invocation.format, text, name, lintDocument(text),
+                       checkResult(analyzer, text, measured.outcome));
+      if (!out.flush()) return kExitIo;
+      return reportBuildFailure(measured.outcome, text, name);
+    }
     out.line("document: " + name + " (" + std::to_string(text.size()) + " bytes)");
     writeBuildReport(out, analyzer, text, measured);
     writeWarnings(out, text, name);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -21,16 +22,19 @@ constexpr char kToolHelp[] =
     "  show RULES                   print the rules as read, one JSON object per line\n"
     "  check RULES                  build, measure and lint the document\n"
     "  explain RULES APP DEST...    show how each decision is reached\n"
+    "  diff OLD NEW [QUERIES]       list the decisions that differ between two documents\n"
+    "  import FORMAT FILE...        write a rules document from hosts, domain or AdBlock lists\n"
     "\n"
     "Run 'tpa COMMAND --help' for the details of a command.\n"
     "\n"
     "exit codes:\n"
     "  0   success\n"
+    "  1   diff: some decision changed\n"
     "  2   the build failed          (stderr: tpa: build failed: CODE NAME)\n"
     "  3   the build threw           (stderr: tpa: build threw: WHAT ...)\n"
     "  64  usage error\n"
-    "  65  a query line on stdin has no TAB between APP and DEST\n"
-    "  66  RULES cannot be read\n"
+    "  65  a query line has no TAB between APP and DEST; import: no name to import\n"
+    "  66  RULES (or a list, or QUERIES) cannot be read\n"
     "  70  out of memory outside the build (stderr: tpa: out of memory); a build\n"
     "      that runs out fails with 2 and TPA_ERROR_OOM\n"
     "  74  standard output cannot be written\n";
@@ -57,20 +61,109 @@ constexpr char kShowHelp[] =
     "rule_number is 0 for a rule of every application, else the position.\n";
 
 constexpr char kCheckHelp[] =
-    "usage: tpa check RULES\n"
+    "usage: tpa check [--format=text|json|github] RULES\n"
     "\n"
     "Builds RULES and reports the result code, the number of rules, the sizes of\n"
     "the three automata, the build's time and memory, and warnings about\n"
     "constructs that are read differently from what they seem to say, each as\n"
-    "FILE:LINE:COLUMN: warning: [CODE] explanation.\n";
+    "FILE:LINE:COLUMN: warning: [CODE] explanation.\n"
+    "\n"
+    "--format=json writes one JSON object per line instead: one per warning,\n"
+    "  {\"file\":F,\"line\":L,\"column\":C,\"code\":CODE,\"message\":M}\n"
+    "and a last one for the build,\n"
+    "  {\"file\":F,\"result\":CODE,\"result_name\":NAME,\"rules\":N,\"warnings\":W}\n"
+    "(result_name \"threw\" and result -1 when the build threw).\n"
+    "--format=github writes each warning as a workflow annotation,\n"
+    "  ::warning file=F,line=L,col=C::[CODE] message\n"
+    "and a failed build as ::error file=F::message.\n";
 
 constexpr char kExplainHelp[] =
-    "usage: tpa explain RULES APP DEST [APP DEST]...\n"
+    "usage: tpa explain [--format=text|json] RULES APP DEST [APP DEST]...\n"
     "\n"
     "Answers each query as 'tpa query' does and shows how the answer was reached:\n"
     "the application's rule number, each list searched under each rule number\n"
     "(whole key, network prefix, wildcard), the include/exclude precedence, the\n"
-    "fallback to the rules of every application, and the deciding rule.\n";
+    "fallback to the rules of every application, and the deciding rule.\n"
+    "\n"
+    "--format=json writes one JSON object per query and line:\n"
+    "  app, destination     the query\n"
+    "  searched_as          the destination after address normalisation\n"
+    "  app_rule_number      the rule number the application selects (0: every application)\n"
+    "  decision, id         \"include\" or \"exclude\", and the value (-1: no rule decided)\n"
+    "  rule_number          the rule number of the deciding step (null: no rule decided)\n"
+    "  list, match          the deciding list and its search: \"whole_key\",\n"
+    "                       \"network_prefix\" or \"wildcard\" (null: no rule decided)\n"
+    "  fallback             the rules of every application decided after the\n"
+    "                       application's own rule matched nothing\n"
+    "  positions            the positions of the rules that can have decided\n"
+    "  reason               the one-line summary that 'tpa diff' prints\n";
+
+constexpr char kDiffHelp[] =
+    "usage: tpa diff [--format=text|json|github] OLD NEW [QUERIES]\n"
+    "\n"
+    "Builds both rules documents as a phone does and lists every decision that\n"
+    "differs, one line each:\n"
+    "  APP DEST: OLD-DECISION OLD-ID -> NEW-DECISION NEW-ID; old: REASON; new: REASON\n"
+    "where each REASON says which rule number, list and search decided (or that\n"
+    "no rule did), then a summary line with the count of each kind of change:\n"
+    "include to exclude, exclude to include, id changed.\n"
+    "\n"
+    "QUERIES, in the 'tpa query' stream format (APP<TAB>DEST lines), gives the\n"
+    "questions. Without it they are derived from both documents: every\n"
+    "destination they name (for a wildcard its own name and a fresh name under\n"
+    "it, for a network its first and last address and the address just past\n"
+    "it) asked for each application of the rules that name it, for one\n"
+    "application of another rule, and for an unknown application.\n"
+    "\n"
+    "--format=json writes one JSON object per change,\n"
+    "  {\"app\":A,\"destination\":D,\"change\":KIND,\n"
+    "   \"old\":{\"decision\":..,\"id\":..,\"reason\":..},\"new\":{...}}\n"
+    "KIND being \"include_to_exclude\", \"exclude_to_include\" or \"id_changed\",\n"
+    "and a last object {\"summary\":{\"questions\":N,\"changed\":N,KIND:N,...}}.\n"
+    "--format=github writes each change as a workflow annotation on the rule of\n"
+    "NEW that now decides (of OLD when no rule of NEW does):\n"
+    "  ::warning file=F,line=L,col=C::message\n"
+    "\n"
+    "Exit status: 0 when no decision changed, 1 when some did, 2/3 when a\n"
+    "document does not build, 65 for a QUERIES line without a TAB, 66 when a\n"
+    "file cannot be read. At most one of OLD, NEW and QUERIES may be '-'.\n";
+
+constexpr char kImportHelp[] =
+    "usage: tpa import [--apps=A,B] [--id=N] [--include|--exclude] FORMAT FILE...\n"
+    "\n"
+    "Writes one rule that lists the names of the given lists on standard output,\n"
+    "as a document the reader takes as written ('tpa check' finds nothing in it).\n"
+    "FILE may be '-' for standard input. FORMAT is one of:\n"
+    "  hosts     hosts files: ADDRESS NAME [NAME]... per line, '#' comments;\n"
+    "            the local names (localhost, broadcasthost, ...) are skipped\n"
+    "  domains   one name per line, '#' and '!' comments\n"
+    "  adblock   the domain-anchored rules of AdBlock-style lists: ||NAME^ lists\n"
+    "            NAME and every name under it, @@||NAME^ puts them in the other\n"
+    "            list; every other rule is skipped and counted\n"
+    "\n"
+    "options:\n"
+    "  --apps=A,B      the rule's applications (default: every application)\n"
+    "  --id=N          the rule's id (default 1)\n"
+    "  --include       the listed names go to the include list (default)\n"
+    "  --exclude       the listed names go to the exclude list\n"
+    "\n"
+    "Names are lower-cased, trailing dots dropped and duplicates removed; names\n"
+    "under a listed name of the same list are left out as covered. Reported on\n"
+    "standard error and left out: names the reader would take other than as\n"
+    "written (a comma, a quote, a character outside letters, digits, '-', '_'\n"
+    "and '.', an address), names that would keep a wider entry of the same list\n"
+    "from matching, and names listed for both lists (the @@ rule wins). A summary\n"
+    "line on standard error counts each.\n"
+    "\n"
+    "A rule with no include entry includes every other destination (the\n"
+    "reader's default), so an --exclude import decides every name for its\n"
+    "applications.\n"
+    "\n"
+    "The document is built before it is written; when its automata would run\n"
+    "out of states (many short names that share their ends), names under\n"
+    ".invalid, which no destination has, are added until it builds. Exit status:\n"
+    "0 written, 2 it cannot be built, 64 usage, 65 the lists give no name,\n"
+    "66 a FILE cannot be read.\n";
 
 bool isHelpFlag(const std::string& arg) { return arg == "-h" || arg == "--help"; }
 
@@ -85,6 +178,10 @@ bool commandFromName(const std::string& name, Command& command) {
     command = Command::kCheck;
   else if (name == "explain")
     command = Command::kExplain;
+  else if (name == "diff")
+    command = Command::kDiff;
+  else if (name == "import")
+    command = Command::kImport;
   else
     return false;
   return true;
@@ -104,24 +201,95 @@ ParseOutcome help(const std::string& topic) {
   return outcome;
 }
 
+// The value of "--NAME=VALUE", or of "--NAME VALUE" (taking the next
+// argument); false when args[i] is not the option NAME.
+bool optionValue(const std::vector<std::string>& args, std::size_t& i, const std::string& name,
+                 std::string& value) {
+  const std::string& arg = args[i];
+  if (arg.rfind(name + "=", 0) == 0) {
+    value = arg.substr(name.size() + 1);
+    return true;
+  }
+  if (arg != name || i + 1 >= args.size()) return false;
+  value = args[++i];
+  return true;
+}
+
+bool formatFromName(const std::string& name, bool github, OutputFormat& format) {
+  if (name == "text")
+    format = OutputFormat::kText;
+  else if (name == "json")
+    format = OutputFormat::kJson;
+  else if (name == "github" && github)
+    format = OutputFormat::kGithub;
+  else
+    return false;
+  return true;
+}
+
+// Takes the option at args[i] if `command` has it. Returns false for an
+// option the command does not have, or a bad value (`bad` is then set).
+bool takeOption(Command command, const std::vector<std::string>& args, std::size_t& i,
+                Invocation& invocation, bool& bad) {
+  std::string value;
+  const bool formatted =
+      command == Command::kCheck || command == Command::kExplain || command == Command::kDiff;
+  if (formatted && optionValue(args, i, "--format", value)) {
+    bad = !formatFromName(value, command != Command::kExplain, invocation.format);
+    return !bad;
+  }
+  if (command != Command::kImport) return false;
+  if (optionValue(args, i, "--apps", value)) {
+    invocation.apps = value;
+  } else if (optionValue(args, i, "--id", value)) {
+    invocation.id = value;
+  } else if (args[i] == "--include" || args[i] == "--exclude") {
+    invocation.excludeNames = args[i] == "--exclude";
+  } else {
+    return false;
+  }
+  return true;
+}
+
 // Splits the operands after the command, honouring "--".
-bool collectOperands(const std::vector<std::string>& args, std::vector<std::string>& operands,
-                     bool& wantsHelp, std::string& unknown) {
+bool collectOperands(const std::vector<std::string>& args, Command command,
+                     std::vector<std::string>& operands, Invocation& options, bool& wantsHelp,
+                     std::string& unknown) {
   bool literal = false;
   for (std::size_t i = 1; i < args.size(); ++i) {
     const std::string& arg = args[i];
+    bool bad = false;
     if (!literal && arg == "--") {
       literal = true;
     } else if (!literal && isHelpFlag(arg)) {
       wantsHelp = true;
     } else if (!literal && isOption(arg)) {
-      unknown = arg;
+      if (takeOption(command, args, i, options, bad)) continue;
+      unknown = bad ? "bad value in option '" + arg + "'" : "unknown option '" + arg + "'";
       return false;
     } else {
       operands.push_back(arg);
     }
   }
   return true;
+}
+
+// diff and import: files, of which at most one is standard input.
+ParseOutcome withFiles(Invocation options, const std::string& name,
+                       const std::vector<std::string>& operands) {
+  const bool import = options.command == Command::kImport;
+  if (!import && (operands.size() < 2 || operands.size() > 3)) {
+    return usageError("diff: takes OLD NEW [QUERIES]");
+  }
+  if (import && operands.size() < 2) return usageError("import: missing FORMAT or FILE");
+  if (std::count(operands.begin() + (import ? 1 : 0), operands.end(), "-") > 1) {
+    return usageError(name + ": only one file can come from standard input");
+  }
+  ParseOutcome outcome;
+  outcome.ok = true;
+  outcome.invocation = std::move(options);
+  outcome.invocation.operands = operands;
+  return outcome;
 }
 
 ParseOutcome withOperands(Command command, const std::string& name,
@@ -157,13 +325,20 @@ ParseOutcome parseArguments(const std::vector<std::string>& args) {
   Command command;
   if (!commandFromName(args[0], command)) return usageError("unknown command '" + args[0] + "'");
   std::vector<std::string> operands;
+  Invocation options;
+  options.command = command;
   bool wantsHelp = false;
   std::string unknown;
-  if (!collectOperands(args, operands, wantsHelp, unknown)) {
-    return usageError(args[0] + ": unknown option '" + unknown + "'");
+  if (!collectOperands(args, command, operands, options, wantsHelp, unknown)) {
+    return usageError(args[0] + ": " + unknown);
   }
   if (wantsHelp) return help(args[0]);
-  return withOperands(command, args[0], operands);
+  if (command == Command::kDiff || command == Command::kImport) {
+    return withFiles(std::move(options), args[0], operands);
+  }
+  ParseOutcome outcome = withOperands(command, args[0], operands);
+  outcome.invocation.format = options.format;
+  return outcome;
 }
 
 std::string helpText(const std::string& topic) {
@@ -171,6 +346,8 @@ std::string helpText(const std::string& topic) {
   if (topic == "show") return kShowHelp;
   if (topic == "check") return kCheckHelp;
   if (topic == "explain") return kExplainHelp;
+  if (topic == "diff") return kDiffHelp;
+  if (topic == "import") return kImportHelp;
   return kToolHelp;
 }
 

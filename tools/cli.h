@@ -21,7 +21,12 @@ inline constexpr int kExitNoInput = 66;     // RULES could not be read
 inline constexpr int kExitNoMemory = 70;    // memory ran out outside the build (a build: 2)
 inline constexpr int kExitIo = 74;          // standard output could not be written
 
-enum class Command { kHelp, kQuery, kShow, kCheck, kExplain };
+inline constexpr int kExitChanged = 1;  // diff: some decision changed
+
+enum class Command { kHelp, kQuery, kShow, kCheck, kExplain, kDiff, kImport };
+
+// How check, explain and diff write their report (--format=).
+enum class OutputFormat { kText, kJson, kGithub };
 
 // What the command line asked for. `rules` is a path or "-".
 struct Invocation {
@@ -29,6 +34,14 @@ struct Invocation {
   std::string rules;
   std::vector<std::pair<std::string, std::string>> pairs;  // APP, DEST
   std::string helpTopic;  // the command whose help was asked, or empty
+  // diff: OLD NEW [QUERIES]; import: FORMAT FILE...
+  std::vector<std::string> operands;
+  OutputFormat format = OutputFormat::kText;
+  // import only: --apps (comma-separated; empty: every application), --id,
+  // and --exclude (the listed names go to the exclude list).
+  std::string apps;
+  std::string id = "1";
+  bool excludeNames = false;
 };
 
 // The outcome of parsing: an invocation, or a usage error message.

@@ -1,4 +1,4 @@
-// The four commands of the `tpa` tool. Each reads its RULES, builds them as
+// The commands of the `tpa` tool. Each reads its RULES, builds them as
 // the Android bridge does, writes its report on standard output and returns
 // the process exit code (tools/cli.h). One command per process.
 #ifndef TPA_TOOLS_COMMANDS_H_
@@ -12,6 +12,9 @@ namespace tpa::tools {
 [[nodiscard]] int runShow(const Invocation& invocation);
 [[nodiscard]] int runCheck(const Invocation& invocation);
 [[nodiscard]] int runExplain(const Invocation& invocation);
+[[nodiscard]] int runDiff(const Invocation& invocation);
+// Reads lists, not RULES: writes a rules document made from them.
+[[nodiscard]] int runImport(const Invocation& invocation);
 
 }  // namespace tpa::tools
 

@@ -13,8 +13,10 @@
 #include "tools/build_guard.h"
 #include "tools/built_document.h"
 #include "tools/commands.h"
+#include "tools/decision_reason.h"
 #include "tools/doc_scan.h"
 #include "tools/line_io.h"
+#include "tools/output_format.h"
 
 namespace tpa::tools {
 namespace {
@@ -195,14 +197,47 @@ void explainOne(OutputSink& out, api::TarnPatternAnalyzer& analyzer,
            (decision == mapper::TPA_DECISION_INCLUDE ? "include" : "exclude") + "\t" + num(value));
 }
 
+// One JSON object per query; the fields are listed in `tpa explain --help`.
+void explainJson(OutputSink& out, api::TarnPatternAnalyzer& analyzer,
+                 const std::vector<parser::Rule>& rules, const std::string& app,
+                 const std::string& destination) {
+  mapper::QueryTrace trace;
+  int value = -1;
+  const int decision = analyzer.query(app, destination, value, &trace);
+  const DecidingStep step = decidingStep(trace);
+  std::string positions = "[";
+  for (int p : decidingPositions(rules, trace))
+    positions += (positions.size() > 1 ? "," : "") + num(p);
+  JsonLine line;
+  line.field("app", app)
+      .field("destination", destination)
+      .field("searched_as", trace.destination)
+      .field("app_rule_number", static_cast<long long>(trace.rule))
+      .field("decision", decision == mapper::TPA_DECISION_INCLUDE ? "include" : "exclude")
+      .field("id", static_cast<long long>(value));
+  if (step.decided) {
+    line.field("rule_number", static_cast<long long>(step.rule))
+        .field("list", step.include ? "include" : "exclude")
+        .field("match", matchName(step.list->match));
+  } else {
+    line.null("rule_number").null("list").null("match");
+  }
+  out.line(line.field("fallback", step.fallback)
+               .raw("positions", positions + "]")
+               .field("reason", decisionReason(trace))
+               .str());
+}
+
 }  // namespace
 
 int runExplain(const Invocation& invocation) {
   BuiltDocument document;
   if (int code = buildAndRead(invocation.rules, document)) return code;
   OutputSink out(STDOUT_FILENO, false);
+  const bool json = invocation.format == OutputFormat::kJson;
   for (const auto& [app, destination] : invocation.pairs) {
-    explainOne(out, document.analyzer, document.parser.getRules(), app, destination);
+    (json ? explainJson : explainOne)(out, document.analyzer, document.parser.getRules(), app,
+                                      destination);
   }
   return out.flush() ? kExitOk : kExitIo;
 }

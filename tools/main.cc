@@ -21,6 +21,10 @@ int dispatch(const tpa::tools::Invocation& invocation) {
       return tpa::tools::runCheck(invocation);
     case Command::kExplain:
       return tpa::tools::runExplain(invocation);
+    case Command::kDiff:
+      return tpa::tools::runDiff(invocation);
+    case Command::kImport:
+      return tpa::tools::runImport(invocation);
     case Command::kHelp:
       break;
   }

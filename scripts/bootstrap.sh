@@ -9,7 +9,10 @@
 set -euo pipefail
 
 need=()
-dpkg -s android-liblog-dev >/dev/null 2>&1 || need+=(android-liblog-dev)
+# Qualified by the host's architecture: scripts/cross.sh installs the ARM
+# ones too, and dpkg refuses a bare name with several installed instances.
+arch=$(dpkg --print-architecture)
+dpkg -s "android-liblog-dev:$arch" >/dev/null 2>&1 || need+=(android-liblog-dev)
 dpkg -s libmarisa-dev >/dev/null 2>&1 || need+=(libmarisa-dev)
 command -v iptables >/dev/null 2>&1 || dpkg -s iptables >/dev/null 2>&1 || need+=(iptables)
 command -v ip >/dev/null 2>&1 || dpkg -s iproute2 >/dev/null 2>&1 || need+=(iproute2)

@@ -5,7 +5,8 @@
 # aarch64  64-bit ARM (arm64-v8a), in build-aarch64/
 # armhf    32-bit ARM (armeabi-v7a: 32-bit long and pointers), in build-armhf/
 # Installs what is missing from Debian: the cross compilers, qemu-user, and
-# the target's liblog and GoogleTest from the multiarch archive. Release
+# the target's liblog, GoogleTest and C++ runtime from the multiarch archive
+# (adding the arm64 and armhf architectures to dpkg). Release
 # build without debug information, no JNI, benchmarks or fuzzers; tests
 # labelled slow are skipped under emulation.
 set -euo pipefail
@@ -42,12 +43,13 @@ install_missing() {
   echo "cross: installing ${need[*]}" >&2
   export DEBIAN_FRONTEND=noninteractive
   for d in "${foreign[@]}"; do $sudo dpkg --add-architecture "$d"; done
-  # A mirror caught mid-sync fails an index now and then: try again.
+  # A mirror caught mid-sync fails an index now and then: try again, then go
+  # on with what was fetched (the install says if something is missing).
   local try
-  for try in 1 2 3 4 5; do
-    $sudo apt-get update -qq 2>&1 | grep -q '^[EW]:' || break
-    echo "cross: apt-get update incomplete (try $try), retrying" >&2
-    sleep $((try * 10))
+  for try in 1 2 3; do
+    $sudo apt-get update -qq 2>&1 | grep -q '^E:' || break
+    echo "cross: apt-get update incomplete (try $try)" >&2
+    sleep $((try * 5))
   done
   $sudo apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null
 }

@@ -6,11 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <random>
 #include <string>
 
@@ -121,7 +123,8 @@ TEST(Decimal, MatchesTheHostCLibraryOnRandomText) {
       if (rng() % 3) {
         s += kPieces[rng() % std::size(kPieces)];
       } else {
-        for (int d = 1 + static_cast<int>(rng() % 24); d > 0; --d) s += static_cast<char>('0' + rng() % 10);
+        for (int d = 1 + static_cast<int>(rng() % 24); d > 0; --d)
+          s += static_cast<char>('0' + rng() % 10);
       }
     }
     char* end = nullptr;

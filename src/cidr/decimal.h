@@ -10,9 +10,9 @@
 namespace tpa::cidr {
 
 struct DecimalReading {
-  int value = 0;                // what atoi returns
-  const char* end = nullptr;    // past the last digit; the text itself when no digit was read
-  bool fitsInt = true;          // the number as written is within the int range
+  int value = 0;              // what atoi returns
+  const char* end = nullptr;  // past the last digit; the text itself when no digit was read
+  bool fitsInt = true;        // the number as written is within the int range
 };
 
 // Leading white space (" \t\n\v\f\r"), an optional sign, decimal digits.

@@ -4,8 +4,7 @@
 # discovery run the target binaries under qemu-user, which finds the target's
 # C and C++ runtimes there too. (Not with qemu's -L sysroot prefix: a process
 # that forks under it hangs in the child.) Included by the per-architecture
-# files, which set
-# TPA_CROSS_TRIPLET, TPA_CROSS_QEMU and CMAKE_SYSTEM_PROCESSOR.
+# files, which set TPA_CROSS_TRIPLET, TPA_CROSS_QEMU and CMAKE_SYSTEM_PROCESSOR.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_C_COMPILER ${TPA_CROSS_TRIPLET}-gcc)
 set(CMAKE_CXX_COMPILER ${TPA_CROSS_TRIPLET}-g++)

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
@@ -14,6 +13,7 @@
 
 #include "api/constants.h"
 #include "cidr/cidr.h"
+#include "cidr/decimal.h"
 #include "fsa/suffix_automaton.h"
 #include "mapper/transform.h"
 #include "parser/rule.h"
@@ -43,7 +43,7 @@ bool isBits(std::string_view s) {
 // The prefix length written after the first '/', as atoi reads it.
 int writtenPrefix(const std::string& written) {
   const std::size_t slash = written.find('/');
-  return slash == std::string::npos ? -1 : std::atoi(written.c_str() + slash + 1);
+  return slash == std::string::npos ? -1 : cidr::decimalAtoi(written.c_str() + slash + 1);
 }
 
 // Bits (most significant first, padded with zeros to `width`) as address text.
@@ -353,11 +353,10 @@ class Linter {
   // atoi's reading of an id, with a warning when it is not what was written.
   int readId(const ScannedString& v) {
     const char* start = v.text.c_str();
-    char* end = nullptr;
-    errno = 0;
-    const long wide = std::strtol(start, &end, 10);
-    const bool range = errno == ERANGE || wide < INT32_MIN || wide > INT32_MAX;
-    const int id = static_cast<int>(wide);  // what atoi returns on this platform
+    const cidr::DecimalReading reading = cidr::readDecimal(start);
+    const char* end = reading.end;
+    const bool range = !reading.fitsInt;
+    const int id = reading.value;
     std::string_view rest(end);
     while (!rest.empty() && std::isspace(static_cast<unsigned char>(rest.front()))) {
       rest.remove_prefix(1);

@@ -5,9 +5,10 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include "cidr/decimal.h"
 
 namespace tpa::cidr {
 namespace {
@@ -51,8 +52,8 @@ bool mayHoldFourNumbers(const std::string& s) {
 }
 
 // Reads the plain forms "a.b.c.d" and "a.b.c.d/p" (runs of at most nine
-// digits, nothing else up to the end of the C string), for which sscanf's
-// result is fully determined, without calling it. False defers to sscanf.
+// digits, nothing else up to the end of the C string) directly. False defers
+// to the full sscanf-style scan.
 bool scanPlainDotted(const char* c, Dotted& d) {
   for (int k = 0; k < 5; ++k) {
     int digits = 0;
@@ -78,8 +79,7 @@ Dotted scanDotted(const std::string& s) {
   Dotted d;
   if (!mayHoldFourNumbers(s) || scanPlainDotted(s.c_str(), d)) return d;
   d = Dotted();
-  d.count = std::sscanf(s.c_str(), "%d.%d.%d.%d/%d", &d.part[0], &d.part[1], &d.part[2], &d.part[3],
-                        &d.part[4]);
+  d.count = scanDottedDecimals(s.c_str(), d.part);
   return d;
 }
 
@@ -213,7 +213,7 @@ int isCidrIpAddress(const std::string& s) {
   // The prefix text must have a first character: a trailing '/' throws
   // std::out_of_range here, and callers leave that unhandled.
   if (!isDigit(s.at(slash + 1))) return 0;
-  if (static_cast<unsigned>(std::atoi(s.c_str() + slash + 1)) > 128u) return 0;
+  if (static_cast<unsigned>(decimalAtoi(s.c_str() + slash + 1)) > 128u) return 0;
   in6_addr addr;
   return parseIPv6(s.data(), slash, &addr) ? 6 : 0;
 }

@@ -1,7 +1,8 @@
 // Address normalisation: recognises IPv4/IPv6 addresses and networks in text
 // and rewrites them into canonical forms the automata compare as plain strings
 // (padded dotted IPv4, full lower-case IPv6 groups, '0'/'1' bit strings).
-// Stateless free functions over the platform's inet_pton and sscanf; safe from
+// Stateless free functions over the platform's inet_pton and the sscanf-style
+// number scan of cidr/decimal.h (the same on every architecture); safe from
 // any thread. Two malformed network forms make the standard library throw
 // (std::out_of_range, std::invalid_argument); nothing here catches them.
 #ifndef TPA_CIDR_CIDR_H_

@@ -1,10 +1,10 @@
 #include "parser/rule.h"
 
 #include <climits>
-#include <cstdlib>
 
 #include "api/constants.h"
 #include "cidr/cidr.h"
+#include "cidr/decimal.h"
 
 namespace tpa::parser {
 namespace {
@@ -53,7 +53,7 @@ void readProperty(const std::string& key, const std::vector<std::string>& values
   } else if (key == kExcludeKey) {
     readDestinations(values, kNoDestination, rule.excludeList);
   } else if (key == kIdKey && !values.empty()) {  // an empty "id" counts as absent
-    rule.id = std::atoi(values.front().c_str());
+    rule.id = cidr::decimalAtoi(values.front().c_str());
   }
 }
 

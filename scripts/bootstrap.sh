@@ -26,5 +26,7 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 echo "bootstrap: installing ${need[*]}" >&2
 export DEBIAN_FRONTEND=noninteractive
-$sudo apt-get update -qq >/dev/null
+# A mirror caught mid-sync fails an index now and then (often a foreign
+# architecture's); the install says whether what we need was fetched.
+$sudo apt-get update -qq >/dev/null 2>&1 || echo "bootstrap: apt-get update incomplete" >&2
 $sudo apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null

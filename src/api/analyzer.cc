@@ -64,8 +64,10 @@ int Builder::build(const std::string& source, bool fromFile) {
     // document is never held twice in memory.
     rule.clear();
   }
+  fresh->freeze();
   map = std::move(fresh);
   parser.clear();
+  mapper::releaseFreedMemory();
   return error::TPA_ERROR_NONE;
 }
 
@@ -100,6 +102,7 @@ int TarnPatternAnalyzer::build(const std::string& source, bool fromFile) {
   Builder fresh;
   int result = fresh.build(copy, fromFile);
   if (result == error::TPA_ERROR_NONE) builder = fresh;
+  mapper::releaseFreedMemory();  // the previous rules or the failed build
   return result;
 }
 

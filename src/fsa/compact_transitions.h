@@ -99,6 +99,37 @@ class CompactTransitions {
     ++h.count;
   }
 
+  // Calls f(label, target) for every transition of `state`.
+  template <typename F>
+  void forEach(int state, F f) const {
+    const Head& h = record(state).head;
+    if (h.count == 1) {
+      f(h.label, h.data);
+      return;
+    }
+    if (h.count == 0) return;
+    const std::int32_t* targets = targetsOf(h);
+    if (h.sizeClass < kMapClass) {
+      for (int i = 0; i < h.count; ++i) f(labelsOf(h)[i], targets[i]);
+      return;
+    }
+    const std::uint32_t* map = mapOf(h);
+    int k = 0;
+    for (int c = 0; c < 256; ++c) {
+      if ((map[c >> 5] & bit(static_cast<unsigned char>(c))) != 0) {
+        f(static_cast<unsigned char>(c), targets[k++]);
+      }
+    }
+  }
+
+  // Frees every state and transition; allocate() starts over.
+  void release() {
+    records_.reset();
+    pool_.reset();
+    poolUsed_ = 0;
+    std::fill(std::begin(freeRuns_), std::end(freeRuns_), 0);
+  }
+
   // Gives `to`, which has no transitions, a copy of the transitions of `from`
   // (payloads are left alone).
   void copy(int from, int to) {

@@ -67,6 +67,11 @@ class FSM {
                 [this](const Key& k, StateValue& v) { return automaton_->tryFindPartial(k, v); });
   }
 
+  // Trades the automaton's online states for their read-only form once
+  // nothing more will be put (see SuffixAutomaton::freeze); the cache keeps
+  // its answers, which the frozen form would give again. True when frozen.
+  bool freeze() { return automaton_ != nullptr && automaton_->freeze(); }
+
   // out = states in use other than the start state. 0, or -1.
   [[nodiscard]] int size(int& out) const {
     if (!automaton_ || !cache_) return error::TPA_ERROR_OOM;

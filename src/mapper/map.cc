@@ -3,6 +3,9 @@
 #include <android/log.h>
 
 #include <cstdint>
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 #include "api/constants.h"
 #include "api/log.h"
@@ -78,6 +81,14 @@ int addDomains(Machine& machine, const std::vector<std::string>& domains, int ru
 
 }  // namespace
 
+void releaseFreedMemory() {
+#if defined(__GLIBC__)
+  // glibc keeps freed heap below its top and in its arenas; a long-lived
+  // service sees resident memory, so give the free pages back.
+  malloc_trim(0);
+#endif
+}
+
 Map::Map(int capacity) : capacity_(capacity) {}
 
 Map::~Map() = default;
@@ -122,6 +133,13 @@ int Map::put(int ruleNumber, const std::vector<std::string>& apps,
       addDomains(*include_, include, domainRule, TPA_DECISION_INCLUDE, id, text, key);
   if (result != error::TPA_ERROR_NONE) return result;
   return addDomains(*exclude_, exclude, domainRule, TPA_DECISION_EXCLUDE, id, text, key);
+}
+
+void Map::freeze() {
+  if (!apps_ || !include_ || !exclude_) return;
+  apps_->freeze();
+  include_->freeze();
+  exclude_->freeze();
 }
 
 int Map::clearCache() {

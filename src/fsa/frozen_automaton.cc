@@ -123,11 +123,16 @@ FrozenAutomaton::Builder::Builder(int states, int textLength)
 void FrozenAutomaton::Builder::beginState(int s, Value v) {
   current_ = s;
   currentHasEdges_ = false;
-  if (v.storedKeyLength != kNoValue.storedKeyLength ||
-      v.userDefinedValue != kNoValue.userDefinedValue) {
-    frozen_->valued_.set(static_cast<std::size_t>(s));
-    frozen_->values_.push_back(v);
+  if (v.storedKeyLength == kNoValue.storedKeyLength &&
+      v.userDefinedValue == kNoValue.userDefinedValue) {
+    return;
   }
+  if (!filling_) {
+    ++valuedCount_;
+    return;
+  }
+  frozen_->valued_.set(static_cast<std::size_t>(s));
+  frozen_->values_.push_back(v);
 }
 
 void FrozenAutomaton::Builder::addEdge(unsigned char c, int target) {
@@ -140,20 +145,33 @@ void FrozenAutomaton::Builder::addEdge(unsigned char c, int target) {
   if (s < f.text_.size() && f.text_[s] == c && target == current_ + 1) return;
   if (!currentHasEdges_) {
     currentHasEdges_ = true;
-    f.hasEdges_.set(s);
-    f.edgeStart_.push_back(static_cast<std::uint32_t>(f.labels_.size()));
+    if (filling_) {
+      f.hasEdges_.set(s);
+      f.edgeStart_.push_back(static_cast<std::uint32_t>(f.labels_.size()));
+    } else {
+      ++statesWithEdges_;
+    }
+  }
+  if (!filling_) {
+    ++edges_;
+    return;
   }
   f.labels_.push_back(c);
   f.targets_.push_back(target);
 }
 
+void FrozenAutomaton::Builder::startFilling() {
+  FrozenAutomaton& f = *frozen_;
+  f.edgeStart_.reserve(statesWithEdges_ + 1);
+  f.labels_.reserve(edges_);
+  f.targets_.reserve(edges_);
+  f.values_.reserve(valuedCount_);
+  filling_ = true;
+}
+
 std::unique_ptr<FrozenAutomaton> FrozenAutomaton::Builder::finish() {
   FrozenAutomaton& f = *frozen_;
   f.edgeStart_.push_back(static_cast<std::uint32_t>(f.labels_.size()));
-  f.edgeStart_.shrink_to_fit();
-  f.labels_.shrink_to_fit();
-  f.targets_.shrink_to_fit();
-  f.values_.shrink_to_fit();
   f.hasEdges_.seal();
   f.valued_.seal();
   return std::move(frozen_);

@@ -116,9 +116,12 @@ class FrozenAutomaton::Builder {
 
   void setText(int position, unsigned char c) { frozen_->text_[static_cast<std::size_t>(position)] = c; }
   // After the whole text: states in order 0, 1, 2, ..., each with its value
-  // and then its transitions (the one the text gives is left out here).
+  // and then its transitions (the one the text gives is left out here). All
+  // states are given twice: first to be counted, then, after startFilling,
+  // to be stored in space reserved exactly.
   void beginState(int s, Value v);
   void addEdge(unsigned char c, int target);
+  void startFilling();
 
   // The automaton; the builder is spent.
   std::unique_ptr<FrozenAutomaton> finish();
@@ -127,6 +130,11 @@ class FrozenAutomaton::Builder {
   std::unique_ptr<FrozenAutomaton> frozen_;
   int current_ = -1;
   bool currentHasEdges_ = false;
+  bool filling_ = false;
+  // Counted in the first pass.
+  std::size_t edges_ = 0;
+  std::size_t statesWithEdges_ = 0;
+  std::size_t valuedCount_ = 0;
 };
 
 }  // namespace tpa::fsa

@@ -344,33 +344,43 @@ class SuffixAutomaton {
   // while appending position e is shorter than e + 2), then the clones.
   std::unique_ptr<FrozenAutomaton> makeFrozen() const {
     std::vector<std::int32_t> renumbered(static_cast<std::size_t>(count_), 0);
-    std::vector<std::int32_t> original(static_cast<std::size_t>(count_), 0);
     int textLength = 0;
     for (int i = 1; i < count_; ++i) {
       if (length(i) == textLength + 1) renumbered[i] = ++textLength;
     }
     for (int i = 1, next = textLength + 1; i < count_; ++i) {
-      if (renumbered[i] == 0 && length(i) != 0) renumbered[i] = next++;
-      original[static_cast<std::size_t>(renumbered[i])] = i;
+      if (renumbered[i] == 0) renumbered[i] = next++;
     }
+    const auto isClone = [&](int i) { return renumbered[i] > textLength; };
     FrozenAutomaton::Builder builder(count_, textLength);
     // Position e's character labels the one transition from the state of
     // position e - 1 (the start state for 0) into the state of position e.
-    for (int e = 0; e < textLength; ++e) {
-      const int into = original[static_cast<std::size_t>(e) + 1];
-      transitions_.forEach(original[static_cast<std::size_t>(e)],
-                           [&](unsigned char c, std::int32_t target) {
-                             if (target == into) builder.setText(e, c);
-                           });
-    }
-    for (int s = 0; s < count_; ++s) {
-      const int i = original[static_cast<std::size_t>(s)];
-      const SAStateValue<T> v = valueOf(i);
-      builder.beginState(s, FrozenAutomaton::Value{v.storedKeyLength(),
-                                                   static_cast<std::int32_t>(v.userDefinedValue())});
-      transitions_.forEach(i, [&](unsigned char c, std::int32_t target) {
-        builder.addEdge(c, renumbered[static_cast<std::size_t>(target)]);
+    for (int i = 1, from = 0; i < count_; ++i) {
+      if (isClone(i)) continue;
+      transitions_.forEach(from, [&](unsigned char c, std::int32_t target) {
+        if (target == i) builder.setText(renumbered[i] - 1, c);
       });
+      from = i;
+    }
+    // Twice over the states in their new order: counting, then filling.
+    for (int pass = 0; pass < 2; ++pass) {
+      const auto visit = [&](int i) {
+        const SAStateValue<T> v = valueOf(i);
+        builder.beginState(renumbered[i], FrozenAutomaton::Value{v.storedKeyLength(),
+                                                                 static_cast<std::int32_t>(
+                                                                     v.userDefinedValue())});
+        transitions_.forEach(i, [&](unsigned char c, std::int32_t target) {
+          builder.addEdge(c, renumbered[static_cast<std::size_t>(target)]);
+        });
+      };
+      visit(0);
+      for (int i = 1; i < count_; ++i) {
+        if (!isClone(i)) visit(i);
+      }
+      for (int i = 1; i < count_; ++i) {
+        if (isClone(i)) visit(i);
+      }
+      if (pass == 0) builder.startFilling();
     }
     return builder.finish();
   }

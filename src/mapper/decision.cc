@@ -272,6 +272,7 @@ bool DecisionMemo::find(const std::string& app, const std::string& destination, 
         e.key == probe_) {
       e.lastUsed = ++clock_;
       out = e.decision;
+      ++hits_;
       return true;
     }
   }
@@ -286,9 +287,16 @@ void DecisionMemo::remember(const Decision& d) {
   for (std::size_t i = 1; i < kWays; ++i) {
     if (ways[i].lastUsed < victim->lastUsed) victim = &ways[i];
   }
-  if (victim->lastUsed != 0 && ++replaced_ >= entries_.size() && sets_ < kMaxSets && grow()) {
-    remember(d);  // filed in the grown table
-    return;
+  if (victim->lastUsed != 0 && ++replaced_ >= entries_.size()) {
+    // A table that keeps replacing entries grows, unless it hardly answers
+    // anything (a stream of new pairs would only fill a larger one).
+    const bool useful = hits_ >= replaced_ / kHitsPerGrowth;
+    replaced_ = 0;
+    hits_ = 0;
+    if (useful && sets_ < kMaxSets && grow()) {
+      remember(d);  // filed in the grown table
+      return;
+    }
   }
   try {
     victim->key.assign(probe_);
@@ -311,7 +319,6 @@ bool DecisionMemo::grow() {
   }
   old.swap(entries_);
   sets_ *= 2;
-  replaced_ = 0;
   // An old set splits into two new ones, each taking at most kWays entries.
   for (Entry& e : old) {
     if (e.lastUsed == 0) continue;
@@ -331,6 +338,7 @@ void DecisionMemo::clear() {
   for (Entry& e : entries_) e.lastUsed = 0;
   probeKept_ = false;
   replaced_ = 0;
+  hits_ = 0;
 }
 
 // --- MapDecisionMaker -------------------------------------------------------

@@ -72,8 +72,9 @@ struct QueryBuffers {
 // that a repeated query skips the machines. Set-associative: sets of kWays
 // entries, the least recently used entry of a set replaced; pairs longer than
 // kMaxKey characters are never kept. The table starts at kMinSets sets on
-// first use and doubles whenever it has replaced as many entries as it holds,
-// up to kMaxSets: a working set of thousands of pairs (dozens of apps, each
+// first use and doubles whenever it has replaced as many entries as it holds
+// while answering at least one query in kHitsPerGrowth of those, up to
+// kMaxSets: a working set of thousands of pairs (dozens of apps, each
 // with its destinations) is answered from it, within a budget of about 2 MB
 // for names of typical length (kMaxSets * kWays entries of 72 bytes plus
 // their keys; 6 MB if every key had kMaxKey characters). A hit allocates
@@ -93,6 +94,7 @@ class DecisionMemo {
   static constexpr std::size_t kMinSets = 128;   // a power of two
   static constexpr std::size_t kMaxSets = 4096;  // a power of two
   static constexpr std::size_t kWays = 4;
+  static constexpr std::size_t kHitsPerGrowth = 16;  // replacements per hit that still grow
   static constexpr std::size_t kMaxKey = 256;  // characters of application and destination
 
   struct Entry {
@@ -110,7 +112,9 @@ class DecisionMemo {
   // sets_ * kWays entries once used; set i at [i * kWays, (i + 1) * kWays).
   std::vector<Entry> entries_;
   std::size_t sets_ = kMinSets;
-  std::size_t replaced_ = 0;    // kept entries replaced since the table last grew
+  // Since the table last grew or was judged: kept entries replaced, and hits.
+  std::size_t replaced_ = 0;
+  std::size_t hits_ = 0;
   std::string probe_;           // key of the last find(); its room is reused
   std::uint64_t probeHash_ = 0;
   std::size_t probeAppLength_ = 0;

@@ -2,7 +2,9 @@
 
 #include <android/log.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 #if defined(__GLIBC__)
 #include <malloc.h>
 #endif
@@ -137,9 +139,16 @@ int Map::put(int ruleNumber, const std::vector<std::string>& apps,
 
 void Map::freeze() {
   if (!apps_ || !include_ || !exclude_) return;
-  apps_->freeze();
-  include_->freeze();
-  exclude_->freeze();
+  // Smallest first: the larger machines' online states then meet only the
+  // smaller ones' frozen forms at the peak.
+  Machine* machines[] = {apps_.get(), include_.get(), exclude_.get()};
+  std::sort(std::begin(machines), std::end(machines), [](const Machine* a, const Machine* b) {
+    int sa = 0, sb = 0;
+    (void)a->size(sa);
+    (void)b->size(sb);
+    return sa < sb;
+  });
+  for (Machine* m : machines) m->freeze();
 }
 
 int Map::clearCache() {

@@ -115,12 +115,15 @@ class CompactTransitions {
     }
     const std::uint32_t* map = mapOf(h);
     int k = 0;
-    for (int c = 0; c < 256; ++c) {
-      if ((map[c >> 5] & bit(static_cast<unsigned char>(c))) != 0) {
-        f(static_cast<unsigned char>(c), targets[k++]);
+    for (int w = 0; w < kMapBitWords; ++w) {
+      for (std::uint32_t bits = map[w]; bits != 0; bits &= bits - 1) {
+        f(static_cast<unsigned char>(w * 32 + lowestBit(bits)), targets[k++]);
       }
     }
   }
+
+  // Transitions of `state`.
+  int countOf(int state) const { return record(state).head.count; }
 
   // Frees every state and transition; allocate() starts over.
   void release() {
@@ -179,6 +182,8 @@ class CompactTransitions {
     x = (x & 0x33333333u) + ((x >> 2) & 0x33333333u);
     return static_cast<int>((((x + (x >> 4)) & 0x0f0f0f0fu) * 0x01010101u) >> 24);
   }
+  // Index of the lowest set bit of x != 0.
+  static int lowestBit(std::uint32_t x) { return bitCount((x & (0u - x)) - 1); }
   static std::uint8_t* belowOf(std::uint32_t* map) {
     return reinterpret_cast<std::uint8_t*>(map + kMapBitWords);
   }

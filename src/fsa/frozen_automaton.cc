@@ -1,18 +1,9 @@
 #include "fsa/frozen_automaton.h"
 
 #include <algorithm>
-#include <bitset>
 #include <climits>
 
 namespace tpa::fsa {
-
-namespace {
-
-std::uint32_t bitCount(std::uint64_t x) {
-  return static_cast<std::uint32_t>(std::bitset<64>(x).count());
-}
-
-}  // namespace
 
 // --- RankedBits -------------------------------------------------------------
 
@@ -27,11 +18,6 @@ void RankedBits::seal() {
     before_[w] = total;
     total += bitCount(words_[w]);
   }
-}
-
-std::uint32_t RankedBits::rank(std::size_t i) const {
-  const std::uint64_t below = (std::uint64_t{1} << (i & 63)) - 1;
-  return before_[i >> 6] + bitCount(words_[i >> 6] & below);
 }
 
 // --- FrozenAutomaton --------------------------------------------------------
@@ -110,7 +96,7 @@ std::size_t FrozenAutomaton::bytes() const {
 
 // --- FrozenAutomaton::Builder -----------------------------------------------
 
-FrozenAutomaton::Builder::Builder(int states, int textLength)
+FrozenAutomaton::Builder::Builder(int states, int textLength, Sizes sizes)
     : frozen_(std::make_unique<FrozenAutomaton>()) {
   FrozenAutomaton& f = *frozen_;
   std::fill(std::begin(f.root_), std::end(f.root_), -1);
@@ -118,21 +104,20 @@ FrozenAutomaton::Builder::Builder(int states, int textLength)
   f.hasEdges_.resize(static_cast<std::size_t>(states));
   f.valued_.resize(static_cast<std::size_t>(states));
   f.stateCount_ = states;
+  f.edgeStart_.reserve(sizes.statesWithEdges + 1);
+  f.labels_.reserve(sizes.edges);
+  f.targets_.reserve(sizes.edges);
+  f.values_.reserve(sizes.valued);
 }
 
 void FrozenAutomaton::Builder::beginState(int s, Value v) {
   current_ = s;
   currentHasEdges_ = false;
-  if (v.storedKeyLength == kNoValue.storedKeyLength &&
-      v.userDefinedValue == kNoValue.userDefinedValue) {
-    return;
+  if (v.storedKeyLength != kNoValue.storedKeyLength ||
+      v.userDefinedValue != kNoValue.userDefinedValue) {
+    frozen_->valued_.set(static_cast<std::size_t>(s));
+    frozen_->values_.push_back(v);
   }
-  if (!filling_) {
-    ++valuedCount_;
-    return;
-  }
-  frozen_->valued_.set(static_cast<std::size_t>(s));
-  frozen_->values_.push_back(v);
 }
 
 void FrozenAutomaton::Builder::addEdge(unsigned char c, int target) {
@@ -145,28 +130,11 @@ void FrozenAutomaton::Builder::addEdge(unsigned char c, int target) {
   if (s < f.text_.size() && f.text_[s] == c && target == current_ + 1) return;
   if (!currentHasEdges_) {
     currentHasEdges_ = true;
-    if (filling_) {
-      f.hasEdges_.set(s);
-      f.edgeStart_.push_back(static_cast<std::uint32_t>(f.labels_.size()));
-    } else {
-      ++statesWithEdges_;
-    }
-  }
-  if (!filling_) {
-    ++edges_;
-    return;
+    f.hasEdges_.set(s);
+    f.edgeStart_.push_back(static_cast<std::uint32_t>(f.labels_.size()));
   }
   f.labels_.push_back(c);
   f.targets_.push_back(target);
-}
-
-void FrozenAutomaton::Builder::startFilling() {
-  FrozenAutomaton& f = *frozen_;
-  f.edgeStart_.reserve(statesWithEdges_ + 1);
-  f.labels_.reserve(edges_);
-  f.targets_.reserve(edges_);
-  f.values_.reserve(valuedCount_);
-  filling_ = true;
 }
 
 std::unique_ptr<FrozenAutomaton> FrozenAutomaton::Builder::finish() {

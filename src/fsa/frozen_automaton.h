@@ -43,7 +43,18 @@ class RankedBits {
 
   bool test(std::size_t i) const { return (words_[i >> 6] >> (i & 63)) & 1; }
   // Set bits below i.
-  std::uint32_t rank(std::size_t i) const;
+  std::uint32_t rank(std::size_t i) const {
+    const std::uint64_t below = (std::uint64_t{1} << (i & 63)) - 1;
+    return before_[i >> 6] + bitCount(words_[i >> 6] & below);
+  }
+  // In portable code: without a population count instruction the library
+  // call costs more than this.
+  static std::uint32_t bitCount(std::uint64_t x) {
+    x = x - ((x >> 1) & 0x5555555555555555u);
+    x = (x & 0x3333333333333333u) + ((x >> 2) & 0x3333333333333333u);
+    x = (x + (x >> 4)) & 0x0f0f0f0f0f0f0f0fu;
+    return static_cast<std::uint32_t>((x * 0x0101010101010101u) >> 56);
+  }
   std::size_t bytes() const { return words_.size() * 8 + before_.size() * 4; }
 
  private:
@@ -58,6 +69,13 @@ class FrozenAutomaton {
   struct Value {
     std::int32_t storedKeyLength;
     std::int32_t userDefinedValue;
+  };
+
+  // What a frozen automaton stores besides its text.
+  struct Sizes {
+    std::size_t edges;            // transitions neither from the start state nor read from the text
+    std::size_t statesWithEdges;  // states with such transitions
+    std::size_t valued;           // states whose value is not (0, -1)
   };
 
   // Filled by the owner of the online automaton, state by state in the new
@@ -111,8 +129,9 @@ class FrozenAutomaton {
 
 class FrozenAutomaton::Builder {
  public:
-  // An automaton of `states` states over a text of `textLength` characters.
-  Builder(int states, int textLength);
+  // An automaton of `states` states over a text of `textLength` characters
+  // that stores `sizes`.
+  Builder(int states, int textLength, Sizes sizes);
 
   void setText(int position, unsigned char c) { frozen_->text_[static_cast<std::size_t>(position)] = c; }
   // After the whole text: states in order 0, 1, 2, ..., each with its value
@@ -130,11 +149,6 @@ class FrozenAutomaton::Builder {
   std::unique_ptr<FrozenAutomaton> frozen_;
   int current_ = -1;
   bool currentHasEdges_ = false;
-  bool filling_ = false;
-  // Counted in the first pass.
-  std::size_t edges_ = 0;
-  std::size_t statesWithEdges_ = 0;
-  std::size_t valuedCount_ = 0;
 };
 
 }  // namespace tpa::fsa

@@ -352,7 +352,19 @@ class SuffixAutomaton {
       if (renumbered[i] == 0) renumbered[i] = next++;
     }
     const auto isClone = [&](int i) { return renumbered[i] > textLength; };
-    FrozenAutomaton::Builder builder(count_, textLength);
+    // What is stored, counted first so that every array is made to size:
+    // transitions other than the start state's and those the text gives
+    // (one from every position but the last), and values other than (0, -1).
+    std::size_t edges = 0, statesWithEdges = 0, valued = 0;
+    for (int i = 1; i < count_; ++i) {
+      const int stored = transitions_.countOf(i) - (renumbered[i] < textLength ? 1 : 0);
+      edges += static_cast<std::size_t>(stored);
+      statesWithEdges += stored > 0 ? 1 : 0;
+      valued += valueOf(i) != SAStateValue<T>() ? 1 : 0;
+    }
+    valued += valueOf(0) != SAStateValue<T>() ? 1 : 0;
+    FrozenAutomaton::Builder builder(count_, textLength,
+                                     FrozenAutomaton::Sizes{edges, statesWithEdges, valued});
     // Position e's character labels the one transition from the state of
     // position e - 1 (the start state for 0) into the state of position e.
     for (int i = 1, from = 0; i < count_; ++i) {
@@ -362,25 +374,21 @@ class SuffixAutomaton {
       });
       from = i;
     }
-    // Twice over the states in their new order: counting, then filling.
-    for (int pass = 0; pass < 2; ++pass) {
-      const auto visit = [&](int i) {
-        const SAStateValue<T> v = valueOf(i);
-        builder.beginState(renumbered[i], FrozenAutomaton::Value{v.storedKeyLength(),
-                                                                 static_cast<std::int32_t>(
-                                                                     v.userDefinedValue())});
-        transitions_.forEach(i, [&](unsigned char c, std::int32_t target) {
-          builder.addEdge(c, renumbered[static_cast<std::size_t>(target)]);
-        });
-      };
-      visit(0);
-      for (int i = 1; i < count_; ++i) {
-        if (!isClone(i)) visit(i);
-      }
-      for (int i = 1; i < count_; ++i) {
-        if (isClone(i)) visit(i);
-      }
-      if (pass == 0) builder.startFilling();
+    const auto visit = [&](int i) {
+      const SAStateValue<T> v = valueOf(i);
+      builder.beginState(renumbered[i],
+                         FrozenAutomaton::Value{v.storedKeyLength(),
+                                                static_cast<std::int32_t>(v.userDefinedValue())});
+      transitions_.forEach(i, [&](unsigned char c, std::int32_t target) {
+        builder.addEdge(c, renumbered[static_cast<std::size_t>(target)]);
+      });
+    };
+    visit(0);
+    for (int i = 1; i < count_; ++i) {
+      if (!isClone(i)) visit(i);
+    }
+    for (int i = 1; i < count_; ++i) {
+      if (isClone(i)) visit(i);
     }
     return builder.finish();
   }

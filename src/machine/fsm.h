@@ -4,7 +4,8 @@
 // and partial (kPartialKey) answers for one string are kept apart.
 //
 // Owns its automaton and cache; both are absent until construct. Every answer
-// is cached, a non-match too, and stays cached across later puts. Not
+// is cached, a non-match too, and stays cached across later puts, until the
+// machine is frozen: its frozen automaton then answers every lookup itself. Not
 // thread-safe: lookups write to the cache, so callers serialise all access.
 #ifndef TPA_MACHINE_FSM_H_
 #define TPA_MACHINE_FSM_H_
@@ -68,8 +69,9 @@ class FSM {
   }
 
   // Trades the automaton's online states for their read-only form once
-  // nothing more will be put (see SuffixAutomaton::freeze); the cache keeps
-  // its answers, which the frozen form would give again. True when frozen.
+  // nothing more will be put (see SuffixAutomaton::freeze). Every answer the
+  // cache holds is one the frozen form gives again, so lookups go straight to
+  // it from then on. True when frozen.
   bool freeze() { return automaton_ != nullptr && automaton_->freeze(); }
 
   // out = states in use other than the start state. 0, or -1.
@@ -95,6 +97,13 @@ class FSM {
   template <typename Search>
   int find(const KeyPair& key, StateValue& out, Length& matched, Search search) {
     if (!automaton_ || !cache_) return error::TPA_ERROR_OOM;
+    if (automaton_->frozen()) {
+      // Nothing is put once frozen, so the cache could only ever repeat what
+      // the frozen automaton answers, at more than the cost of a walk. Its
+      // entries are kept but no longer consulted.
+      matched = search(key.first, out);
+      return error::TPA_ERROR_NONE;
+    }
     Cached answer(StateValue(0, fsa::SA_DEFAULT_USER_DEFINED_VALUE), 0);
     const int code = cache_->getOrPut(key, answer, [&] {
       StateValue found;

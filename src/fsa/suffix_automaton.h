@@ -98,6 +98,7 @@ class SuffixAutomaton {
     const int k = n < 2 ? 3 : n;
     requestedLength_ = k;
     capacity_ = k <= INT32_MAX / 2 ? 2 * k : 0;
+    frozen_.reset();
     values_.reset();
     if (capacity_ == 0 || !values_.allocateZeroed(static_cast<std::size_t>(capacity_)) ||
         !transitions_.allocate(capacity_)) {

@@ -20,6 +20,7 @@ TEST(Workload, SameSeedSameDocumentAndQueries) {
   EXPECT_NE(toJson(a), toJson(generateRules(8, 2000)));
   const QueryStream qa = distinctQueries(a, 9, 500), qb = distinctQueries(b, 9, 500);
   ASSERT_EQ(qa.destinations, qb.destinations);
+  EXPECT_EQ(toJson(a), toJson(fromJson(toJson(a))));  // what the command-line peers read
 }
 
 TEST(Workload, MixOfDestinationKindsIsAsAdvertised) {

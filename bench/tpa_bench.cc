@@ -13,6 +13,8 @@
 //                                  it with 1% of its entries changed (for
 //                                  tpa diff), and query
 //                                  streams (app TAB destination) and exit
+//   --tpa_write_cli=DIR            the same for scripts/cli_bench.py: every
+//                                  query of the distinct and hot streams
 //   --tpa_probe=KIND,SIZE          (internal) one memory probe, see probes.h
 #include <benchmark/benchmark.h>
 #include <malloc.h>
@@ -44,6 +46,7 @@ struct Options {
   std::string check;  // "", "only" or "skip"
   std::string checkOut;
   std::string workloadDir;
+  std::string cliDir;
   std::string probe;
 };
 
@@ -76,6 +79,8 @@ Options parseOptions(int& argc, char** argv) {
       o.probe = v;
     } else if (const char* v = value("--tpa_write_workload=")) {
       o.workloadDir = v;
+    } else if (const char* v = value("--tpa_write_cli=")) {
+      o.cliDir = v;
     } else {
       argv[kept++] = argv[i];
     }
@@ -276,6 +281,34 @@ std::string changedJson(RuleSet rules) {
   return toJson(rules);
 }
 
+// The streams of the command-line comparison (scripts/cli_bench.py), all
+// --tpa_queries of them: the distinct stream, and a hot one that asks 8 of its
+// destinations for random applications among 500 of its own.
+int writeCliWorkloads(const Options& o) {
+  for (const int size : o.sizes) {
+    const RuleSet rules = generateRules(kSeed + size, size);  // as the benchmarks' own
+    const std::string base = o.cliDir + "/" + std::to_string(size);
+    std::ofstream(base + "-rules.json") << toJson(rules);
+    const QueryStream distinct = distinctQueries(rules, kSeed + 3 * size, o.queries);
+    std::ofstream out(base + "-distinct.tsv");
+    for (const Query& q : distinct.queries) {
+      out << distinct.apps[q.app] << '\t' << distinct.destinations[q.destination] << '\n';
+    }
+    Rng rng(kSeed ^ 0x407ull);
+    std::ofstream hot(base + "-hot.tsv");
+    const auto pick = [&] { return distinct.queries[rng.below(static_cast<std::uint32_t>(
+                                std::min<std::size_t>(distinct.queries.size(), 500)))]; };
+    std::vector<std::uint32_t> apps, destinations;
+    for (int i = 0; i < 500; ++i) apps.push_back(pick().app);
+    for (int i = 0; i < 8; ++i) destinations.push_back(pick().destination);
+    for (std::size_t i = 0; i < o.queries; ++i) {
+      hot << distinct.apps[apps[rng.below(500)]] << '\t'
+          << distinct.destinations[destinations[rng.below(8)]] << '\n';
+    }
+  }
+  return 0;
+}
+
 int writeWorkloads(const Options& o) {
   for (const int size : o.sizes) {
     const Workload& w = Fixtures::get().workload(size);
@@ -324,6 +357,7 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   Fixtures::get().setStreamLength(options.queries);
   if (!options.workloadDir.empty()) return writeWorkloads(options);
+  if (!options.cliDir.empty()) return writeCliWorkloads(options);
   if (options.check != "skip") {
     if (const int failed = runChecks(options); failed != 0 || options.check == "only") {
       return failed;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstdlib>
 #include <unordered_set>
 
 namespace tpa::bench {
@@ -422,6 +423,47 @@ std::string toJson(const RuleSet& rules) {
   }
   json += "]\n";
   return json;
+}
+
+RuleSet fromJson(const std::string& json) {
+  RuleSet out;
+  std::vector<std::string>* list = nullptr;  // the list being read, if any
+  bool id = false;                           // the next string is the id
+  for (std::size_t i = 0; i < json.size(); ++i) {
+    const char c = json[i];
+    if (c == '{') {
+      out.rules.emplace_back();
+    } else if (c == ']') {
+      list = nullptr;
+    } else if (c == '"') {
+      const std::size_t end = json.find('"', i + 1);
+      if (end == std::string::npos || out.rules.empty()) break;
+      const std::string s = json.substr(i + 1, end - i - 1);
+      i = end;
+      DocumentRule& r = out.rules.back();
+      if (list != nullptr) {
+        list->push_back(s);
+      } else if (id) {
+        r.id = std::atoi(s.c_str());
+        id = false;
+      } else if (s == "id") {
+        id = true;
+      } else if (s == "match_apps" || s == "include" || s == "exclude") {
+        list = s == "match_apps" ? &r.apps : s == "include" ? &r.include : &r.exclude;
+      }
+    }
+  }
+  for (std::uint32_t n = 0; n < out.rules.size(); ++n) {
+    DocumentRule& r = out.rules[n];
+    if (r.apps.size() == 1 && r.apps[0] == "#LAMBDA-APP") {
+      r.apps.clear();
+      r.lambdaApp = true;
+    }
+    for (const std::string& d : r.include) out.entries.push_back({n, true, DestKind::kDomain, d});
+    for (const std::string& d : r.exclude) out.entries.push_back({n, false, DestKind::kDomain, d});
+  }
+  out.destinations = out.entries.size();
+  return out;
 }
 
 QueryStream distinctQueries(const RuleSet& rules, std::uint64_t seed, std::size_t count) {

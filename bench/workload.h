@@ -84,6 +84,11 @@ struct RuleSet {
 // The rules document: a JSON array of flat objects with quoted values.
 [[nodiscard]] std::string toJson(const RuleSet& rules);
 
+// The rules of a document that toJson wrote (and only of such a document:
+// quoted strings without escapes, one flat object per rule); entries carry
+// their rule, list and text only. For the command-line peers.
+[[nodiscard]] RuleSet fromJson(const std::string& json);
+
 // What a query is aimed at.
 enum class Target : std::uint8_t { kDomain, kWildcard, kIPv4, kIPv4Net, kIPv6, kIPv6Net, kNothing };
 

@@ -12,7 +12,7 @@ build=${TPA_BENCH_BUILD:-build-bench}
 out=$build/bench-results
 
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DTPA_BUILD_TESTS=OFF -DTPA_BUILD_TOOLS=OFF -DTPA_BUILD_FUZZERS=OFF >/dev/null
+  -DTPA_BUILD_TESTS=OFF -DTPA_BUILD_FUZZERS=OFF >/dev/null
 cmake --build "$build" -j2 --target tpa_bench
 java_classes=""
 if cmake --build "$build" -j2 --target tpa_bench_java 2>/dev/null; then
@@ -36,4 +36,16 @@ if [ -n "$java_classes" ] && command -v java >/dev/null; then
 fi
 
 python3 bench/report.py "$out" docs/performance.md docs/performance.svg "$build"
+
+# The command-line comparison: tpa query against the peers behind the same
+# stdin protocol, 1M queries per stream on 100k destinations, 100k on 1M.
+# TPA_BENCH_CLI=0 skips it.
+if [ "${TPA_BENCH_CLI:-1}" != 0 ]; then
+  cmake --build "$build" -j2 --target tpa tpa_peer
+  cli=$out/cli
+  mkdir -p "$cli"
+  "$build/bench/tpa_bench" --tpa_write_cli="$cli" --tpa_sizes=100000
+  "$build/bench/tpa_bench" --tpa_write_cli="$cli" --tpa_sizes=1000000 --tpa_queries=100000
+  python3 bench/cli_bench.py "$build" "$cli" 100000,1000000 --doc docs/performance.md
+fi
 echo "bench: wrote docs/performance.md and docs/performance.svg from $out" >&2

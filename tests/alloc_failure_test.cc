@@ -171,6 +171,12 @@ TEST_F(AllocFailure, EveryFailingAllocationOfABuildFailsItCleanly) {
         return;
       }
       ++points;
+      if (result == 0) {
+        // Only freezing may fail without failing the build: the machine then
+        // stays online and answers the same.
+        EXPECT_EQ(fresh, answers(analyzer));
+        continue;
+      }
       ASSERT_EQ(tpa::error::TPA_ERROR_OOM, result);
       EXPECT_STREQ("tarn_patteren_analyzer.so", lastLog.tag);
       EXPECT_EQ(ANDROID_LOG_ERROR, lastLog.priority);

@@ -1,5 +1,6 @@
 // The suffix automaton: limits and their messages, the values lookups report, and model checks
-// against brute force, the std::map store and the literal matching-statistics wildcard search.
+// against brute force, the std::map store, the literal matching-statistics wildcard search and
+// the frozen form.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -74,12 +75,16 @@ TEST(SuffixAutomaton, LookupTable) {
       {{"#*.b$01"}, "", true, INT_MIN, Value()},
   };
   for (const auto& [keys, query, partial, read, value] : cases) {
-    Automaton sa;
-    sa.construct(20);
-    for (std::size_t k = 0; k < keys.size(); ++k) ASSERT_EQ(0, sa.add(keys[k], 1 + k));
-    Value out(5, 5);
-    EXPECT_EQ(read, partial ? sa.tryFindPartial(query, out) : sa.tryFindFull(query, out)) << query;
-    EXPECT_EQ(value, out) << query;
+    for (const bool freeze : {false, true}) {
+      Automaton sa;
+      sa.construct(20);
+      for (std::size_t k = 0; k < keys.size(); ++k) ASSERT_EQ(0, sa.add(keys[k], 1 + k));
+      ASSERT_EQ(freeze, freeze && sa.freeze());
+      Value out(5, 5);
+      EXPECT_EQ(read, partial ? sa.tryFindPartial(query, out) : sa.tryFindFull(query, out))
+          << query << freeze;
+      EXPECT_EQ(value, out) << query << freeze;
+    }
   }
 }
 
@@ -129,13 +134,19 @@ void checkRandom(const std::string& alphabet, unsigned seed, double room) {
     std::string text = keys[0];
     for (int i = 1 + rng() % 12; i > 0; --i)
       text += keys.emplace_back((rng() % 3 ? "#" : "#*.") + random(40) + "$");
-    Automaton sa;
+    Automaton sa, frozen;
     Reference reference;
     sa.construct(static_cast<int>(text.size() * room));
+    frozen.construct(static_cast<int>(text.size() * room));
     reference.construct(static_cast<int>(text.size() * room));
     LogCapture quiet;
-    for (std::size_t k = 0; k < keys.size(); ++k)
+    for (std::size_t k = 0; k < keys.size(); ++k) {
       ASSERT_EQ(reference.add(keys[k], k), sa.add(keys[k], k));
+      (void)frozen.add(keys[k], k);
+    }
+    // A broken automaton stays online; either way it answers as before.
+    ASSERT_EQ(sa.size() < sa.capacity(), frozen.freeze());
+    ASSERT_EQ(-2, frozen.add("a", 1));
     for (int i = 0; i < 80; ++i) {
       std::string q = random(45);
       if (i % 2 == 0) q = text.substr(rng() % text.size(), rng() % 45) + q.substr(0, q.size() % 4);
@@ -145,6 +156,11 @@ void checkRandom(const std::string& alphabet, unsigned seed, double room) {
       ASSERT_EQ(fullRef, full) << q;
       ASSERT_EQ(literalPartial(sa, q, literal), p) << text << " / " << q;
       ASSERT_EQ(literal, partial) << text << " / " << q;
+      Value frozenFull, frozenPartial;
+      ASSERT_EQ(f, frozen.tryFindFull(q, frozenFull)) << text << " / " << q;
+      ASSERT_EQ(full, frozenFull) << text << " / " << q;
+      ASSERT_EQ(p, frozen.tryFindPartial(q, frozenPartial)) << text << " / " << q;
+      ASSERT_EQ(partial, frozenPartial) << text << " / " << q;
       if (room < 1) continue;
       ASSERT_EQ(longestIn(text, q, false), f) << text << " / " << q;
       ASSERT_EQ(longestIn(text, q, true), p) << text << " / " << q;

@@ -113,7 +113,7 @@ TEST(JsonReader, CountersStayInStepOnRandomDocuments) {
                                 static_cast<int>(recorder.calls.size())}))
         << text;
     EXPECT_EQ(result == 0 ? std::string() : text, reader.json_str);
-    EXPECT_EQ(result != 0, reader.dict != nullptr && reader.dict->has(text));
+    EXPECT_EQ(result != 0, reader.dict != nullptr);  // kept only by a failed parse
   }
 }
 

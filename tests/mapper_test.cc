@@ -179,7 +179,8 @@ TEST(Map, TracedQueryBypassesTheMemoAndRecordsTheFallback) {
 }
 
 // Random rules and queries, many repeated: the memo answers as the machines do (traced queries
-// on a twin map never use it), across clearCache and set conflicts; tiny caches evict at once.
+// on a twin map never use it), across clearCache, set conflicts and the memo's growth, and frozen
+// machines as online ones; tiny caches evict at once.
 TEST(Map, MemoAnswersAsTheMachines) {
   std::mt19937 rng(11);
   Fixture plain(3), traced(3);
@@ -189,6 +190,7 @@ TEST(Map, MemoAnswersAsTheMachines) {
     plain.put(r, apps, in, out, r + 10);
     traced.put(r, apps, in, out, r + 10);
   }
+  plain.map.freeze();  // and the frozen machines as the online ones
   for (int i = 0; i < 20000; ++i) {
     const std::string app = "app" + (rng() % 8 ? std::to_string(rng() % 7) : "");  // app1+5=app+15
     const std::string to = std::to_string(rng() % 150) + (rng() % 2 ? ".a.test" : ".1.2.3");

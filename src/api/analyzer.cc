@@ -82,8 +82,10 @@ int buildMap(const std::string& source, bool fromFile, std::unique_ptr<mapper::M
     // document is never held twice in memory.
     rule.clear();
   }
+  fresh->freeze();
   map = std::move(fresh);
   parser.clear();
+  mapper::releaseFreedMemory();
   return error::TPA_ERROR_NONE;
 }
 
@@ -142,6 +144,7 @@ int TarnPatternAnalyzer::build(const std::string& source, bool fromFile) {
   Builder fresh;
   int result = fresh.build(copy, fromFile);
   if (result == error::TPA_ERROR_NONE) builder = fresh;
+  mapper::releaseFreedMemory();  // the previous rules or the failed build
   return result;
 }
 

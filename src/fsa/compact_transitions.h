@@ -99,6 +99,40 @@ class CompactTransitions {
     ++h.count;
   }
 
+  // Calls f(label, target) for every transition of `state`.
+  template <typename F>
+  void forEach(int state, F f) const {
+    const Head& h = record(state).head;
+    if (h.count == 1) {
+      f(h.label, h.data);
+      return;
+    }
+    if (h.count == 0) return;
+    const std::int32_t* targets = targetsOf(h);
+    if (h.sizeClass < kMapClass) {
+      for (int i = 0; i < h.count; ++i) f(labelsOf(h)[i], targets[i]);
+      return;
+    }
+    const std::uint32_t* map = mapOf(h);
+    int k = 0;
+    for (int w = 0; w < kMapBitWords; ++w) {
+      for (std::uint32_t bits = map[w]; bits != 0; bits &= bits - 1) {
+        f(static_cast<unsigned char>(w * 32 + lowestBit(bits)), targets[k++]);
+      }
+    }
+  }
+
+  // Transitions of `state`.
+  int countOf(int state) const { return record(state).head.count; }
+
+  // Frees every state and transition; allocate() starts over.
+  void release() {
+    records_.reset();
+    pool_.reset();
+    poolUsed_ = 0;
+    std::fill(std::begin(freeRuns_), std::end(freeRuns_), 0);
+  }
+
   // Gives `to`, which has no transitions, a copy of the transitions of `from`
   // (payloads are left alone).
   void copy(int from, int to) {
@@ -148,6 +182,8 @@ class CompactTransitions {
     x = (x & 0x33333333u) + ((x >> 2) & 0x33333333u);
     return static_cast<int>((((x + (x >> 4)) & 0x0f0f0f0fu) * 0x01010101u) >> 24);
   }
+  // Index of the lowest set bit of x != 0.
+  static int lowestBit(std::uint32_t x) { return bitCount((x & (0u - x)) - 1); }
   static std::uint8_t* belowOf(std::uint32_t* map) {
     return reinterpret_cast<std::uint8_t*>(map + kMapBitWords);
   }

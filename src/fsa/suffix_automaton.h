@@ -9,19 +9,25 @@
 // suffix-link fallback reads one record; its value (8 bytes) sits apart, read
 // once per lookup. extend is amortised O(1) store operations; lookups are
 // linear in the query plus amortised suffix-link steps and allocate nothing.
-// Owns its states and transitions. Not thread-safe: callers serialise every
-// access.
+// Once nothing more will be appended, freeze() trades the online states for
+// their read-only form (FrozenAutomaton), several times smaller, answering
+// every lookup as before. Owns its states and transitions. Not thread-safe:
+// callers serialise every access.
 #ifndef TPA_FSA_SUFFIX_AUTOMATON_H_
 #define TPA_FSA_SUFFIX_AUTOMATON_H_
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
+#include <new>
 #include <string>
 #include <type_traits>
+#include <vector>
 
 #include "api/constants.h"
 #include "api/log.h"
 #include "fsa/compact_transitions.h"
+#include "fsa/frozen_automaton.h"
 #include "fsa/pod_array.h"
 
 namespace tpa::fsa {
@@ -92,6 +98,7 @@ class SuffixAutomaton {
     const int k = n < 2 ? 3 : n;
     requestedLength_ = k;
     capacity_ = k <= INT32_MAX / 2 ? 2 * k : 0;
+    frozen_.reset();
     values_.reset();
     if (capacity_ == 0 || !values_.allocateZeroed(static_cast<std::size_t>(capacity_)) ||
         !transitions_.allocate(capacity_)) {
@@ -112,7 +119,7 @@ class SuffixAutomaton {
     return add(key.data(), key.size(), userDefinedValue);
   }
   [[nodiscard]] int add(const char* key, std::size_t size, T userDefinedValue) {
-    if (!values_) {
+    if (!values_ && !frozen_) {
       __android_log_print(log::kError, log::kEngineTag, "[SA] states_ array is not allocated. %s",
                           log::kLineEnd);
       return error::TPA_ERROR_OOM;
@@ -131,6 +138,7 @@ class SuffixAutomaton {
   // is full every call fails with TPA_ERROR_ARRAY_OUT_OF_INDEX, since count is
   // advanced before the bounds check and never taken back.
   [[nodiscard]] int extend(char ch, SAStateValue<T> value) {
+    if (frozen_) return error::TPA_ERROR_ARRAY_OUT_OF_INDEX;  // takes nothing more
     const auto c = static_cast<unsigned char>(ch);
     const int cur = count_++;
     if (cur >= capacity_) {
@@ -174,8 +182,14 @@ class SuffixAutomaton {
     return tryFindFull(key.data(), key.size(), out);
   }
   [[nodiscard]] int tryFindFull(const char* key, std::size_t size, SAStateValue<T>& out) const {
-    if (!values_) return emptyFull(out);
     const int n = static_cast<int>(size);
+    if (frozen_) {
+      FrozenAutomaton::Value v;
+      const int read = frozen_->tryFindFull(key, n, v);
+      out = SAStateValue<T>(v.storedKeyLength, static_cast<T>(v.userDefinedValue));
+      return read;
+    }
+    if (!values_) return emptyFull(out);
     int s = 0;
     for (int i = 0; i < n; ++i) {
       const std::int32_t* next = transitions_.find(s, static_cast<unsigned char>(key[i]));
@@ -198,6 +212,12 @@ class SuffixAutomaton {
   }
   [[nodiscard]] int tryFindPartial(const char* key, std::size_t size, SAStateValue<T>& out) const {
     const int n = static_cast<int>(size);
+    if (frozen_) {
+      FrozenAutomaton::Value v;
+      const int best = frozen_->tryFindPartial(key, n, v);
+      out = SAStateValue<T>(v.storedKeyLength, static_cast<T>(v.userDefinedValue));
+      return best;
+    }
     if (!values_) return emptyPartial(n, out);
     const int best = n < 1 ? INT32_MIN : longestSuffix(key, n);
     const std::int32_t* star = transitions_.find(0, static_cast<unsigned char>('*'));
@@ -217,14 +237,34 @@ class SuffixAutomaton {
     return best;
   }
 
+  // Replaces the states with their read-only form, which answers every
+  // lookup as they do and takes nothing more (extend fails). An automaton
+  // never allocated, already frozen or broken by a failed extend is left as
+  // it is, and so is one when memory runs out: it keeps answering either way.
+  // True when frozen.
+  bool freeze() noexcept {
+    if (!values_ || count_ > capacity_) return false;
+    try {
+      frozen_ = makeFrozen();
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+    transitions_.release();
+    values_.reset();
+    return true;
+  }
+  bool frozen() const { return frozen_ != nullptr; }
+  const FrozenAutomaton* frozenForm() const { return frozen_.get(); }
+
   // States in use other than the start state (past the capacity once full).
   int size() const { return count_ - 1; }
 
-  // Read-only views for diagnostics and tests.
+  // Read-only views for diagnostics and tests; states and transitions only
+  // until frozen.
   int capacity() const { return capacity_; }
   int requestedLength() const { return requestedLength_; }
   int last() const { return last_; }
-  bool allocated() const { return static_cast<bool>(values_); }
+  bool allocated() const { return values_ || frozen_; }
   SAState<T> stateAt(int i) const { return SAState<T>(length(i), link(i), valueOf(i)); }
   const Transitions& transitions() const { return transitions_; }
 
@@ -300,6 +340,60 @@ class SuffixAutomaton {
     return l;
   }
 
+  // The frozen form: the start state, then the state created for each text
+  // position in text order (its length is the position + 1, and a clone made
+  // while appending position e is shorter than e + 2), then the clones.
+  std::unique_ptr<FrozenAutomaton> makeFrozen() const {
+    std::vector<std::int32_t> renumbered(static_cast<std::size_t>(count_), 0);
+    int textLength = 0;
+    for (int i = 1; i < count_; ++i) {
+      if (length(i) == textLength + 1) renumbered[i] = ++textLength;
+    }
+    for (int i = 1, next = textLength + 1; i < count_; ++i) {
+      if (renumbered[i] == 0) renumbered[i] = next++;
+    }
+    const auto isClone = [&](int i) { return renumbered[i] > textLength; };
+    // What is stored, counted first so that every array is made to size:
+    // transitions other than the start state's and those the text gives
+    // (one from every position but the last), and values other than (0, -1).
+    std::size_t edges = 0, statesWithEdges = 0, valued = 0;
+    for (int i = 1; i < count_; ++i) {
+      const int stored = transitions_.countOf(i) - (renumbered[i] < textLength ? 1 : 0);
+      edges += static_cast<std::size_t>(stored);
+      statesWithEdges += stored > 0 ? 1 : 0;
+      valued += valueOf(i) != SAStateValue<T>() ? 1 : 0;
+    }
+    valued += valueOf(0) != SAStateValue<T>() ? 1 : 0;
+    FrozenAutomaton::Builder builder(count_, textLength,
+                                     FrozenAutomaton::Sizes{edges, statesWithEdges, valued});
+    // Position e's character labels the one transition from the state of
+    // position e - 1 (the start state for 0) into the state of position e.
+    for (int i = 1, from = 0; i < count_; ++i) {
+      if (isClone(i)) continue;
+      transitions_.forEach(from, [&](unsigned char c, std::int32_t target) {
+        if (target == i) builder.setText(renumbered[i] - 1, c);
+      });
+      from = i;
+    }
+    const auto visit = [&](int i) {
+      const SAStateValue<T> v = valueOf(i);
+      builder.beginState(renumbered[i],
+                         FrozenAutomaton::Value{v.storedKeyLength(),
+                                                static_cast<std::int32_t>(v.userDefinedValue())});
+      transitions_.forEach(i, [&](unsigned char c, std::int32_t target) {
+        builder.addEdge(c, renumbered[static_cast<std::size_t>(target)]);
+      });
+    };
+    visit(0);
+    for (int i = 1; i < count_; ++i) {
+      if (!isClone(i)) visit(i);
+    }
+    for (int i = 1; i < count_; ++i) {
+      if (isClone(i)) visit(i);
+    }
+    return builder.finish();
+  }
+
   // Lookups on an automaton that was never allocated answer as an empty one.
   static int emptyFull(SAStateValue<T>& out) {
     out = SAStateValue<T>();
@@ -320,6 +414,8 @@ class SuffixAutomaton {
   int count_ = 1;            // states in use; the next state gets this index
   int requestedLength_ = 0;  // construct's argument after raising 0 and 1 to 3
   int capacity_ = 0;         // states allocated: 2 * requestedLength_
+  // Once frozen: the only form, transitions_ and values_ released.
+  std::unique_ptr<FrozenAutomaton> frozen_;
 };
 
 extern template class SuffixAutomaton<int>;

@@ -68,26 +68,18 @@ int json::parse_json_str(const std::string& text, JsonEventListener* listener) {
 }
 
 int json::automaton(const std::string& text) {
+  // No event ever depends on the dictionary's content, and nothing reads it
+  // before it is dropped: only its table is reserved, which is what fails
+  // for a document too large to read (zero-filled, it costs no resident
+  // memory), and the text is never inserted.
   dict = std::make_unique<dawg>(length32(text));
-  const int constructed = dict->construct();
-  if (constructed != error::TPA_ERROR_NONE) return constructed;
-  return dict->insert(text);
+  return dict->construct();
 }
 
 void json::traverse(const std::string& text) {
   const std::int32_t n = length32(text);
-  int walk = 0;  // the dictionary state of the longest suffix read so far
   for (std::int32_t i = 0; i < n; ++i) {
-    const char c = text[i];
-    // The listener may replace the dictionary while the scan runs.
-    const dawg* d = dict.get();
-    // Over the dictionary's own text the walk goes from the state created for
-    // one character to the state created for the next, found without a search.
-    const int ahead = d ? d->step_along(walk, c) : -1;
-    if (ahead < 0 && d) {
-      while (walk > 0 && d->step(walk, c) < 0) walk = d->suffix_link(walk);
-    }
-    switch (c) {
+    switch (text[i]) {
       case '{': on_open_curly_brace(i); break;
       case '}': on_close_curly_brace(i); break;
       case '[': on_open_square_bracket(i); break;
@@ -97,14 +89,6 @@ void json::traverse(const std::string& text) {
       case ',': on_comma(i); break;
       default: break;
     }
-    if (ahead >= 0 && dict.get() == d) {
-      walk = ahead;
-      continue;
-    }
-    d = dict.get();
-    // Over its own text every step exists; over any other, restart at the root.
-    const int next = d ? d->step(walk, c) : -1;
-    walk = next < 0 ? 0 : next;
   }
 }
 

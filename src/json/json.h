@@ -42,9 +42,11 @@ class json {
   // Allocation failure propagates as std::bad_alloc; the reader stays
   // destructible and frees what it holds.
   [[nodiscard]] int parse_json_str(const std::string& text, JsonEventListener* listener);
-  // Builds the key dictionary over `text`, replacing any earlier one.
+  // Reserves the key dictionary for `text`, replacing any earlier one; as no
+  // event depends on its content, it is never filled. TPA_ERROR_OOM when the
+  // reservation fails.
   [[nodiscard]] int automaton(const std::string& text);
-  // The scan: every event of `text`, with the dictionary walked in step.
+  // The scan: every event of `text`.
   void traverse(const std::string& text);
   // The balance check on its own (logged when it fails).
   [[nodiscard]] int validate();
@@ -63,7 +65,7 @@ class json {
   // key (when none is set) or as a value of it; "[]" is taken as empty.
   void extract_value(int end, int start);
 
-  // The dictionary over the whole text; dropped after a successful parse.
+  // The dictionary reserved for the whole text; dropped after a successful parse.
   std::unique_ptr<dawg> dict;
   // Each pair below moves together: the first of a pair is checked at the
   // end of a parse, the second decides events.

@@ -4,7 +4,8 @@
 // and partial (kPartialKey) answers for one string are kept apart.
 //
 // Owns its automaton and cache; both are absent until construct. Every answer
-// is cached, a non-match too, and stays cached across later puts. Not
+// is cached, a non-match too, and stays cached across later puts, until the
+// machine is frozen: its frozen automaton then answers every lookup itself. Not
 // thread-safe: lookups write to the cache, so callers serialise all access.
 #ifndef TPA_MACHINE_FSM_H_
 #define TPA_MACHINE_FSM_H_
@@ -67,6 +68,12 @@ class FSM {
                 [this](const Key& k, StateValue& v) { return automaton_->tryFindPartial(k, v); });
   }
 
+  // Trades the automaton's online states for their read-only form once
+  // nothing more will be put (see SuffixAutomaton::freeze). Every answer the
+  // cache holds is one the frozen form gives again, so lookups go straight to
+  // it from then on. True when frozen.
+  bool freeze() { return automaton_ != nullptr && automaton_->freeze(); }
+
   // out = states in use other than the start state. 0, or -1.
   [[nodiscard]] int size(int& out) const {
     if (!automaton_ || !cache_) return error::TPA_ERROR_OOM;
@@ -94,7 +101,10 @@ class FSM {
   template <typename Search>
   int find(const KeyPair& key, StateValue& out, Length& matched, Search search) {
     if (!automaton_ || !cache_) return error::TPA_ERROR_OOM;
-    if (cacheBypassed_) {
+    if (cacheBypassed_ || automaton_->frozen()) {
+      // Nothing is put once frozen, so the cache could only ever repeat what
+      // the frozen automaton answers, at more than the cost of a walk. Its
+      // entries are kept but no longer consulted.
       matched = search(key.first, out);
       return error::TPA_ERROR_NONE;
     }

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <new>
 #include <string_view>
 
 #include "api/constants.h"
@@ -253,9 +254,14 @@ Decision finish(QueryTrace* trace, const Decision& d) {
 bool DecisionMemo::find(const std::string& app, const std::string& destination, Decision& out) {
   probeKept_ = app.size() <= kMaxKey && destination.size() <= kMaxKey - app.size();
   if (!probeKept_) return false;
-  if (entries_.empty()) entries_.resize(kSets * kWays);
-  probe_.assign(app);
-  probe_.append(destination);
+  try {
+    if (entries_.empty()) entries_.resize(sets_ * kWays);
+    probe_.assign(app);
+    probe_.append(destination);
+  } catch (const std::bad_alloc&) {
+    probeKept_ = false;  // no room for the memo: the machines answer
+    return false;
+  }
   probeAppLength_ = app.size();
   // The application's length tells "ab" + "c" from "a" + "bc".
   probeHash_ = std::hash<std::string_view>{}(probe_) ^ (probeAppLength_ * 0x9e3779b97f4a7c15u);
@@ -266,6 +272,7 @@ bool DecisionMemo::find(const std::string& app, const std::string& destination, 
         e.key == probe_) {
       e.lastUsed = ++clock_;
       out = e.decision;
+      ++hits_;
       return true;
     }
   }
@@ -280,16 +287,58 @@ void DecisionMemo::remember(const Decision& d) {
   for (std::size_t i = 1; i < kWays; ++i) {
     if (ways[i].lastUsed < victim->lastUsed) victim = &ways[i];
   }
-  victim->key.assign(probe_);
+  if (victim->lastUsed != 0 && ++replaced_ >= entries_.size()) {
+    // A table that keeps replacing entries grows, unless it hardly answers
+    // anything (a stream of new pairs would only fill a larger one).
+    const bool useful = hits_ >= replaced_ / kHitsPerGrowth;
+    replaced_ = 0;
+    hits_ = 0;
+    if (useful && sets_ < kMaxSets && grow()) {
+      remember(d);  // filed in the grown table
+      return;
+    }
+  }
+  try {
+    victim->key.assign(probe_);
+  } catch (const std::bad_alloc&) {
+    victim->lastUsed = 0;  // its old key is kept no longer either
+    return;
+  }
   victim->hash = probeHash_;
   victim->appLength = probeAppLength_;
   victim->lastUsed = ++clock_;
   victim->decision = d;
 }
 
+bool DecisionMemo::grow() {
+  std::vector<Entry> old;
+  try {
+    old.resize(sets_ * 2 * kWays);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  old.swap(entries_);
+  sets_ *= 2;
+  // An old set splits into two new ones, each taking at most kWays entries.
+  for (Entry& e : old) {
+    if (e.lastUsed == 0) continue;
+    Entry* ways = set(e.hash);
+    for (std::size_t i = 0; i < kWays; ++i) {
+      if (ways[i].lastUsed == 0) {
+        ways[i] = std::move(e);
+        break;
+      }
+    }
+  }
+  probeKept_ = true;
+  return true;
+}
+
 void DecisionMemo::clear() {
   for (Entry& e : entries_) e.lastUsed = 0;
   probeKept_ = false;
+  replaced_ = 0;
+  hits_ = 0;
 }
 
 // --- MapDecisionMaker -------------------------------------------------------

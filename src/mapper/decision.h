@@ -69,11 +69,17 @@ struct QueryBuffers {
 };
 
 // Whole decisions of recent queries, keyed by (application, destination), so
-// that a repeated query skips the machines. Set-associative: kSets sets of
-// kWays entries, the least recently used entry of a set replaced; pairs longer
-// than kMaxKey characters are never kept, so that the memo stays small. Its
-// table is allocated on first use; a hit allocates nothing. Owned by one Map,
-// whose queries it serves one at a time. Not thread-safe.
+// that a repeated query skips the machines. Set-associative: sets of kWays
+// entries, the least recently used entry of a set replaced; pairs longer than
+// kMaxKey characters are never kept. The table starts at kMinSets sets on
+// first use and doubles whenever it has replaced as many entries as it holds
+// while answering at least one query in kHitsPerGrowth of those, up to
+// kMaxSets: a working set of thousands of pairs (dozens of apps, each
+// with its destinations) is answered from it, within a budget of about 2 MB
+// for names of typical length (kMaxSets * kWays entries of 72 bytes plus
+// their keys; 6 MB if every key had kMaxKey characters). A hit allocates
+// nothing; when memory runs out the memo keeps what it has and never throws.
+// Owned by one Map, whose queries it serves one at a time. Not thread-safe.
 class DecisionMemo {
  public:
   // The decision kept for the pair, into `out`; false when there is none. The
@@ -85,8 +91,10 @@ class DecisionMemo {
   void clear();
 
  private:
-  static constexpr std::size_t kSets = 128;  // a power of two
+  static constexpr std::size_t kMinSets = 128;   // a power of two
+  static constexpr std::size_t kMaxSets = 4096;  // a power of two
   static constexpr std::size_t kWays = 4;
+  static constexpr std::size_t kHitsPerGrowth = 16;  // replacements per hit that still grow
   static constexpr std::size_t kMaxKey = 256;  // characters of application and destination
 
   struct Entry {
@@ -97,9 +105,16 @@ class DecisionMemo {
     Decision decision;
   };
 
-  Entry* set(std::uint64_t hash) { return &entries_[(hash & (kSets - 1)) * kWays]; }
+  Entry* set(std::uint64_t hash) { return &entries_[(hash & (sets_ - 1)) * kWays]; }
+  // Doubles the sets, refiling every kept entry; false when memory ran out.
+  bool grow();
 
-  std::vector<Entry> entries_;  // kSets * kWays once used; set i at [i * kWays, (i + 1) * kWays)
+  // sets_ * kWays entries once used; set i at [i * kWays, (i + 1) * kWays).
+  std::vector<Entry> entries_;
+  std::size_t sets_ = kMinSets;
+  // Since the table last grew or was judged: kept entries replaced, and hits.
+  std::size_t replaced_ = 0;
+  std::size_t hits_ = 0;
   std::string probe_;           // key of the last find(); its room is reused
   std::uint64_t probeHash_ = 0;
   std::size_t probeAppLength_ = 0;

@@ -2,9 +2,14 @@
 
 #include <android/log.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <initializer_list>
+#include <iterator>
 #include <new>
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 #include "api/constants.h"
 #include "api/log.h"
@@ -110,6 +115,14 @@ class CacheBypass {
 
 }  // namespace
 
+void releaseFreedMemory() {
+#if defined(__GLIBC__)
+  // glibc keeps freed heap below its top and in its arenas; a long-lived
+  // service sees resident memory, so give the free pages back.
+  malloc_trim(0);
+#endif
+}
+
 Map::Map(int capacity) : capacity_(capacity) {}
 
 Map::~Map() = default;
@@ -155,6 +168,20 @@ int Map::put(int ruleNumber, const std::vector<std::string>& apps,
       addDomains(*include_, include, domainRule, TPA_DECISION_INCLUDE, id, text, key);
   if (result != error::TPA_ERROR_NONE) return result;
   return addDomains(*exclude_, exclude, domainRule, TPA_DECISION_EXCLUDE, id, text, key);
+}
+
+void Map::freeze() {
+  if (!apps_ || !include_ || !exclude_) return;
+  // Smallest first: the larger machines' online states then meet only the
+  // smaller ones' frozen forms at the peak.
+  Machine* machines[] = {apps_.get(), include_.get(), exclude_.get()};
+  std::sort(std::begin(machines), std::end(machines), [](const Machine* a, const Machine* b) {
+    int sa = 0, sb = 0;
+    (void)a->size(sa);
+    (void)b->size(sb);
+    return sa < sb;
+  });
+  for (Machine* m : machines) m->freeze();
 }
 
 int Map::clearCache() {

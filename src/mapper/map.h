@@ -20,6 +20,10 @@ namespace tpa::mapper {
 
 struct QueryTrace;
 
+// Returns the free pages of the heap to the system where the C library can
+// (glibc); elsewhere nothing. Worth calling after a build frees much.
+void releaseFreedMemory();
+
 class Map {
  public:
   using Machine = machine::KeyedMachine;
@@ -40,6 +44,10 @@ class Map {
   [[nodiscard]] int put(int ruleNumber, const std::vector<std::string>& apps,
                         const std::vector<std::string>& include,
                         const std::vector<std::string>& exclude, int id);
+
+  // Freezes the three machines once every rule is put: their automata take
+  // a fraction of the memory and answer as before; no rule can be put after.
+  void freeze();
 
   // Empties the three caches and the memo. Returns -1 whether or not it did:
   // callers must not read the result as a failure.

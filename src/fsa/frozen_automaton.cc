@@ -1,0 +1,148 @@
+#include "fsa/frozen_automaton.h"
+
+#include <algorithm>
+#include <climits>
+
+namespace tpa::fsa {
+
+// --- RankedBits -------------------------------------------------------------
+
+void RankedBits::resize(std::size_t n) {
+  words_.assign((n + 63) / 64 + 1, 0);  // one spare word: rank(n) stays in bounds
+  before_.assign(words_.size(), 0);
+}
+
+void RankedBits::seal() {
+  std::uint32_t total = 0;
+  for (std::size_t w = 0; w < words_.size(); ++w) {
+    before_[w] = total;
+    total += bitCount(words_[w]);
+  }
+}
+
+// --- FrozenAutomaton --------------------------------------------------------
+
+int FrozenAutomaton::tryFindFull(const char* key, int n, Value& out) const {
+  int s = 0;
+  for (int i = 0; i < n; ++i) {
+    const int next = step(s, static_cast<unsigned char>(key[i]));
+    if (next < 0) {
+      out = valueOf(s);
+      return i;
+    }
+    s = next;
+  }
+  out = valueOf(s);
+  return n < 0 ? 0 : n;
+}
+
+bool FrozenAutomaton::occurs(const char* key, int from, int n) const {
+  int s = 0;
+  for (int i = from; i < n; ++i) {
+    s = step(s, static_cast<unsigned char>(key[i]));
+    if (s < 0) return false;
+  }
+  return true;
+}
+
+int FrozenAutomaton::tryFindPartial(const char* key, int n, Value& out) const {
+  int best = INT32_MIN;
+  if (n >= 1) {
+    // Every suffix of an occurring suffix occurs: search the boundary. The
+    // first probes are short, as a miss shares little with the text.
+    int lo = 0;      // a suffix of this length occurs
+    int hi = n + 1;  // and none of this length (n + 1: not known yet)
+    for (int probe = std::min(n, 8);;) {
+      if (occurs(key, n - probe, n)) {
+        lo = probe;
+        if (probe == n) break;
+        probe = std::min(n, probe * 2);
+      } else {
+        hi = probe;
+        break;
+      }
+    }
+    while (hi - lo > 1) {
+      const int mid = lo + (hi - lo) / 2;
+      if (occurs(key, n - mid, n)) {
+        lo = mid;
+      } else {
+        hi = mid;
+      }
+    }
+    best = lo;
+  }
+  const int star = root_[static_cast<unsigned char>('*')];
+  if (star < 0) {
+    out = valueOf(0);
+    return best;
+  }
+  // The suffix is read again behind the '*'; an empty key reads nothing.
+  int s = star;
+  for (int j = n < 1 ? n : n - best; j < n; ++j) {
+    const int next = step(s, static_cast<unsigned char>(key[j]));
+    if (next < 0) break;
+    s = next;
+  }
+  out = valueOf(s);
+  return best;
+}
+
+std::size_t FrozenAutomaton::bytes() const {
+  return sizeof(*this) + text_.capacity() + hasEdges_.bytes() + edgeStart_.capacity() * 4 +
+         labels_.capacity() + targets_.capacity() * 4 + valued_.bytes() +
+         values_.capacity() * sizeof(Value);
+}
+
+// --- FrozenAutomaton::Builder -----------------------------------------------
+
+FrozenAutomaton::Builder::Builder(int states, int textLength, Sizes sizes)
+    : frozen_(std::make_unique<FrozenAutomaton>()) {
+  FrozenAutomaton& f = *frozen_;
+  std::fill(std::begin(f.root_), std::end(f.root_), -1);
+  f.text_.assign(static_cast<std::size_t>(textLength), 0);
+  f.hasEdges_.resize(static_cast<std::size_t>(states));
+  f.valued_.resize(static_cast<std::size_t>(states));
+  f.stateCount_ = states;
+  f.edgeStart_.reserve(sizes.statesWithEdges + 1);
+  f.labels_.reserve(sizes.edges);
+  f.targets_.reserve(sizes.edges);
+  f.values_.reserve(sizes.valued);
+}
+
+void FrozenAutomaton::Builder::beginState(int s, Value v) {
+  current_ = s;
+  currentHasEdges_ = false;
+  if (v.storedKeyLength != kNoValue.storedKeyLength ||
+      v.userDefinedValue != kNoValue.userDefinedValue) {
+    frozen_->valued_.set(static_cast<std::size_t>(s));
+    frozen_->values_.push_back(v);
+  }
+}
+
+void FrozenAutomaton::Builder::addEdge(unsigned char c, int target) {
+  FrozenAutomaton& f = *frozen_;
+  if (current_ == 0) {
+    f.root_[c] = target;
+    return;
+  }
+  const auto s = static_cast<std::size_t>(current_);
+  if (s < f.text_.size() && f.text_[s] == c && target == current_ + 1) return;
+  if (!currentHasEdges_) {
+    currentHasEdges_ = true;
+    f.hasEdges_.set(s);
+    f.edgeStart_.push_back(static_cast<std::uint32_t>(f.labels_.size()));
+  }
+  f.labels_.push_back(c);
+  f.targets_.push_back(target);
+}
+
+std::unique_ptr<FrozenAutomaton> FrozenAutomaton::Builder::finish() {
+  FrozenAutomaton& f = *frozen_;
+  f.edgeStart_.push_back(static_cast<std::uint32_t>(f.labels_.size()));
+  f.hasEdges_.seal();
+  f.valued_.seal();
+  return std::move(frozen_);
+}
+
+}  // namespace tpa::fsa

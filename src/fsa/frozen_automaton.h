@@ -1,0 +1,156 @@
+// FrozenAutomaton: the read-only form of a finished suffix automaton, made
+// once nothing will be appended any more. It holds the same states and
+// transitions as the online automaton, so every walk reads the same states
+// and reports the same values, in a fraction of the memory:
+//
+// - States are renumbered: the start state 0, then the state created for text
+//   position e as e + 1, then the clones. The transition of state s < n on
+//   text[s] always leads to s + 1 (the text itself, extended one character at
+//   a time), so it is read from the text and not stored; a chain of states
+//   with one transition is a run of the text, read in sequence.
+// - Every other transition is stored once, in per-state runs found through a
+//   ranked bit set, with the start state's in a direct table.
+// - A value is stored only for the states that carry one (key ends and their
+//   clones), found through a second ranked bit set.
+// - There are no lengths and no links: the longest suffix of a query that
+//   occurs in the text (the partial lookup's length) is found by reading
+//   suffixes from the start state, whose occurrence is monotone in their
+//   length.
+//
+// Cost: about 1 byte per text character, 5 per stored transition, 4 per
+// state with stored transitions, 8 per valued state and 3 bits per state.
+// Immutable once made; const members may run concurrently. Lookups allocate
+// nothing and never throw.
+#ifndef TPA_FSA_FROZEN_AUTOMATON_H_
+#define TPA_FSA_FROZEN_AUTOMATON_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace tpa::fsa {
+
+// A bit per index with the count of set bits before each word, so that the
+// rank of a set bit (its index among the set bits) costs one word count.
+class RankedBits {
+ public:
+  // `n` bits, all clear. Throws std::bad_alloc.
+  void resize(std::size_t n);
+  void set(std::size_t i) { words_[i >> 6] |= std::uint64_t{1} << (i & 63); }
+  // Fills the counts; call once every bit is set.
+  void seal();
+
+  bool test(std::size_t i) const { return (words_[i >> 6] >> (i & 63)) & 1; }
+  // Set bits below i.
+  std::uint32_t rank(std::size_t i) const {
+    const std::uint64_t below = (std::uint64_t{1} << (i & 63)) - 1;
+    return before_[i >> 6] + bitCount(words_[i >> 6] & below);
+  }
+  // In portable code: without a population count instruction the library
+  // call costs more than this.
+  static std::uint32_t bitCount(std::uint64_t x) {
+    x = x - ((x >> 1) & 0x5555555555555555u);
+    x = (x & 0x3333333333333333u) + ((x >> 2) & 0x3333333333333333u);
+    x = (x + (x >> 4)) & 0x0f0f0f0f0f0f0f0fu;
+    return static_cast<std::uint32_t>((x * 0x0101010101010101u) >> 56);
+  }
+  std::size_t bytes() const { return words_.size() * 8 + before_.size() * 4; }
+
+ private:
+  std::vector<std::uint64_t> words_;
+  std::vector<std::uint32_t> before_;  // before_[w]: set bits in words_[0, w)
+};
+
+class FrozenAutomaton {
+ public:
+  // What a state stores, as the online automaton stores it: key length and
+  // value, (0, -1) for states without a key end.
+  struct Value {
+    std::int32_t storedKeyLength;
+    std::int32_t userDefinedValue;
+  };
+
+  // What a frozen automaton stores besides its text.
+  struct Sizes {
+    std::size_t edges;            // transitions neither from the start state nor read from the text
+    std::size_t statesWithEdges;  // states with such transitions
+    std::size_t valued;           // states whose value is not (0, -1)
+  };
+
+  // Filled by the owner of the online automaton, state by state in the new
+  // numbering (see above); every member may throw std::bad_alloc.
+  class Builder;
+
+  // Number of leading characters of key[0, n) readable from the start state;
+  // `out` gets the value of the state where reading stopped.
+  int tryFindFull(const char* key, int n, Value& out) const;
+  // The longest suffix of key[0, n) occurring in the text (INT32_MIN when
+  // n < 1); `out` gets the value of the state reached by reading that suffix
+  // behind a '*' from the start state (the start state's value without '*').
+  int tryFindPartial(const char* key, int n, Value& out) const;
+
+  int textLength() const { return static_cast<int>(text_.size()); }
+  std::size_t bytes() const;
+
+ private:
+  static constexpr Value kNoValue{0, -1};
+
+  // The target of state s on c, or -1.
+  int step(int s, unsigned char c) const {
+    if (s == 0) return root_[c];
+    if (s < static_cast<int>(text_.size()) && text_[static_cast<std::size_t>(s)] == c) return s + 1;
+    if (!hasEdges_.test(static_cast<std::size_t>(s))) return -1;
+    const std::uint32_t r = hasEdges_.rank(static_cast<std::size_t>(s));
+    for (std::uint32_t k = edgeStart_[r], end = edgeStart_[r + 1]; k < end; ++k) {
+      if (labels_[k] == c) return targets_[k];
+    }
+    return -1;
+  }
+  Value valueOf(int s) const {
+    if (!valued_.test(static_cast<std::size_t>(s))) return kNoValue;
+    return values_[valued_.rank(static_cast<std::size_t>(s))];
+  }
+  // Reads key[from, n) from the start state; true when all of it was read.
+  bool occurs(const char* key, int from, int n) const;
+
+  // Invariants: states are [0, stateCount_); state s + 1 is the target of s
+  // on text_[s] for s < text_.size(), and that transition is not in the runs.
+  std::vector<unsigned char> text_;
+  std::int32_t root_[256];                // start state's targets, -1 for none
+  RankedBits hasEdges_;                   // states (other than 0) with stored runs
+  std::vector<std::uint32_t> edgeStart_;  // per state with runs, +1: run bounds
+  std::vector<unsigned char> labels_;     // run labels, one run per state
+  std::vector<std::int32_t> targets_;     // beside labels_
+  RankedBits valued_;                     // states whose value is not (0, -1)
+  std::vector<Value> values_;             // per valued state, in state order
+  int stateCount_ = 1;
+};
+
+class FrozenAutomaton::Builder {
+ public:
+  // An automaton of `states` states over a text of `textLength` characters
+  // that stores `sizes`.
+  Builder(int states, int textLength, Sizes sizes);
+
+  void setText(int position, unsigned char c) { frozen_->text_[static_cast<std::size_t>(position)] = c; }
+  // After the whole text: states in order 0, 1, 2, ..., each with its value
+  // and then its transitions (the one the text gives is left out here). All
+  // states are given twice: first to be counted, then, after startFilling,
+  // to be stored in space reserved exactly.
+  void beginState(int s, Value v);
+  void addEdge(unsigned char c, int target);
+  void startFilling();
+
+  // The automaton; the builder is spent.
+  std::unique_ptr<FrozenAutomaton> finish();
+
+ private:
+  std::unique_ptr<FrozenAutomaton> frozen_;
+  int current_ = -1;
+  bool currentHasEdges_ = false;
+};
+
+}  // namespace tpa::fsa
+
+#endif  // TPA_FSA_FROZEN_AUTOMATON_H_

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "api/analyzer.h"
+#include "api/inspect.h"
 #include "api/constants.h"
 #include "cidr/cidr.h"
 #include "mapper/trace.h"
@@ -184,7 +185,7 @@ void explainOne(OutputSink& out, api::TarnPatternAnalyzer& analyzer,
                 const std::string& destination) {
   mapper::QueryTrace trace;
   int value = -1;
-  const int decision = analyzer.query(app, destination, value, &trace);
+  const int decision = api::Inspect::query(analyzer, app, destination, value, &trace);
   out.line("query: " + quoted(app) + " " + quoted(destination));
   out.line("  " + appLine(trace));
   if (!trace.steps.empty()) out.line("  destination searched as " + quoted(trace.destination));

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "api/constants.h"
+#include "api/inspect.h"
 #include "api/log.h"
 #include "mapper/decision.h"
 #include "mapper/map.h"
@@ -70,22 +71,12 @@ int Builder::build(const std::string& source, bool fromFile) {
 }
 
 int Builder::query(const std::string& app, const std::string& destination, int& value) const {
-  return query(app, destination, value, nullptr);
-}
-
-int Builder::query(const std::string& app, const std::string& destination, int& value,
-                   mapper::QueryTrace* trace) const {
-  if (!map) return mapper::TPA_DECISION_EXCLUDE;
-  mapper::Decision decision = map->get(app, destination, trace);
-  value = decision.value;
-  return decision.decision;
+  return Inspect::query(*this, app, destination, value, nullptr);
 }
 
 void Builder::clearCache() {
   if (map) map->clearCache();
 }
-
-const mapper::Map* Builder::getMap() const { return map.get(); }
 
 TarnPatternAnalyzer::TarnPatternAnalyzer() = default;
 
@@ -115,15 +106,28 @@ int TarnPatternAnalyzer::validate(std::string& text) {
 }
 
 int TarnPatternAnalyzer::query(const std::string& app, const std::string& destination, int& value) {
-  return query(app, destination, value, nullptr);
-}
-
-int TarnPatternAnalyzer::query(const std::string& app, const std::string& destination, int& value,
-                               mapper::QueryTrace* trace) {
   std::unique_lock<std::shared_mutex> lock(mutex);
-  return builder.query(app, destination, value, trace);
+  return builder.query(app, destination, value);
 }
 
-const mapper::Map* TarnPatternAnalyzer::getMap() const { return builder.getMap(); }
+const mapper::Map* Inspect::map(const Builder& builder) { return builder.map.get(); }
+
+const mapper::Map* Inspect::map(const TarnPatternAnalyzer& analyzer) {
+  return map(analyzer.builder);
+}
+
+int Inspect::query(const Builder& builder, const std::string& app, const std::string& destination,
+                   int& value, mapper::QueryTrace* trace) {
+  if (!builder.map) return mapper::TPA_DECISION_EXCLUDE;
+  mapper::Decision decision = builder.map->get(app, destination, trace);
+  value = decision.value;
+  return decision.decision;
+}
+
+int Inspect::query(TarnPatternAnalyzer& analyzer, const std::string& app,
+                   const std::string& destination, int& value, mapper::QueryTrace* trace) {
+  std::unique_lock<std::shared_mutex> lock(analyzer.mutex);
+  return query(analyzer.builder, app, destination, value, trace);
+}
 
 }  // namespace tpa::api

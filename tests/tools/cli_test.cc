@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "api/analyzer.h"
+#include "api/inspect.h"
 #include "mapper/map.h"
 #include "run_tool.h"
 
@@ -148,7 +149,7 @@ TEST(TpaCheck, ReportsTheBuildOfTheBundledRules) {
     int n = -1;
     return std::to_string(machine->size(n) == 0 ? n : -1);
   };
-  const mapper::Map& map = *analyzer.getMap();
+  const mapper::Map& map = *api::Inspect::map(analyzer);
   const ToolResult r = runTool({"check", kRules});
   EXPECT_TRUE(std::regex_match(
       r.out,

@@ -153,7 +153,7 @@ std::string decidingRule(const std::vector<parser::Rule>& rules, const mapper::Q
   const int rule = t.steps.back().rule;
   std::string positions;
   for (int position : positionsOfId(rules, t.value)) {
-    if (ruleNumber(rules[position - 1], position) != rule) continue;
+    if (parser::ruleNumber(rules[position - 1].apps, position) != rule) continue;
     positions += (positions.empty() ? "" : ", ") + num(position);
   }
   if (positions.empty())

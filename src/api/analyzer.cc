@@ -20,17 +20,6 @@ namespace {
 // Query caches hold this many results per machine.
 constexpr int kCacheCapacity = 100;
 
-// Rules without applications, or naming only the any-application entry, are
-// the fallback of every query and all share rule number 0. Every other rule is
-// numbered by its 1-based position in the document.
-int ruleNumberOf(const parser::Rule& rule, int ordinal) {
-  if (rule.apps.empty()) return mapper::TPA_RULE_NUMBER_ZERO;
-  if (rule.apps.size() == 1 && rule.apps.front() == sigma::sentinel::LAMBDA_STRING) {
-    return mapper::TPA_RULE_NUMBER_ZERO;
-  }
-  return ordinal;
-}
-
 }  // namespace
 
 Builder::Builder() = default;
@@ -58,7 +47,7 @@ int Builder::build(const std::string& source, bool fromFile) {
   int ordinal = 0;
   for (parser::Rule& rule : parser.getRules()) {
     ++ordinal;
-    result = fresh->put(ruleNumberOf(rule, ordinal), rule.apps, rule.includeList, rule.excludeList,
+    result = fresh->put(parser::ruleNumber(rule.apps, ordinal), rule.apps, rule.includeList, rule.excludeList,
                         rule.id);
     if (result != error::TPA_ERROR_NONE) return result;
     // Free each rule's strings as soon as the map holds them, so that a large

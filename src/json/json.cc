@@ -30,7 +30,8 @@ json::json()
       comma_count(0),
       square_level(0),
       curly_level(0),
-      listener(nullptr) {}
+      listener(nullptr),
+      observer(nullptr) {}
 
 int json::parse(std::ifstream& stream, JsonEventListener* listener) {
   if (!stream.is_open()) {
@@ -61,6 +62,7 @@ int json::parse_json_str(const std::string& text, JsonEventListener* listener) {
     const int built = automaton(text);
     if (built != error::TPA_ERROR_NONE) return built;
     traverse(text);
+    if (observer) observer->on_end(*this);
   } catch (const std::bad_alloc&) {
     // A document can ask for more copies of its objects than memory holds.
     return error::TPA_ERROR_OOM;
@@ -93,6 +95,7 @@ void json::traverse(const std::string& text) {
     if (ahead < 0 && d) {
       while (walk > 0 && d->step(walk, c) < 0) walk = d->suffix_link(walk);
     }
+    if (observer) observe(i, c);
     switch (c) {
       case '{': on_open_curly_brace(i); break;
       case '}': on_close_curly_brace(i); break;
@@ -111,6 +114,16 @@ void json::traverse(const std::string& text) {
     // Over its own text every step exists; over any other, restart at the root.
     const int next = d ? d->step(walk, c) : -1;
     walk = next < 0 ? 0 : next;
+  }
+}
+
+void json::observe(std::int32_t index, char c) {
+  switch (c) {
+    case '{': case '}': case '[': case ']': case '"': case ':': case ',':
+      observer->on_event(*this, index, c);
+      break;
+    default:
+      break;
   }
 }
 
@@ -142,6 +155,7 @@ void json::on_close_curly_brace(int index) {
   --braces_count;
   --curly_level;
   objects.push(curr_object);
+  if (observer) observer->on_push(*this);
 }
 
 void json::on_open_square_bracket(int) {
@@ -181,6 +195,7 @@ void json::on_comma(int index) {
 
 void json::announce() {
   if (listener) listener->didParseJson(&objects);
+  if (observer) observer->on_announce(*this);
 }
 
 void json::extract_value(int end, int start) {
@@ -193,12 +208,15 @@ void json::extract_value(int end, int start) {
   std::string value = length < 0 ? json_str.substr(static_cast<std::size_t>(from))
                                  : json_str.substr(static_cast<std::size_t>(from),
                                                    static_cast<std::size_t>(length));
-  if (value == "[]") value.clear();
-  if (curr_object.get_curr_key().empty()) {
+  const bool brackets = value == "[]";
+  if (brackets) value.clear();
+  const bool as_key = curr_object.get_curr_key().empty();
+  if (as_key) {
     curr_object.set_key(value);
   } else {
     curr_object.set_val(value);
   }
+  if (observer) observer->on_cut(*this, from, value, brackets, as_key);
 }
 
 }  // namespace tpa::json_config

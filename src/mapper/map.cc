@@ -48,9 +48,22 @@ int addAnyAppBranch(Machine& apps, Key& key) {
   return result;
 }
 
-// The stored form of a destination: a network by its network identifier, an
-// address in its fixed-width text, anything else (wildcards too) verbatim.
-void normaliseStored(const std::string& d, std::string& text) {
+// Stores one list of one rule; stops at the first failing key.
+int addDomains(Machine& machine, const std::vector<std::string>& domains, int ruleNumber,
+               std::uint8_t flag, int id, std::string& text, Key& key) {
+  for (const std::string& d : domains) {
+    storedDestination(d, text);
+    key.second = !text.empty() && text[0] == '*' ? machine::kPartialKey : machine::kFullKey;
+    transformDomainInto(key.first, text, ruleNumber, flag);
+    const int result = machine.put(key, id);
+    if (result != error::TPA_ERROR_NONE) return result;
+  }
+  return error::TPA_ERROR_NONE;
+}
+
+}  // namespace
+
+void storedDestination(const std::string& d, std::string& text) {
   if (cidr::isCidrIpAddress(d) != 0) {
     text = cidr::extractNetworkID(d);
     return;
@@ -62,21 +75,6 @@ void normaliseStored(const std::string& d, std::string& text) {
   }
   text.assign(d);
 }
-
-// Stores one list of one rule; stops at the first failing key.
-int addDomains(Machine& machine, const std::vector<std::string>& domains, int ruleNumber,
-               std::uint8_t flag, int id, std::string& text, Key& key) {
-  for (const std::string& d : domains) {
-    normaliseStored(d, text);
-    key.second = !text.empty() && text[0] == '*' ? machine::kPartialKey : machine::kFullKey;
-    transformDomainInto(key.first, text, ruleNumber, flag);
-    const int result = machine.put(key, id);
-    if (result != error::TPA_ERROR_NONE) return result;
-  }
-  return error::TPA_ERROR_NONE;
-}
-
-}  // namespace
 
 Map::Map(int capacity) : capacity_(capacity) {}
 

@@ -20,6 +20,12 @@ namespace tpa::mapper {
 
 struct QueryTrace;
 
+// The stored form of a sanitised destination, as put writes it into `text`:
+// a network by its network identifier (bits), an address in its fixed-width
+// text, anything else (wildcards too) verbatim. May throw what address
+// recognition throws for the two malformed networks.
+void storedDestination(const std::string& destination, std::string& text);
+
 class Map {
  public:
   using Machine = machine::KeyedMachine;

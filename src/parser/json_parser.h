@@ -31,6 +31,10 @@ class JsonParser : public json_config::JsonEventListener {
   // status to TPA_ERROR_SA_INVALID_CAPACITTY and adds no rules.
   void didParseJson(json_config::json_array* array) override;
 
+  // Lets `observer` (not owned; null for none) watch the reader of every
+  // later parse.
+  void observe(json_config::JsonObserver* observer) { this->observer = observer; }
+
   // Drops every rule and zeroes the status and the totals.
   void clear();
 
@@ -59,6 +63,7 @@ class JsonParser : public json_config::JsonEventListener {
   std::size_t previouslyAnnounced = 0;
   std::size_t repeatedRules = 0;
   bool tooManyRules = false;
+  json_config::JsonObserver* observer = nullptr;  // handed to the reader; not owned
 };
 
 }  // namespace tpa::parser

@@ -8,9 +8,12 @@
 # OpenJDK) is part of the machine image.
 set -euo pipefail
 
+# Qualified by the host's architecture: with foreign-architecture copies
+# installed too (cross builds), an unqualified name is ambiguous to dpkg.
+arch=$(dpkg --print-architecture)
 need=()
-dpkg -s android-liblog-dev >/dev/null 2>&1 || need+=(android-liblog-dev)
-dpkg -s libmarisa-dev >/dev/null 2>&1 || need+=(libmarisa-dev)
+dpkg -s "android-liblog-dev:$arch" >/dev/null 2>&1 || need+=(android-liblog-dev)
+dpkg -s "libmarisa-dev:$arch" >/dev/null 2>&1 || need+=(libmarisa-dev)
 command -v iptables >/dev/null 2>&1 || dpkg -s iptables >/dev/null 2>&1 || need+=(iptables)
 command -v ip >/dev/null 2>&1 || dpkg -s iproute2 >/dev/null 2>&1 || need+=(iproute2)
 

@@ -141,6 +141,11 @@ TEST(Dawg, RefusesToGrowWithoutATableOrPastItsSize) {
   EXPECT_TRUE(d.has("") && !d.has("a"));  // the failed insert left nothing behind
   EXPECT_EQ(tpa::error::TPA_ERROR_ARRAY_OUT_OF_INDEX, d.insert("abcdefghijklmnop"));
   EXPECT_TRUE(d.has("abc") && !d.has("cd"));
+  for (int unknown : {-1, 1 << 30}) {  // states it never made
+    EXPECT_EQ((std::vector<int>{-1, -1, -1}),
+              (std::vector<int>{d.step(unknown, 'a'), d.step_along(unknown, 'a'),
+                                d.suffix_link(unknown)}));
+  }
   EXPECT_EQ(tpa::error::TPA_ERROR_OOM, dawg(-1).construct());
 }
 

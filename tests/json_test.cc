@@ -7,6 +7,7 @@
 #include <fstream>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "api/constants.h"
@@ -207,6 +208,10 @@ TEST(JsonObject, ReportsASecondKeyAndAKeyCountThatDisagreesWithTheEntries) {
   o.set_key(a);
   o.set_val(v);
   EXPECT_EQ(-1, o.count_properties());  // the same key twice: two keys, one entry
+  json_object copy;
+  copy = o;
+  EXPECT_EQ(std::tie(o.curr_key, o.keys_count, o.properties),
+            std::tie(copy.curr_key, copy.keys_count, copy.properties));
   o.clear();
   EXPECT_EQ(0, o.count_properties());
   o.set_val(v);  // goes under the empty key

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "api/inspect.h"
 #include "fixtures.h"
 #include "mapper/map.h"
 #include "mapper/trace.h"
@@ -35,7 +36,7 @@ void count(const mapper::ListTrace& list, Anatomy& a) {
 Anatomy trace(int size) {
   Fixtures& f = Fixtures::get();
   const QueryStream& s = f.workload(size).distinct;
-  const mapper::Map* map = f.library(size).builder.getMap();
+  const mapper::Map* map = api::Inspect::map(f.library(size).builder);
   Anatomy a;
   const std::size_t n = std::min(kTracedQueries, s.queries.size());
   for (std::size_t i = 0; i < n; ++i) {
@@ -68,7 +69,7 @@ template <typename Search>
 void timeSearches(benchmark::State& st, int size, Search search) {
   const std::vector<std::string>& keys = anatomy(size).keys;
   const auto* automaton =
-      Fixtures::get().library(size).builder.getMap()->includeMachine()->automaton();
+      api::Inspect::map(Fixtures::get().library(size).builder)->includeMachine()->automaton();
   std::size_t i = 0;
   for (auto _ : st) {
     fsa::SAStateValue<int> v;

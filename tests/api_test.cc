@@ -9,6 +9,7 @@
 
 #include "api/analyzer.h"
 #include "api/constants.h"
+#include "api/inspect.h"
 #include "machine/fsm.h"
 #include "mapper/map.h"
 #include "mapper/trace.h"
@@ -33,7 +34,7 @@ template <typename Analyzer>
 Answer ask(Analyzer& analyzer, const std::string& app, const std::string& destination,
            tpa::mapper::QueryTrace* trace = nullptr) {
   int value = kUntouched;
-  const int decision = trace ? analyzer.query(app, destination, value, trace)
+  const int decision = trace ? tpa::api::Inspect::query(analyzer, app, destination, value, trace)
                              : analyzer.query(app, destination, value);
   return {decision, value};
 }
@@ -123,11 +124,11 @@ TEST(Analyzer, FailedBuildKeepsTheOldMapWithItsCachesEmptied) {
     TarnPatternAnalyzer analyzer;
     ASSERT_EQ(0, analyzer.build(kExample, false));
     expectExampleAnswers(analyzer);
-    const tpa::mapper::Map* map = analyzer.getMap();
+    const tpa::mapper::Map* map = tpa::api::Inspect::map(analyzer);
     ASSERT_GT(cachedEntries(*map), 0u);
     tpa::testing::LogCapture capture;
     EXPECT_EQ(c.code, analyzer.build(c.source, c.file));
-    ASSERT_EQ(map, analyzer.getMap());
+    ASSERT_EQ(map, tpa::api::Inspect::map(analyzer));
     EXPECT_EQ(0u, cachedEntries(*map));
     EXPECT_EQ(c.logs, capture.records());
     expectExampleAnswers(analyzer);
@@ -147,16 +148,16 @@ TEST(Builder, MoveAssignmentTakesTheMapAndFailedBuildsKeepIt) {
   Builder a, b;
   ASSERT_EQ(0, a.build(R"([{"match_apps": ["x"], "include": ["a.test"], "id": "1"}])", false));
   ASSERT_EQ(0, b.build(R"([{"match_apps": ["x"], "include": ["b.test"], "id": "2"}])", false));
-  const tpa::mapper::Map* bMap = b.getMap();
+  const tpa::mapper::Map* bMap = tpa::api::Inspect::map(b);
   a = b;
   Builder& self = a;
   a = self;
-  EXPECT_EQ(bMap, a.getMap());
-  EXPECT_EQ(nullptr, b.getMap());
+  EXPECT_EQ(bMap, tpa::api::Inspect::map(a));
+  EXPECT_EQ(nullptr, tpa::api::Inspect::map(b));
   EXPECT_EQ(Answer(1, 2), ask(a, "x", "b.test"));
   tpa::testing::LogCapture quiet;
   EXPECT_NE(0, a.build("[{", false));
-  EXPECT_EQ(bMap, a.getMap());
+  EXPECT_EQ(bMap, tpa::api::Inspect::map(a));
 }
 
 }  // namespace

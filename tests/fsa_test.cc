@@ -36,7 +36,10 @@ TEST(SuffixAutomaton, ConstructRaisesSmallLengthsToThree) {
   EXPECT_EQ((std::vector<LogRecord>{{6, kTag, "[SA] states_ array is not allocated. \n"}}),
             capture.records());
   Value out;
-  EXPECT_EQ(0, none.tryFindPartial("#a$", out));  // lookups answer as on an empty automaton
+  // Lookups answer as on an empty automaton.
+  EXPECT_EQ((std::vector<int>{0, 0, INT_MIN}),
+            (std::vector<int>{none.tryFindPartial("#a$", out), none.tryFindPartial("a", out),
+                              none.tryFindPartial("", out)}));
 }
 
 TEST(SuffixAutomaton, OverflowLogsFatalAndEveryLaterExtendFails) {

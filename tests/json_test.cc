@@ -7,6 +7,7 @@
 #include <fstream>
 #include <random>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "api/constants.h"
@@ -141,6 +142,11 @@ TEST(Dawg, RefusesToGrowWithoutATableOrPastItsSize) {
   EXPECT_TRUE(d.has("") && !d.has("a"));  // the failed insert left nothing behind
   EXPECT_EQ(tpa::error::TPA_ERROR_ARRAY_OUT_OF_INDEX, d.insert("abcdefghijklmnop"));
   EXPECT_TRUE(d.has("abc") && !d.has("cd"));
+  for (int unknown : {-1, 1 << 30}) {  // states it never made
+    EXPECT_EQ((std::vector<int>{-1, -1, -1}),
+              (std::vector<int>{d.step(unknown, 'a'), d.step_along(unknown, 'a'),
+                                d.suffix_link(unknown)}));
+  }
   EXPECT_EQ(tpa::error::TPA_ERROR_OOM, dawg(-1).construct());
 }
 
@@ -160,10 +166,32 @@ TEST(Dawg, AgreesWithBruteForceOnRandomTexts) {
     ASSERT_EQ(tpa::error::TPA_ERROR_NONE, d.construct());
     for (std::size_t at = 0; at < text.size(); at += 100)
       ASSERT_EQ(tpa::error::TPA_ERROR_NONE, d.insert(text.substr(at, 100)));
+    // A string's state, its end positions, and the walk the reader makes.
+    const auto walk = [&](const std::string& x) {
+      int state = 0;
+      for (char c : x) state = state < 0 ? -1 : d.step(state, c);
+      return state;
+    };
+    const auto ends = [&](const std::string& x) {
+      std::vector<std::size_t> at;
+      for (auto i = text.find(x); i != std::string::npos; i = text.find(x, i + 1)) at.push_back(i);
+      return at;
+    };
+    for (std::size_t i = 0, state = 0; i < text.size(); state = walk(text.substr(0, ++i)))
+      ASSERT_EQ(d.step(state, text[i]), d.step_along(state, text[i])) << round << "@" << i;
     for (int k = 0; k < 200; ++k) {
       const std::string p = k % 2 ? draw(rng() % 6) : text.substr(rng() % text.size(), rng() % 12);
       ASSERT_EQ(text.find(p) != std::string::npos, d.has(p)) << round << ":" << k;
+      if (p.empty() || !d.has(p)) continue;
+      // The link leads to the longest suffix that also ends elsewhere.
+      std::string u = p.substr(1);
+      while (!u.empty() && ends(u).size() == ends(p).size()) u.erase(0, 1);
+      ASSERT_EQ(walk(u), d.suffix_link(walk(p))) << round << ":" << k;
+      const char c = static_cast<char>(rng() % alphabet);
+      const int along = d.step_along(walk(p), c);
+      ASSERT_TRUE(along == -1 || along == d.step(walk(p), c)) << round << ":" << k;
     }
+    ASSERT_EQ(-1, d.suffix_link(0));
   }
 }
 
@@ -180,6 +208,10 @@ TEST(JsonObject, ReportsASecondKeyAndAKeyCountThatDisagreesWithTheEntries) {
   o.set_key(a);
   o.set_val(v);
   EXPECT_EQ(-1, o.count_properties());  // the same key twice: two keys, one entry
+  json_object copy;
+  copy = o;
+  EXPECT_EQ(std::tie(o.curr_key, o.keys_count, o.properties),
+            std::tie(copy.curr_key, copy.keys_count, copy.properties));
   o.clear();
   EXPECT_EQ(0, o.count_properties());
   o.set_val(v);  // goes under the empty key

@@ -6,12 +6,6 @@
 
 namespace tpa::tools {
 
-int ruleNumber(const parser::Rule& rule, int position) {
-  const bool everyApp = rule.apps.empty() ||
-                        (rule.apps.size() == 1 && rule.apps[0] == sigma::sentinel::LAMBDA_STRING);
-  return everyApp ? mapper::TPA_RULE_NUMBER_ZERO : position;
-}
-
 std::string readAsBuilt(api::TarnPatternAnalyzer& analyzer, const std::string& text) {
   std::string copy = text;
   (void)analyzer.validate(copy);

@@ -1,6 +1,6 @@
 // A rules document built as the Android bridge builds it and read back into
-// the parser's rules, for the commands that show rules next to decisions;
-// and how the builder numbers those rules. A BuiltDocument owns its
+// the parser's rules, for the commands that show rules next to decisions
+// (parser::ruleNumber says how the builder numbers them). A BuiltDocument owns its
 // analyzer and parser; one command uses it from one thread.
 #ifndef TPA_TOOLS_BUILT_DOCUMENT_H_
 #define TPA_TOOLS_BUILT_DOCUMENT_H_
@@ -13,10 +13,6 @@
 #include "parser/rule.h"
 
 namespace tpa::tools {
-
-// 0 for a rule of every application (no apps, or exactly "#LAMBDA-APP"),
-// else its 1-based position.
-[[nodiscard]] int ruleNumber(const parser::Rule& rule, int position);
 
 // `text` after the analyzer's own rewriting of degenerate documents.
 [[nodiscard]] std::string readAsBuilt(api::TarnPatternAnalyzer& analyzer, const std::string& text);

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "api/analyzer.h"
+#include "api/inspect.h"
 #include "api/constants.h"
 #include "mapper/map.h"
 #include "parser/json_parser.h"
@@ -57,7 +58,7 @@ void writeBuildReport(OutputSink& out, api::TarnPatternAnalyzer& analyzer, const
   parser::JsonParser parser;
   (void)parseAsBuilt(parser, analyzer, text);
   out.line("rules: " + std::to_string(parser.getRules().size()));
-  const mapper::Map* map = analyzer.getMap();
+  const mapper::Map* map = api::Inspect::map(analyzer);
   out.line("automaton states: " + machineSize("apps", map ? map->appsMachine() : nullptr) + ", " +
            machineSize("include", map ? map->includeMachine() : nullptr) + ", " +
            machineSize("exclude", map ? map->excludeMachine() : nullptr));

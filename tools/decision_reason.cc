@@ -100,7 +100,7 @@ std::vector<int> decidingPositions(const std::vector<parser::Rule>& rules,
   const DecidingStep d = decidingStep(trace);
   if (!d.decided) return positions;
   for (int position : positionsOfId(rules, trace.value)) {
-    if (ruleNumber(rules[position - 1], position) == d.rule) positions.push_back(position);
+    if (parser::ruleNumber(rules[position - 1].apps, position) == d.rule) positions.push_back(position);
   }
   return positions;
 }

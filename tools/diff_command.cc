@@ -16,6 +16,7 @@
 
 #include "api/analyzer.h"
 #include "api/constants.h"
+#include "api/inspect.h"
 #include "cidr/cidr.h"
 #include "mapper/trace.h"
 #include "tools/build_guard.h"
@@ -237,7 +238,7 @@ struct Side {
 
   Answer ask(const Question& q, mapper::QueryTrace* trace) {
     Answer a;
-    a.decision = document.analyzer.query(q.app, q.destination, a.value, trace);
+    a.decision = api::Inspect::query(document.analyzer, q.app, q.destination, a.value, trace);
     return a;
   }
 };

@@ -1,22 +1,24 @@
 #include "tools/doc_scan.h"
 
+#include <android/log.h>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstdint>
 
+#include "json/json.h"
+#include "parser/rule.h"
 #include "tools/json_escape.h"
 
 namespace tpa::tools {
 namespace {
 
-constexpr std::array<std::string_view, 4> kRuleKeys = {"match_apps", "include", "exclude", "id"};
+constexpr std::array<std::string_view, 4> kRuleKeys = {parser::kAppsKey, parser::kIncludeKey,
+                                                        parser::kExcludeKey, parser::kIdKey};
 constexpr std::size_t kNoKey = static_cast<std::size_t>(-1);
 
 bool isBlank(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
-
-bool isStructural(char c) {
-  return c == '{' || c == '}' || c == '[' || c == ']' || c == '"' || c == ':' || c == ',';
-}
 
 std::string_view trimmed(std::string_view s) {
   while (!s.empty() && isBlank(s.front())) s.remove_prefix(1);
@@ -49,153 +51,97 @@ std::size_t editDistance(std::string_view a, std::string_view b) {
   return row[b.size()];
 }
 
-// Replays the reader's events over one text. The member names follow the
-// reader's counters so that the two can be compared line by line.
-class Scanner {
+// Watches the library's reader over one text and keeps what the reader
+// throws away: where each key and value starts, the objects in pushing order,
+// and constructs read differently from how they look. Every decision it
+// reports is the reader's own state at the event; it tracks only positions.
+class Scanner : public json_config::JsonObserver {
  public:
+  using Reader = json_config::json;
+
   explicit Scanner(std::string_view text) : text_(text) {}
 
   DocumentScan run() {
-    for (std::size_t i = 0; i < text_.size(); ++i) step(i);
-    finish();
+    json_config::json reader;
+    reader.observer = this;
+    // The build has already said whether the document balances; reading it
+    // again says nothing to the log.
+    const int previous = __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
+    (void)reader.parse_json_str(std::string(text_), nullptr);
+    __android_log_set_minimum_priority(previous);
     return std::move(out_);
   }
 
- private:
-  void step(std::size_t i) {
-    const char c = text_[i];
-    if (quoteCount_ == 1 && c != '"') noteInsideString(i, c);
+  void on_event(const Reader& r, std::int32_t index, char c) override {
+    const auto i = static_cast<std::size_t>(index);
+    noteStrayUpTo(r, i);
+    if (r.quote_count == 1 && c != '"') noteInsideString(i, c);
     switch (c) {
       case '{':
-        onOpenCurly(i);
+        if (r.quote_count == 0) noteObjectPlace(r, i);
+        openCurly_.push_back(i);
+        current_ = ScannedObject();
+        current_.open = i;
+        keyed_ = kNoKey;
         break;
       case '}':
-        onCloseCurly(i);
+        closeOne(openCurly_, i, "'}' without a matching '{': the build fails (braces do not balance)");
         break;
       case '[':
-        onOpenSquare(i);
+        if (r.square_level == 0 && announcements_ > 0 && r.quote_count == 0) {
+          note(i, "second-array",
+               "second top-level array: when it closes, every object read before is announced "
+               "again, so the first array's rules are built twice");
+        }
+        openSquare_.push_back(i);
         break;
       case ']':
-        onCloseSquare(i);
+        closeOne(openSquare_, i,
+                 "']' without a matching '[': the build fails (brackets do not balance)");
         break;
       case '"':
-        onQuote(i);
-        break;
-      case ':':
-        ++colonCount_;
-        colonPos_ = i;
+        if (i > 0 && text_[i - 1] == '\\') noteBackslash(i, r.quote_count == 1);
+        if (r.quote_count == 1) noteClosedString(r);
         break;
       case ',':
-        onComma(i);
+        if (r.square_level == 1 && r.quote_count == 1 && hasKey(r)) noteCommaInValue(i, r);
         break;
       default:
-        noteStray(i, c);
         break;
     }
+    scanned_ = i + 1;
   }
 
-  void onOpenCurly(std::size_t i) {
-    if (quoteCount_ == 0) noteObjectPlace(i);
-    ++curly_;
-    openCurly_.push_back(i);
-    current_ = ScannedObject();
-    current_.open = i;
-    currentKey_ = kNoKey;
-  }
-
-  void onCloseCurly(std::size_t i) {
-    if (quoteCount_ == 0 && colonCount_ != 0) {
-      extract(i, colonPos_, false);
-      colonCount_ = 0;
-    }
-    --curly_;
-    if (openCurly_.empty()) {
-      note(i, "unbalanced", "'}' without a matching '{': the build fails (braces do not balance)");
-    } else {
-      openCurly_.pop_back();
-    }
-    out_.objects.push_back(current_);
-  }
-
-  void onOpenSquare(std::size_t i) {
-    if (square_ == 0 && announcements_ > 0 && quoteCount_ == 0) {
-      note(i, "second-array",
-           "second top-level array: when it closes, every object read before is announced "
-           "again, so the first array's rules are built twice");
-    }
-    ++square_;
-    openSquare_.push_back(i);
-  }
-
-  void onCloseSquare(std::size_t i) {
-    const int before = square_--;
-    if (openSquare_.empty()) {
-      note(i, "unbalanced",
-           "']' without a matching '[': the build fails (brackets do not balance)");
-    } else {
-      openSquare_.pop_back();
-    }
-    if (before == 1) announce();
-  }
-
-  void onQuote(std::size_t i) {
-    ++quoteCount_;
-    if (i > 0 && text_[i - 1] == '\\') noteBackslash(i);
-    if (quoteCount_ == 2) {
-      noteClosedString();
-      extract(i, quotePos_, true);
-      quoteCount_ = 0;
-      colonCount_ = 0;
-    }
-    quotePos_ = i;
-  }
-
-  void onComma(std::size_t i) {
-    if (quoteCount_ == 0 && colonCount_ != 0) {
-      extract(i, colonPos_, false);
-      colonCount_ = 0;
-    }
-    if (square_ == 1) {
-      if (quoteCount_ == 1 && currentKey_ != kNoKey) noteCommaInValue(i);
-      currentKey_ = kNoKey;
-    }
-  }
-
-  void announce() {
-    ++announcements_;
-    for (std::size_t k = 0; k < out_.objects.size(); ++k) out_.rules.push_back(k);
-  }
-
-  // The reader's extract_value: the text strictly between two delimiters
-  // becomes the current key when there is none, else a value of it.
-  void extract(std::size_t end, std::size_t start, bool isQuoted) {
+  void on_cut(const Reader& r, std::int64_t offset, const std::string& value, bool brackets,
+              bool asKey) override {
     ScannedString s;
-    s.offset = start + 1;
-    s.quoted = isQuoted;
-    s.text = std::string(text_.substr(start + 1, end > start ? end - start - 1 : 0));
-    if (s.text == "[]") {
-      s.text.clear();
-      s.emptyBrackets = true;
-    }
-    if (!isQuoted) noteUnquoted(s);
-    if (currentKey_ == kNoKey) {
-      setKey(std::move(s));
-    } else {
-      out_.values.push_back({current_.properties[currentKey_].key.text, s});
-      current_.properties[currentKey_].values.push_back(std::move(s));
+    s.offset = static_cast<std::size_t>(offset);
+    s.quoted = s.offset > 0 && text_[s.offset - 1] == '"';
+    s.text = value;
+    s.emptyBrackets = brackets;
+    if (!s.quoted) noteUnquoted(s);
+    if (asKey) {
+      noteKey(r, s);
+      current_.properties.push_back({std::move(s), {}});
+      // An empty key leaves the reader without a current key.
+      keyed_ = hasKey(r) ? current_.properties.size() - 1 : kNoKey;
+    } else if (keyed_ != kNoKey) {
+      out_.values.push_back({current_.properties[keyed_].key.text, s});
+      current_.properties[keyed_].values.push_back(std::move(s));
     }
   }
 
-  void setKey(ScannedString key) {
-    noteKey(key);
-    current_.properties.push_back({std::move(key), {}});
-    // An empty key leaves the reader without a current key.
-    if (!current_.properties.back().key.text.empty()) currentKey_ = current_.properties.size() - 1;
+  void on_push(const Reader&) override { out_.objects.push_back(current_); }
+
+  void on_announce(const Reader& r) override {
+    ++announcements_;
+    for (std::size_t k = 0; k < r.objects.objects.size(); ++k) out_.rules.push_back(k);
   }
 
-  void finish() {
-    if (quoteCount_ == 1) {
-      note(quotePos_, "unterminated-string",
+  void on_end(const Reader& r) override {
+    noteStrayUpTo(r, text_.size());
+    if (r.quote_count == 1) {
+      note(static_cast<std::size_t>(r.quote_pos), "unterminated-string",
            "string never closed: the rest of the document is read as its text");
     }
     for (std::size_t at : openCurly_) {
@@ -204,13 +150,22 @@ class Scanner {
     for (std::size_t at : openSquare_) {
       note(at, "unbalanced", "'[' never closed: the build fails (brackets do not balance)");
     }
-    out_.balanced = curly_ == 0 && square_ == 0;
+    out_.balanced = r.braces_count == 0 && r.brackets_count == 0;
   }
 
-  // --- findings ----------------------------------------------------------
+ private:
+  static bool hasKey(const Reader& r) { return !r.curr_object.get_curr_key().empty(); }
 
   void note(std::size_t offset, const char* code, std::string message) {
     out_.findings.push_back({offset, code, std::move(message)});
+  }
+
+  void closeOne(std::vector<std::size_t>& open, std::size_t i, const char* unmatched) {
+    if (open.empty()) {
+      note(i, "unbalanced", unmatched);
+    } else {
+      open.pop_back();
+    }
   }
 
   void noteInsideString(std::size_t i, char c) {
@@ -233,57 +188,62 @@ class Scanner {
     }
   }
 
-  void noteObjectPlace(std::size_t i) {
-    if (curly_ > 0) {
+  void noteObjectPlace(const Reader& r, std::size_t i) {
+    if (r.curly_level > 0) {
       note(
           i, "nested-object",
           "object inside an object: '{' drops the properties read so far and each '}' adds a rule");
-    } else if (square_ == 0) {
+    } else if (r.square_level == 0) {
       note(i, "top-level-object",
            "object outside any array: it becomes a rule only if an array closes after it, and its "
            "commas do not end a property");
-    } else if (square_ >= 2) {
+    } else if (r.square_level >= 2) {
       note(i, "deep-object",
            "object inside a nested array: its commas do not end a property, so every later string "
            "becomes a value of its first key");
     }
   }
 
-  void noteBackslash(std::size_t i) {
+  void noteBackslash(std::size_t i, bool closes) {
     note(i - 1, "backslash-quote",
-         quoteCount_ == 2 ? "there are no escapes: \\\" ends the string here"
-                          : "there are no escapes: \\\" starts a string here");
+         closes ? "there are no escapes: \\\" ends the string here"
+                : "there are no escapes: \\\" starts a string here");
   }
 
-  void noteCommaInValue(std::size_t i) {
+  void noteCommaInValue(std::size_t i, const Reader& r) {
     note(i, "comma-in-value",
          "comma inside a quoted value: the property ends here, and the whole string becomes a key "
          "instead of a value of " +
-             quoted(current_.properties[currentKey_].key.text));
+             quoted(r.curr_object.get_curr_key()));
   }
 
-  void noteClosedString() {
-    if (curly_ <= 0) {
-      note(quotePos_, "string-outside-object",
-           "string outside any object: it is not part of a rule");
+  void noteClosedString(const Reader& r) {
+    const auto opened = static_cast<std::size_t>(r.quote_pos);
+    if (r.curly_level <= 0) {
+      note(opened, "string-outside-object", "string outside any object: it is not part of a rule");
       return;
     }
-    if (square_ == 1 && currentKey_ != kNoKey && colonCount_ == 0 &&
-        !current_.properties[currentKey_].values.empty()) {
-      note(quotePos_, "missing-comma",
+    if (r.square_level == 1 && hasKey(r) && r.colon_count == 0 && keyed_ != kNoKey &&
+        !current_.properties[keyed_].values.empty()) {
+      note(opened, "missing-comma",
            "no comma before this string: it becomes another value of " +
-               quoted(current_.properties[currentKey_].key.text));
+               quoted(r.curr_object.get_curr_key()));
     }
   }
 
-  void noteStray(std::size_t i, char c) {
-    if (quoteCount_ != 0 || colonCount_ != 0 || isBlank(c) || isStructural(c)) return;
-    if (i == 0 || strayEnd_ != i) {
-      note(i, "stray-text",
-           "text outside quotes and not after a ':' is ignored by the reader (only strings and "
-           "the raw text after a ':' are read)");
+  // Text the reader passes over between two events: outside quotes and not
+  // after a ':', it is ignored.
+  void noteStrayUpTo(const Reader& r, std::size_t end) {
+    if (r.quote_count != 0 || r.colon_count != 0) return;
+    for (std::size_t i = scanned_; i < end; ++i) {
+      if (isBlank(text_[i])) continue;
+      if (i == 0 || strayEnd_ != i) {
+        note(i, "stray-text",
+             "text outside quotes and not after a ':' is ignored by the reader (only strings and "
+             "the raw text after a ':' are read)");
+      }
+      strayEnd_ = i + 1;
     }
-    strayEnd_ = i + 1;
   }
 
   void noteUnquoted(const ScannedString& s) {
@@ -303,15 +263,15 @@ class Scanner {
     }
   }
 
-  void noteKey(const ScannedString& key) {
-    if (curly_ <= 0) return;  // outside objects: string-outside-object says it
+  void noteKey(const Reader& r, const ScannedString& key) {
+    if (r.curly_level <= 0) return;  // outside objects: string-outside-object says it
     for (const ScannedProperty& p : current_.properties) {
       if (p.key.text == key.text && !key.text.empty()) {
         note(key.offset, "duplicate-key",
              "key " + quoted(key.text) +
                  " appears again in this object: the reader merges both "
                  "value lists" +
-                 (key.text == "id" ? " and the first value is the id" : ""));
+                 (key.text == parser::kIdKey ? " and the first value is the id" : ""));
         return;
       }
     }
@@ -324,19 +284,12 @@ class Scanner {
 
   std::string_view text_;
   DocumentScan out_;
-  // The reader's state, under the reader's names.
-  int quoteCount_ = 0;
-  std::size_t quotePos_ = 0;
-  int colonCount_ = 0;
-  std::size_t colonPos_ = 0;
-  int square_ = 0;
-  int curly_ = 0;
-  ScannedObject current_;
-  std::size_t currentKey_ = kNoKey;  // index into current_.properties, or kNoKey
-  // What the reader does not keep.
+  ScannedObject current_;            // the reader's current object, with positions
+  std::size_t keyed_ = kNoKey;       // index into current_.properties of the reader's key
   std::size_t announcements_ = 0;
   std::vector<std::size_t> openCurly_;   // offsets of '{' not yet closed
   std::vector<std::size_t> openSquare_;  // offsets of '[' not yet closed
+  std::size_t scanned_ = 0;              // one past the last event
   std::size_t strayEnd_ = 0;             // one past the last stray byte
 };
 

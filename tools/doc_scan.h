@@ -1,9 +1,9 @@
-// DocumentScan replays the analyzer's reading of a rules document event for
-// event ({ } [ ] " : , wherever they stand, no escapes) and keeps what the
-// reader throws away: where each key and value starts, which objects become
-// rules, and constructs read differently from how they look (Findings). It
-// reproduces the reader's objects exactly without calling the library. One
-// iterative pass, O(text); the result owns copies of every key and value.
+// DocumentScan is what the library's JSON reader did with a rules document,
+// watched as it read (json_config::JsonObserver), with what the reader throws
+// away kept: where each key and value starts, which objects become rules, and
+// constructs read differently from how they look (Findings). Every key, value,
+// object and announcement is the reader's own; the scan adds only positions.
+// One pass of the reader, O(text); the result owns copies of every string.
 #ifndef TPA_TOOLS_DOC_SCAN_H_
 #define TPA_TOOLS_DOC_SCAN_H_
 

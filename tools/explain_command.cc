@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "api/analyzer.h"
+#include "api/inspect.h"
 #include "api/constants.h"
 #include "cidr/cidr.h"
 #include "mapper/trace.h"
@@ -154,7 +155,7 @@ std::string decidingRule(const std::vector<parser::Rule>& rules, const mapper::Q
   const int rule = t.steps.back().rule;
   std::string positions;
   for (int position : positionsOfId(rules, t.value)) {
-    if (ruleNumber(rules[position - 1], position) != rule) continue;
+    if (parser::ruleNumber(rules[position - 1].apps, position) != rule) continue;
     positions += (positions.empty() ? "" : ", ") + num(position);
   }
   if (positions.empty())
@@ -186,7 +187,7 @@ void explainOne(OutputSink& out, api::TarnPatternAnalyzer& analyzer,
                 const std::string& destination) {
   mapper::QueryTrace trace;
   int value = -1;
-  const int decision = analyzer.query(app, destination, value, &trace);
+  const int decision = api::Inspect::query(analyzer, app, destination, value, &trace);
   out.line("query: " + quoted(app) + " " + quoted(destination));
   out.line("  " + appLine(trace));
   if (!trace.steps.empty()) out.line("  destination searched as " + quoted(trace.destination));
@@ -203,7 +204,7 @@ void explainJson(OutputSink& out, api::TarnPatternAnalyzer& analyzer,
                  const std::string& destination) {
   mapper::QueryTrace trace;
   int value = -1;
-  const int decision = analyzer.query(app, destination, value, &trace);
+  const int decision = api::Inspect::query(analyzer, app, destination, value, &trace);
   const DecidingStep step = decidingStep(trace);
   std::string positions = "[";
   for (int p : decidingPositions(rules, trace))

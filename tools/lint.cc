@@ -15,6 +15,7 @@
 #include "cidr/cidr.h"
 #include "cidr/decimal.h"
 #include "fsa/suffix_automaton.h"
+#include "mapper/map.h"
 #include "mapper/transform.h"
 #include "parser/rule.h"
 
@@ -22,9 +23,6 @@ namespace tpa::tools {
 namespace {
 
 constexpr char kIpv4MappedText[] = "0000:0000:0000:0000:0000:ffff:";
-constexpr int kDefaultId = 2147483647;
-constexpr std::uint8_t kIncludeFlag = 1;
-constexpr std::uint8_t kExcludeFlag = 0;
 constexpr std::size_t kMaxCheckedRules = std::size_t{1} << 20;
 
 bool hasBlank(std::string_view s) {
@@ -166,8 +164,10 @@ class Linter {
   // --- single values -------------------------------------------------------
 
   void checkValue(const KeyedValue& kv) {
-    if (kv.key == "match_apps") checkApp(kv.value);
-    if (kv.key == "include" || kv.key == "exclude") checkDestination(kv.key, kv.value);
+    if (kv.key == parser::kAppsKey) checkApp(kv.value);
+    if (kv.key == parser::kIncludeKey || kv.key == parser::kExcludeKey) {
+      checkDestination(kv.key, kv.value);
+    }
   }
 
   void checkApp(const ScannedString& v) {
@@ -191,7 +191,7 @@ class Linter {
           v.offset, "build-throws",
           "storing " + quoted(v.text) + " throws (" + d.what + "): the build ends in an exception");
     } else if (v.emptyBrackets || v.text.empty()) {
-      if (key == "include") checkEmptyInclude(v);
+      if (key == parser::kIncludeKey) checkEmptyInclude(v);
     } else if (d.network != 0) {
       checkNetwork(v, d);
     } else if (cidr::isIPAddress(v.text)) {
@@ -303,15 +303,14 @@ class Linter {
     RuleView view;
     view.object = index;
     view.position = position;
-    view.apps = object.valuesOf("match_apps");
-    const auto ids = object.valuesOf("id");
+    view.apps = object.valuesOf(parser::kAppsKey);
+    const auto ids = object.valuesOf(parser::kIdKey);
     if (!ids.empty()) view.id = ids.front();
-    const bool everyApp =
-        view.apps.empty() ||
-        (view.apps.size() == 1 && view.apps[0]->text == sigma::sentinel::LAMBDA_STRING);
-    view.number = everyApp ? mapper::TPA_RULE_NUMBER_ZERO : static_cast<int>(position);
-    view.include = entries(object.valuesOf("include"), "*");
-    view.exclude = entries(object.valuesOf("exclude"), "");
+    std::vector<std::string> apps;
+    for (const ScannedString* app : view.apps) apps.push_back(app->text);
+    view.number = parser::ruleNumber(apps, static_cast<int>(position));
+    view.include = entries(object.valuesOf(parser::kIncludeKey), "*");
+    view.exclude = entries(object.valuesOf(parser::kExcludeKey), "");
     return view;
   }
 
@@ -338,7 +337,7 @@ class Linter {
   void checkId(const RuleView& view) {
     if (view.id == nullptr) {
       note(scan_.objects[view.object].open, "missing-id",
-           "rule without \"id\": the decisions it makes report " + std::to_string(kDefaultId));
+           "rule without \"id\": the decisions it makes report " + std::to_string(parser::kDefaultId));
       return;
     }
     const int id = readId(*view.id);
@@ -420,7 +419,7 @@ class Linter {
     for (const RuleView& view : views_) {
       for (const Entry& e : include ? view.include : view.exclude) {
         text += mapper::transformDomain(e.stored.stored, view.number,
-                                        include ? kIncludeFlag : kExcludeFlag);
+                                        include ? mapper::TPA_DECISION_INCLUDE : mapper::TPA_DECISION_EXCLUDE);
       }
     }
     return text;
@@ -434,11 +433,11 @@ class Linter {
       if (!seen.insert(view.object).second) continue;
       for (const Entry& e : view.include) {
         checkNetworkWalk(e, includeIndex, "include");
-        checkWildcardWalk(e, view, kIncludeFlag, includeIndex);
+        checkWildcardWalk(e, view, mapper::TPA_DECISION_INCLUDE, includeIndex);
       }
       for (const Entry& e : view.exclude) {
         checkNetworkWalk(e, excludeIndex, "exclude");
-        checkWildcardWalk(e, view, kExcludeFlag, excludeIndex);
+        checkWildcardWalk(e, view, mapper::TPA_DECISION_EXCLUDE, excludeIndex);
       }
     }
   }
@@ -538,17 +537,8 @@ StoredDestination storeDestination(const std::string& written) {
     std::vector<std::string> one{written};
     parser::sanitize(one);
     d.sanitized = one[0];
-    // The map's own normalisation of a sanitised destination.
+    mapper::storedDestination(d.sanitized, d.stored);
     d.network = cidr::isCidrIpAddress(d.sanitized);
-    if (d.network != 0) {
-      d.stored = cidr::extractNetworkID(d.sanitized);
-    } else if (cidr::isIPv6Address(d.sanitized)) {
-      d.stored = cidr::expandIPv6(d.sanitized);
-    } else if (cidr::isIPv4Address(d.sanitized)) {
-      d.stored = cidr::expandIpv4Addr(d.sanitized);
-    } else {
-      d.stored = d.sanitized;
-    }
     if (d.network == 0) d.network = sanitizedNetworkKind(written);
   } catch (const std::exception& e) {
     d.threw = true;
@@ -560,7 +550,7 @@ StoredDestination storeDestination(const std::string& written) {
 bool findThrowingValue(const std::string& text, KeyedValue& value, std::string& what) {
   const DocumentScan scan = scanDocument(text);
   for (const KeyedValue& kv : scan.values) {
-    if (kv.key != "include" && kv.key != "exclude") continue;
+    if (kv.key != parser::kIncludeKey && kv.key != parser::kExcludeKey) continue;
     const StoredDestination d = storeDestination(kv.value.text);
     if (d.threw) {
       value = kv;

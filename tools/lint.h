@@ -1,9 +1,11 @@
 // The warnings of `tpa check`: constructs that the analyzer accepts but that
-// almost certainly do not mean what their author wrote. The reading is
-// replayed by DocumentScan; destinations go through the analyzer's own
-// address functions (inside try/catch, since two malformed networks make them
-// throw), so a warning describes what the library will really do. Also finds
-// the value that makes a build throw. Stateless; any thread.
+// almost certainly do not mean what their author wrote. The reading is the
+// library reader's, watched by DocumentScan; rule numbers, default ids and
+// stored destinations are the parser's and the map's own functions (inside
+// try/catch, since two malformed networks make them throw), so a warning
+// describes what the library will really do. Also finds the value that makes
+// a build throw. Stateless, but the scan quiets the process's log while it
+// reads: one thread at a time.
 #ifndef TPA_TOOLS_LINT_H_
 #define TPA_TOOLS_LINT_H_
 

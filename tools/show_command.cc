@@ -19,7 +19,7 @@ void appendRule(std::string& line, const parser::Rule& rule, int position) {
   line.assign("{\"position\":");
   line += std::to_string(position);
   line += ",\"rule_number\":";
-  line += std::to_string(ruleNumber(rule, position));
+  line += std::to_string(parser::ruleNumber(rule.apps, position));
   line += ",\"apps\":";
   appendJsonStringArray(line, rule.apps);
   line += ",\"include\":";

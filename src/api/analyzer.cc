@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "api/constants.h"
+#include "api/inspect.h"
 #include "api/log.h"
 #include "mapper/decision.h"
 #include "mapper/map.h"
@@ -20,17 +21,6 @@ namespace {
 
 // Query caches hold this many results per machine.
 constexpr int kCacheCapacity = 100;
-
-// Rules without applications, or naming only the any-application entry, are
-// the fallback of every query and all share rule number 0. Every other rule is
-// numbered by its 1-based position in the document.
-int ruleNumberOf(const parser::Rule& rule, int ordinal) {
-  if (rule.apps.empty()) return mapper::TPA_RULE_NUMBER_ZERO;
-  if (rule.apps.size() == 1 && rule.apps.front() == sigma::sentinel::LAMBDA_STRING) {
-    return mapper::TPA_RULE_NUMBER_ZERO;
-  }
-  return ordinal;
-}
 
 // Every allocation failure of a build ends here: the build fails, and what it
 // had allocated has been freed by unwinding.
@@ -75,8 +65,8 @@ int buildMap(const std::string& source, bool fromFile, std::unique_ptr<mapper::M
   int ordinal = 0;
   for (parser::Rule& rule : parser.getRules()) {
     ++ordinal;
-    result = fresh->put(ruleNumberOf(rule, ordinal), rule.apps, rule.includeList, rule.excludeList,
-                        rule.id);
+    result = fresh->put(parser::ruleNumber(rule.apps, ordinal), rule.apps, rule.includeList,
+                        rule.excludeList, rule.id);
     if (result != error::TPA_ERROR_NONE) return result;
     // Free each rule's strings as soon as the map holds them, so that a large
     // document is never held twice in memory.
@@ -109,22 +99,12 @@ int Builder::build(const std::string& source, bool fromFile) {
 }
 
 int Builder::query(const std::string& app, const std::string& destination, int& value) const {
-  return query(app, destination, value, nullptr);
-}
-
-int Builder::query(const std::string& app, const std::string& destination, int& value,
-                   mapper::QueryTrace* trace) const {
-  if (!map) return mapper::TPA_DECISION_EXCLUDE;
-  mapper::Decision decision = map->get(app, destination, trace);
-  value = decision.value;
-  return decision.decision;
+  return Inspect::query(*this, app, destination, value, nullptr);
 }
 
 void Builder::clearCache() {
   if (map) map->clearCache();
 }
-
-const mapper::Map* Builder::getMap() const { return map.get(); }
 
 TarnPatternAnalyzer::TarnPatternAnalyzer() = default;
 
@@ -160,15 +140,28 @@ int TarnPatternAnalyzer::validate(std::string& text) {
 }
 
 int TarnPatternAnalyzer::query(const std::string& app, const std::string& destination, int& value) {
-  return query(app, destination, value, nullptr);
-}
-
-int TarnPatternAnalyzer::query(const std::string& app, const std::string& destination, int& value,
-                               mapper::QueryTrace* trace) {
   std::unique_lock<std::shared_mutex> lock(mutex);
-  return builder.query(app, destination, value, trace);
+  return builder.query(app, destination, value);
 }
 
-const mapper::Map* TarnPatternAnalyzer::getMap() const { return builder.getMap(); }
+const mapper::Map* Inspect::map(const Builder& builder) { return builder.map.get(); }
+
+const mapper::Map* Inspect::map(const TarnPatternAnalyzer& analyzer) {
+  return map(analyzer.builder);
+}
+
+int Inspect::query(const Builder& builder, const std::string& app, const std::string& destination,
+                   int& value, mapper::QueryTrace* trace) {
+  if (!builder.map) return mapper::TPA_DECISION_EXCLUDE;
+  mapper::Decision decision = builder.map->get(app, destination, trace);
+  value = decision.value;
+  return decision.decision;
+}
+
+int Inspect::query(TarnPatternAnalyzer& analyzer, const std::string& app,
+                   const std::string& destination, int& value, mapper::QueryTrace* trace) {
+  std::unique_lock<std::shared_mutex> lock(analyzer.mutex);
+  return query(analyzer.builder, app, destination, value, trace);
+}
 
 }  // namespace tpa::api

@@ -15,10 +15,11 @@
 
 namespace tpa::mapper {
 class Map;
-struct QueryTrace;
 }  // namespace tpa::mapper
 
 namespace tpa::api {
+
+class Inspect;
 
 class TPA_EXPORT Builder {
  public:
@@ -39,20 +40,16 @@ class TPA_EXPORT Builder {
 
   // The decision (mapper::TPA_DECISION_INCLUDE or _EXCLUDE) for an application
   // and a destination; `value` receives the deciding rule's id (-1 when no rule
-  // matched). Without a map: exclude, and `value` is left untouched. `trace`,
-  // when given, records how the decision was reached. Never throws on
-  // allocation failure (see mapper::Map::get).
+  // matched). Without a map: exclude, and `value` is left untouched. Never
+  // throws on allocation failure (see mapper::Map::get).
   [[nodiscard]] int query(const std::string& app, const std::string& destination, int& value) const;
-  [[nodiscard]] int query(const std::string& app, const std::string& destination, int& value,
-                          mapper::QueryTrace* trace) const;
 
   // Empties the query caches of the current map, if there is one.
   void clearCache();
 
-  // The current map, or null before the first successful build.
-  const mapper::Map* getMap() const;
-
  private:
+  friend class Inspect;  // the tool's and the tests' view of the map (api/inspect.h)
+
   std::unique_ptr<mapper::Map> map;  // null until the first successful build
 };
 
@@ -74,14 +71,10 @@ class TPA_EXPORT TarnPatternAnalyzer {
 
   // Builder::query under the lock.
   [[nodiscard]] int query(const std::string& app, const std::string& destination, int& value);
-  [[nodiscard]] int query(const std::string& app, const std::string& destination, int& value,
-                          mapper::QueryTrace* trace);
-
-  // The current map, for inspection (sizes of the automata). Not locked: read
-  // it only while no other thread builds.
-  const mapper::Map* getMap() const;
 
  private:
+  friend class Inspect;
+
   Builder builder;
   // Taken exclusively by build and query alike: every query reorders and
   // fills the map's caches, so no two may run at once.

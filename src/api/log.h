@@ -5,12 +5,13 @@
 //   kNativeTag    JNI entry points and socket helpers (3, 6)
 //   kJniHelpTag   native-method registration (7)
 // A format that ends in "%s" is given kLineEnd for it. liblog is thread-safe.
+// Internal: the installed headers carry only LOG_message (api/log_message.h).
 #ifndef TPA_API_LOG_H_
 #define TPA_API_LOG_H_
 
 #include <android/log.h>
 
-#include "api/export.h"
+#include "api/log_message.h"
 
 namespace tpa::log {
 
@@ -37,11 +38,5 @@ void report(const char* file, int line, const char* function, const char* reason
 
 // Contract report signed by the calling source file.
 #define TPA_REPORT(line, function, reason) ::tpa::log::report(__FILE__, line, function, reason)
-
-// Prints `format` with its arguments to standard output, exactly as given: no
-// prefix, tag or line end. The first two arguments are ignored. Returns what
-// vfprintf returned. Kept for the library's users; the library never calls it.
-extern "C" TPA_EXPORT int LOG_message(int priority, const char* tag, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
 
 #endif  // TPA_API_LOG_H_

@@ -29,7 +29,8 @@ json::json()
       comma_count(0),
       square_level(0),
       curly_level(0),
-      listener(nullptr) {}
+      listener(nullptr),
+      observer(nullptr) {}
 
 int json::parse(std::ifstream& stream, JsonEventListener* listener) {
   if (!stream.is_open()) {
@@ -59,6 +60,7 @@ int json::parse_json_str(const std::string& text, JsonEventListener* listener) {
   const int built = automaton(text);
   if (built != error::TPA_ERROR_NONE) return built;
   traverse(text);
+  if (observer) observer->on_end(*this);
   const int balanced = validate();
   if (balanced != error::TPA_ERROR_NONE) return balanced;
   std::string().swap(json_str);
@@ -79,7 +81,9 @@ int json::automaton(const std::string& text) {
 void json::traverse(const std::string& text) {
   const std::int32_t n = length32(text);
   for (std::int32_t i = 0; i < n; ++i) {
-    switch (text[i]) {
+    const char c = text[i];
+    if (observer) observe(i, c);
+    switch (c) {
       case '{': on_open_curly_brace(i); break;
       case '}': on_close_curly_brace(i); break;
       case '[': on_open_square_bracket(i); break;
@@ -89,6 +93,16 @@ void json::traverse(const std::string& text) {
       case ',': on_comma(i); break;
       default: break;
     }
+  }
+}
+
+void json::observe(std::int32_t index, char c) {
+  switch (c) {
+    case '{': case '}': case '[': case ']': case '"': case ':': case ',':
+      observer->on_event(*this, index, c);
+      break;
+    default:
+      break;
   }
 }
 
@@ -120,6 +134,7 @@ void json::on_close_curly_brace(int index) {
   --braces_count;
   --curly_level;
   objects.push(curr_object);
+  if (observer) observer->on_push(*this);
 }
 
 void json::on_open_square_bracket(int) {
@@ -159,6 +174,7 @@ void json::on_comma(int index) {
 
 void json::announce() {
   if (listener) listener->didParseJson(&objects);
+  if (observer) observer->on_announce(*this);
 }
 
 void json::extract_value(int end, int start) {
@@ -171,12 +187,15 @@ void json::extract_value(int end, int start) {
   std::string value = length < 0 ? json_str.substr(static_cast<std::size_t>(from))
                                  : json_str.substr(static_cast<std::size_t>(from),
                                                    static_cast<std::size_t>(length));
-  if (value == "[]") value.clear();
-  if (curr_object.get_curr_key().empty()) {
+  const bool brackets = value == "[]";
+  if (brackets) value.clear();
+  const bool as_key = curr_object.get_curr_key().empty();
+  if (as_key) {
     curr_object.set_key(value);
   } else {
     curr_object.set_val(value);
   }
+  if (observer) observer->on_cut(*this, from, value, brackets, as_key);
 }
 
 }  // namespace tpa::json_config

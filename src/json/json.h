@@ -4,7 +4,9 @@
 // announces the collected json_array to a JsonEventListener each time the
 // outermost array closes. It is not a general JSON parser: unknown syntax is
 // ignored and only the balance of braces and brackets is checked.
-// A json serves one parse; it never owns its listener. Not thread-safe.
+// A JsonObserver, when set, is told what the scan reads as it reads it.
+// A json serves one parse; it never owns its listener or its observer. Not
+// thread-safe.
 #ifndef TPA_JSON_JSON_H_
 #define TPA_JSON_JSON_H_
 
@@ -24,6 +26,32 @@ class JsonEventListener {
  public:
   virtual void didParseJson(json_array* array) = 0;
   virtual ~JsonEventListener() = default;
+};
+
+class json;
+
+// Watches one scan in the reader's own terms, for tools that explain a
+// document: each structural character before the reader reacts to it, each
+// key or value as cut and stored, each object pushed, each announcement and
+// the end of the scan. Every call passes the reader, whose public state the
+// observer may read (never change). The library itself never sets one; a
+// scan without an observer pays one null check per character.
+class JsonObserver {
+ public:
+  virtual ~JsonObserver() = default;
+  // One of { } [ ] " : , at `index`; the reader's state is still that before it.
+  virtual void on_event(const json& reader, std::int32_t index, char c) = 0;
+  // The text from `offset` was cut and stored as `value` ("[]" already made
+  // empty: `brackets`), as the new current key when `as_key`, else as a value
+  // of the current key. The reader's object already holds it.
+  virtual void on_cut(const json& reader, std::int64_t offset, const std::string& value,
+                      bool brackets, bool as_key) = 0;
+  // The current object was pushed onto `reader.objects`.
+  virtual void on_push(const json& reader) = 0;
+  // `reader.objects` was announced to the listener (or would have been).
+  virtual void on_announce(const json& reader) = 0;
+  // The scan is over; the balance is checked next.
+  virtual void on_end(const json& reader) = 0;
 };
 
 class json {
@@ -59,6 +87,8 @@ class json {
   void on_colon(int index);
   void on_comma(int index);
 
+  // Tells the observer of a structural character.
+  void observe(std::int32_t index, char c);
   // Hands the collected objects to the listener, if there is one.
   void announce();
   // Takes the text strictly between two delimiter positions as the current
@@ -82,6 +112,7 @@ class json {
   json_object curr_object;      // the object being filled
   json_array objects;           // every object closed so far, in closing order
   JsonEventListener* listener;  // not owned; set by parse_json_str
+  JsonObserver* observer;       // not owned; null unless a tool watches the scan
 };
 
 }  // namespace tpa::json_config

@@ -22,7 +22,6 @@
 #include <utility>
 
 #include "api/constants.h"
-#include "fsa/suffix_automaton.h"
 
 namespace tpa::lru {
 
@@ -248,10 +247,6 @@ class LRU {
   int count_ = 0;                 // entries counted in; kept across clear
   std::uint64_t generation_ = 0;  // bumped by every clear
 };
-
-// The cache a keyed machine puts in front of its automaton.
-using ResultCache = LRU<std::string, int, std::pair<fsa::SAStateValue<int>, int>>;
-extern template class LRU<std::string, int, std::pair<fsa::SAStateValue<int>, int>>;
 
 }  // namespace tpa::lru
 

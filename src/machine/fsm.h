@@ -131,4 +131,6 @@ extern template class FSM<std::string, int, int, int>;
 
 }  // namespace tpa::machine
 
+extern template class tpa::lru::LRU<std::string, int, std::pair<tpa::fsa::SAStateValue<int>, int>>;
+
 #endif  // TPA_MACHINE_FSM_H_

@@ -56,26 +56,11 @@ int addAnyAppBranch(Machine& apps, Key& key) {
   return result;
 }
 
-// The stored form of a destination: a network by its network identifier, an
-// address in its fixed-width text, anything else (wildcards too) verbatim.
-void normaliseStored(const std::string& d, std::string& text) {
-  if (cidr::isCidrIpAddress(d) != 0) {
-    text = cidr::extractNetworkID(d);
-    return;
-  }
-  if (cidr::expandIPv6Into(text, d)) return;
-  if (cidr::isIPv4Address(d)) {
-    cidr::expandIpv4AddrInto(text, d);
-    return;
-  }
-  text.assign(d);
-}
-
 // Stores one list of one rule; stops at the first failing key.
 int addDomains(Machine& machine, const std::vector<std::string>& domains, int ruleNumber,
                std::uint8_t flag, int id, std::string& text, Key& key) {
   for (const std::string& d : domains) {
-    normaliseStored(d, text);
+    storedDestination(d, text);
     key.second = !text.empty() && text[0] == '*' ? machine::kPartialKey : machine::kFullKey;
     transformDomainInto(key.first, text, ruleNumber, flag);
     const int result = machine.put(key, id);
@@ -121,6 +106,19 @@ void releaseFreedMemory() {
   // service sees resident memory, so give the free pages back.
   malloc_trim(0);
 #endif
+}
+
+void storedDestination(const std::string& d, std::string& text) {
+  if (cidr::isCidrIpAddress(d) != 0) {
+    text = cidr::extractNetworkID(d);
+    return;
+  }
+  if (cidr::expandIPv6Into(text, d)) return;
+  if (cidr::isIPv4Address(d)) {
+    cidr::expandIpv4AddrInto(text, d);
+    return;
+  }
+  text.assign(d);
 }
 
 Map::Map(int capacity) : capacity_(capacity) {}

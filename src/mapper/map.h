@@ -24,6 +24,12 @@ struct QueryTrace;
 // (glibc); elsewhere nothing. Worth calling after a build frees much.
 void releaseFreedMemory();
 
+// The stored form of a sanitised destination, as put writes it into `text`:
+// a network by its network identifier (bits), an address in its fixed-width
+// text, anything else (wildcards too) verbatim. May throw what address
+// recognition throws for the two malformed networks.
+void storedDestination(const std::string& destination, std::string& text);
+
 class Map {
  public:
   using Machine = machine::KeyedMachine;

@@ -38,6 +38,7 @@ void JsonParser::clear() {
 int JsonParser::parse(const std::string& source, bool fromFile) {
   clear();
   json_config::json reader;
+  reader.observer = observer;
   int result = error::TPA_ERROR_NONE;
   if (fromFile) {
     // Opened at its end: the reader takes the size from the position.

@@ -48,6 +48,10 @@ class JsonParser : public json_config::JsonEventListener {
   // status to TPA_ERROR_SA_INVALID_CAPACITTY and adds no rules.
   void didParseJson(json_config::json_array* array) override;
 
+  // Lets `observer` (not owned; null for none) watch the reader of every
+  // later parse.
+  void observe(json_config::JsonObserver* observer) { this->observer = observer; }
+
   // Drops every rule and zeroes the status and the totals.
   void clear();
 
@@ -91,6 +95,7 @@ class JsonParser : public json_config::JsonEventListener {
   Cost made_;                       // every rule made since the last clear()/parse()
   std::int64_t repeatedBytes_ = 0;  // bytes of the rules made again, within the budget
   bool overBudget_ = false;         // an announcement was refused; later ones are ignored
+  json_config::JsonObserver* observer = nullptr;  // handed to the reader; not owned
 };
 
 }  // namespace tpa::parser

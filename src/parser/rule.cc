@@ -9,13 +9,8 @@
 namespace tpa::parser {
 namespace {
 
-constexpr char kAppsKey[] = "match_apps";
-constexpr char kIncludeKey[] = "include";
-constexpr char kExcludeKey[] = "exclude";
-constexpr char kIdKey[] = "id";
 constexpr char kAnyDestination[] = "*";
 constexpr char kNoDestination[] = "";
-constexpr int kDefaultId = INT_MAX;
 constexpr int kSentinelSymbols = 2;
 constexpr int kIPv4KeyLength = 32;
 constexpr int kIPv6KeyLength = 128;
@@ -123,6 +118,18 @@ void sanitize(std::vector<std::string>& list) {
       s = cidr::extractNetworkID(s);
     }
   }
+}
+
+}  // namespace tpa::parser
+
+namespace tpa::parser {
+
+int ruleNumber(const std::vector<std::string>& apps, int position) {
+  if (apps.empty()) return mapper::TPA_RULE_NUMBER_ZERO;
+  if (apps.size() == 1 && apps.front() == sigma::sentinel::LAMBDA_STRING) {
+    return mapper::TPA_RULE_NUMBER_ZERO;
+  }
+  return position;
 }
 
 }  // namespace tpa::parser

@@ -6,12 +6,21 @@
 #ifndef TPA_PARSER_RULE_H_
 #define TPA_PARSER_RULE_H_
 
+#include <climits>
 #include <string>
 #include <vector>
 
 #include "json/json_object.h"
 
 namespace tpa::parser {
+
+// The keys a rule reads (any other key of an object is ignored), and the id
+// of a rule without a usable "id".
+inline constexpr char kAppsKey[] = "match_apps";
+inline constexpr char kIncludeKey[] = "include";
+inline constexpr char kExcludeKey[] = "exclude";
+inline constexpr char kIdKey[] = "id";
+inline constexpr int kDefaultId = INT_MAX;
 
 class Rule {
  public:
@@ -57,6 +66,11 @@ class Rule {
 // the network-ID bits of an IPv6 network. Other strings stay as written.
 // May throw what address recognition throws for malformed networks.
 void sanitize(std::vector<std::string>& list);
+
+// The number under which the builder stores the rule at 1-based `position`:
+// mapper::TPA_RULE_NUMBER_ZERO for a rule of every application (no apps, or
+// exactly "#LAMBDA-APP"), else its position.
+[[nodiscard]] int ruleNumber(const std::vector<std::string>& apps, int position);
 
 }  // namespace tpa::parser
 

@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
 # Checks that a shared library exports exactly its interface: JNI_OnLoad,
-# LOG_message, the tpa::api facade and the shared constants.
+# LOG_message, the public members of the tpa::api facade and the shared
+# constants.
 #   check_exports.sh LIBRARY
 set -euo pipefail
 
 allowed='^(JNI_OnLoad|LOG_message'
-allowed+='|tpa::api::(Builder|TarnPatternAnalyzer)::.*'
+allowed+='|tpa::api::Builder::(Builder|~Builder|operator=|build|query|clearCache)\(.*'
+allowed+='|tpa::api::TarnPatternAnalyzer::(TarnPatternAnalyzer|~TarnPatternAnalyzer|build|validate|query)\(.*'
 allowed+='|tpa::error::TPA_ERROR_[A-Z_]+'
 allowed+='|tpa::sigma::sentinel::(PRECEDING_SYMBOL|SUCCEEDING_SYMBOL|LAMBDA_STRING)'
 allowed+='|tpa::machine::(kFullKey|kPartialKey)'

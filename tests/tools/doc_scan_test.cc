@@ -1,15 +1,12 @@
-// The tool's reader replay against the library's reader, and its text helpers.
+// The tool's document scan and its text helpers.
 #include "tools/doc_scan.h"
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "api/constants.h"
-#include "json/json.h"
 #include "testing/log_capture.h"
 #include "tools/json_escape.h"
 #include "tools/lint.h"
@@ -17,38 +14,13 @@
 namespace tpa::tools {
 namespace {
 
-using Properties = std::map<std::string, std::vector<std::string>>;
-
-// What the parser receives from the library's reader: every announced
-// object's properties, in announcement order.
-struct Collector : json_config::JsonEventListener {
-  void didParseJson(json_config::json_array* array) override {
-    for (const json_config::json_object& o : array->objects) rules.push_back(o.properties);
-  }
-  std::vector<Properties> rules;
-};
-
-TEST(DocScan, ReplaysTheLibraryReaderOnRandomText) {
-  tpa::testing::LogCapture quiet;  // the reader logs every unbalanced text
-  // Mostly structure, some letters and blanks, the odd backslash and newline.
+TEST(DocScan, FindingsStayInsideRandomText) {
+  tpa::testing::LogCapture quiet;  // the build logs every unbalanced text
   const std::string alphabet = "{}[]\"\":,,ab id  \\\n";
   std::mt19937 random(20240611);
-  for (int round = 0; round < 5000; ++round) {
+  for (int round = 0; round < 2000; ++round) {
     std::string text;
     for (int n = random() % 60 + 1; n > 0; --n) text += alphabet[random() % alphabet.size()];
-    const DocumentScan scan = scanDocument(text);
-    Collector collector;
-    json_config::json reader;
-    const int code = reader.parse_json_str(text, &collector);
-    ASSERT_EQ(code == error::TPA_ERROR_JSON_PARSE_MISMATCH, !scan.balanced) << text;
-    std::vector<Properties> replayed;  // the merged values of the keys that got values
-    for (std::size_t index : scan.rules) {
-      Properties& properties = replayed.emplace_back();
-      for (const ScannedProperty& p : scan.objects[index].properties) {
-        for (const ScannedString& v : p.values) properties[p.key.text].push_back(v.text);
-      }
-    }
-    ASSERT_EQ(collector.rules, replayed) << text;
     for (const Finding& f : lintDocument(text)) ASSERT_LE(f.offset, text.size()) << text;
   }
 }

@@ -1,0 +1,33 @@
+// Inspect is the tool's and the tests' view into a facade: the map a build
+// produced and queries that record how they were decided. It is not part of
+// the installed interface and not exported from the shared library. The map
+// pointers are borrowed from the facade and valid until its next build; read
+// them only while no other thread builds. The traced query on an analyzer
+// takes its lock like any query.
+#ifndef TPA_API_INSPECT_H_
+#define TPA_API_INSPECT_H_
+
+#include <string>
+
+#include "api/analyzer.h"
+#include "mapper/trace.h"
+
+namespace tpa::api {
+
+class Inspect {
+ public:
+  // The current map, or null before the first successful build.
+  static const mapper::Map* map(const Builder& builder);
+  static const mapper::Map* map(const TarnPatternAnalyzer& analyzer);
+
+  // The facade's query; `trace`, when given, records how the decision was
+  // reached.
+  static int query(const Builder& builder, const std::string& app,
+                   const std::string& destination, int& value, mapper::QueryTrace* trace);
+  static int query(TarnPatternAnalyzer& analyzer, const std::string& app,
+                   const std::string& destination, int& value, mapper::QueryTrace* trace);
+};
+
+}  // namespace tpa::api
+
+#endif  // TPA_API_INSPECT_H_

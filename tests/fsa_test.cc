@@ -153,6 +153,7 @@ void checkRandom(const std::string& alphabet, unsigned seed, double room) {
     for (int i = 0; i < 80; ++i) {
       std::string q = random(45);
       if (i % 2 == 0) q = text.substr(rng() % text.size(), rng() % 45) + q.substr(0, q.size() % 4);
+      if (i % 16 == 1) q = text.substr(rng() % text.size(), 200) + q.substr(0, q.size() % 4);  // long suffixes
       Value full, fullRef, partial, literal;
       const int f = sa.tryFindFull(q, full), p = sa.tryFindPartial(q, partial);
       ASSERT_EQ(reference.tryFindFull(q, fullRef), f) << q;

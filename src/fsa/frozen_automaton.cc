@@ -48,15 +48,16 @@ bool FrozenAutomaton::occurs(const char* key, int from, int n) const {
 int FrozenAutomaton::tryFindPartial(const char* key, int n, Value& out) const {
   int best = INT32_MIN;
   if (n >= 1) {
-    // Every suffix of an occurring suffix occurs: search the boundary. The
-    // first probes are short, as a miss shares little with the text.
+    // Every suffix of an occurring suffix occurs: search the boundary. A
+    // miss shares a few characters with the text and every probe that
+    // succeeds is read whole, so the probes start short and grow slowly.
     int lo = 0;      // a suffix of this length occurs
     int hi = n + 1;  // and none of this length (n + 1: not known yet)
-    for (int probe = std::min(n, 8);;) {
+    for (int probe = std::min(n, 8), growth = 2;; growth *= 2) {
       if (occurs(key, n - probe, n)) {
         lo = probe;
         if (probe == n) break;
-        probe = std::min(n, probe * 2);
+        probe = std::min(n, probe + growth);
       } else {
         hi = probe;
         break;
@@ -122,12 +123,16 @@ void FrozenAutomaton::Builder::beginState(int s, Value v) {
 
 void FrozenAutomaton::Builder::addEdge(unsigned char c, int target) {
   FrozenAutomaton& f = *frozen_;
+  const auto s = static_cast<std::size_t>(current_);
+  // Every transition into a state carries the same character, so the one
+  // from position s - 1 into position s is the text's character at s.
+  const bool textEdge = target == current_ + 1 && s < f.text_.size();
+  if (textEdge) f.text_[s] = c;
   if (current_ == 0) {
     f.root_[c] = target;
     return;
   }
-  const auto s = static_cast<std::size_t>(current_);
-  if (s < f.text_.size() && f.text_[s] == c && target == current_ + 1) return;
+  if (textEdge) return;
   if (!currentHasEdges_) {
     currentHasEdges_ = true;
     f.hasEdges_.set(s);

@@ -133,14 +133,11 @@ class FrozenAutomaton::Builder {
   // that stores `sizes`.
   Builder(int states, int textLength, Sizes sizes);
 
-  void setText(int position, unsigned char c) { frozen_->text_[static_cast<std::size_t>(position)] = c; }
-  // After the whole text: states in order 0, 1, 2, ..., each with its value
-  // and then its transitions (the one the text gives is left out here). All
-  // states are given twice: first to be counted, then, after startFilling,
-  // to be stored in space reserved exactly.
+  // States in order 0, 1, 2, ..., each with its value and then its
+  // transitions; the one from state s to s + 1 (s below the text length)
+  // gives the text's character at s and is not stored otherwise.
   void beginState(int s, Value v);
   void addEdge(unsigned char c, int target);
-  void startFilling();
 
   // The automaton; the builder is spent.
   std::unique_ptr<FrozenAutomaton> finish();

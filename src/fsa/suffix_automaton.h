@@ -366,15 +366,6 @@ class SuffixAutomaton {
     valued += valueOf(0) != SAStateValue<T>() ? 1 : 0;
     FrozenAutomaton::Builder builder(count_, textLength,
                                      FrozenAutomaton::Sizes{edges, statesWithEdges, valued});
-    // Position e's character labels the one transition from the state of
-    // position e - 1 (the start state for 0) into the state of position e.
-    for (int i = 1, from = 0; i < count_; ++i) {
-      if (isClone(i)) continue;
-      transitions_.forEach(from, [&](unsigned char c, std::int32_t target) {
-        if (target == i) builder.setText(renumbered[i] - 1, c);
-      });
-      from = i;
-    }
     const auto visit = [&](int i) {
       const SAStateValue<T> v = valueOf(i);
       builder.beginState(renumbered[i],

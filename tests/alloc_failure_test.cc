@@ -97,15 +97,12 @@ const std::string kPrevious =
 
 // Made before any hook is armed: asking allocates nothing in the test itself.
 const std::vector<std::pair<std::string, std::string>> kQueries = {
-    {"com.mail", "x.shop.test"}, {"com.mail", "ads.shop.test"},
-    {"com.mail", "cdn.test"},    {"com.mail", "10.1.9.9"},
-    {"com.mail", "10.1.2.3"},    {"com.mail", "2001:db8::5"},
-    {"com.mail", "2001:db8::1"}, {"other", "none.invalid"},
-    {"other", "192.168.1.1"},    {"other", "::1"},
-    {"other", "a.track.test"},   {"other", "172.20.1.1"},
-    {"other", "fe80::1"},        {"other", "open.test"},
-    {"com.chat", "any.test"},    {"com.chat", "blocked.test"},
-    {"other", "unknown.test"},   {"com.mail", "x.shop.test"},
+    {"com.mail", "x.shop.test"}, {"com.mail", "ads.shop.test"}, {"com.mail", "cdn.test"},
+    {"com.mail", "10.1.9.9"},    {"com.mail", "10.1.2.3"},      {"com.mail", "2001:db8::5"},
+    {"com.mail", "2001:db8::1"}, {"other", "none.invalid"},     {"other", "192.168.1.1"},
+    {"other", "::1"},            {"other", "a.track.test"},     {"other", "172.20.1.1"},
+    {"other", "fe80::1"},        {"other", "open.test"},        {"com.chat", "any.test"},
+    {"com.chat", "blocked.test"}, {"other", "unknown.test"},    {"com.mail", "x.shop.test"},
     {"com.late", "late.test"}};
 
 using Answers = std::array<std::pair<int, int>, 19>;  // (decision, value) per query
@@ -145,6 +142,23 @@ class AllocFailure : public ::testing::Test {
     hook.failAt = 0;
     return hook.failures;
   }
+  // Runs `attempt(n, sticky)`, which arms the hook itself, for n = 1, 2, ...
+  // once and sticky, until an attempt meets no failing allocation.
+  template <typename Attempt>
+  static void walk(const char* what, Attempt attempt) {
+    for (long n = 1, points = 0;; ++n) {
+      for (const bool sticky : {false, true}) {
+        SCOPED_TRACE("allocation " + std::to_string(n) + (sticky ? " and every later one" : ""));
+        attempt(n, sticky);
+        if (HasFatalFailure()) return;
+        if (hook.failures == 0) {
+          std::printf("%s: %ld allocations, %ld failing runs\n", what, n - 1, points);
+          return;
+        }
+        ++points;
+      }
+    }
+  }
 };
 
 TEST_F(AllocFailure, EveryFailingAllocationOfABuildFailsItCleanly) {
@@ -154,67 +168,47 @@ TEST_F(AllocFailure, EveryFailingAllocationOfABuildFailsItCleanly) {
   ASSERT_EQ(0, reference.build(kDocument, false));
   const Answers fresh = answers(reference);
   ASSERT_NE(previous, fresh);
-  long points = 0;
-  for (long n = 1;; ++n) {
-    for (const bool sticky : {false, true}) {
-      SCOPED_TRACE("allocation " + std::to_string(n) + (sticky ? " and every later one" : ""));
-      TarnPatternAnalyzer analyzer;
-      ASSERT_EQ(0, analyzer.build(kPrevious, false));
-      ASSERT_EQ(previous, answers(analyzer));
-      const long live = hook.live;
-      arm(n, sticky);
-      const int result = analyzer.build(kDocument, false);
-      if (disarm() == 0) {
-        ASSERT_EQ(0, result);
-        EXPECT_EQ(fresh, answers(analyzer));
-        std::printf("build: %ld allocations, %ld failed builds\n", n - 1, points);
-        return;
-      }
-      ++points;
-      if (result == 0) {
-        // Only freezing may fail without failing the build: the machine then
-        // stays online and answers the same.
-        EXPECT_EQ(fresh, answers(analyzer));
-        continue;
-      }
-      ASSERT_EQ(tpa::error::TPA_ERROR_OOM, result);
-      EXPECT_STREQ("tarn_patteren_analyzer.so", lastLog.tag);
-      EXPECT_EQ(ANDROID_LOG_ERROR, lastLog.priority);
-      EXPECT_EQ(0, std::strncmp("[BUILDER] ", lastLog.text, 10)) << lastLog.text;
-      EXPECT_LE(hook.live, live);  // the old caches were emptied; nothing new is held
-      EXPECT_EQ(previous, answers(analyzer));
-      ASSERT_EQ(0, analyzer.build(kDocument, false));
+  walk("build", [&](long n, bool sticky) {
+    TarnPatternAnalyzer analyzer;
+    ASSERT_EQ(0, analyzer.build(kPrevious, false));
+    ASSERT_EQ(previous, answers(analyzer));
+    const long live = hook.live;
+    arm(n, sticky);
+    const int result = analyzer.build(kDocument, false);
+    const long failures = disarm();
+    if (result == 0) {
+      // Only freezing may fail without failing the build: the machine then
+      // stays online and answers the same.
       EXPECT_EQ(fresh, answers(analyzer));
+      return;
     }
-  }
+    ASSERT_NE(0, failures);
+    ASSERT_EQ(tpa::error::TPA_ERROR_OOM, result);
+    EXPECT_STREQ("tarn_patteren_analyzer.so", lastLog.tag);
+    EXPECT_EQ(ANDROID_LOG_ERROR, lastLog.priority);
+    EXPECT_EQ(0, std::strncmp("[BUILDER] ", lastLog.text, 10)) << lastLog.text;
+    EXPECT_LE(hook.live, live);  // the old caches were emptied; nothing new is held
+    EXPECT_EQ(previous, answers(analyzer));
+    ASSERT_EQ(0, analyzer.build(kDocument, false));
+    EXPECT_EQ(fresh, answers(analyzer));
+  });
 }
 
 TEST_F(AllocFailure, QueriesAnswerFromTheAutomataWhenCachesCannotGrow) {
   TarnPatternAnalyzer reference;
   ASSERT_EQ(0, reference.build(kDocument, false));
   const Answers fresh = answers(reference);
-  long points = 0;
-  for (long n = 1;; ++n) {
-    for (const bool sticky : {false, true}) {
-      SCOPED_TRACE("allocation " + std::to_string(n) + (sticky ? " and every later one" : ""));
-      TarnPatternAnalyzer analyzer;
-      ASSERT_EQ(0, analyzer.build(kDocument, false));
-      arm(n, sticky);
-      // Twice: the second round is answered from the caches and the memo.
-      const Answers first = answers(analyzer);
-      const Answers second = answers(analyzer);
-      if (disarm() == 0) {
-        EXPECT_EQ(fresh, first);
-        EXPECT_EQ(fresh, second);
-        std::printf("queries: %ld allocations, %ld failing runs\n", n - 1, points);
-        return;
-      }
-      ++points;
-      EXPECT_EQ(fresh, first);
-      EXPECT_EQ(fresh, second);
-      EXPECT_EQ(fresh, answers(analyzer));
-    }
-  }
+  walk("queries", [&](long n, bool sticky) {
+    TarnPatternAnalyzer analyzer;
+    ASSERT_EQ(0, analyzer.build(kDocument, false));
+    arm(n, sticky);
+    // Twice: the second round is answered from the caches and the memo.
+    const Answers first = answers(analyzer), second = answers(analyzer);
+    disarm();
+    EXPECT_EQ(fresh, first);
+    EXPECT_EQ(fresh, second);
+    EXPECT_EQ(fresh, answers(analyzer));
+  });
 }
 
 }  // namespace

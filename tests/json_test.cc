@@ -118,7 +118,7 @@ TEST(JsonReader, CountersStayInStepOnRandomDocuments) {
   }
 }
 
-TEST(JsonReader, ReadsAFileOpenedAtItsEndAndReportsOneNotOpen) {
+TEST(JsonReader, ReadsFilesOpenedAtTheirEndEvenEmptyAndReportsOneNotOpen) {
   const std::string path = ::testing::TempDir() + "json_test_rules.json";
   std::ofstream(path, std::ios::binary) << R"([{"id":"3"}])";
   const auto mode = std::ios::in | std::ios::binary | std::ios::ate;
@@ -126,6 +126,9 @@ TEST(JsonReader, ReadsAFileOpenedAtItsEndAndReportsOneNotOpen) {
   Recorder recorder;
   EXPECT_EQ(0, json().parse(file, &recorder));
   EXPECT_EQ(Strings{"{id=<3>@id}"}, recorder.calls);
+  std::ofstream(path, std::ios::binary);  // emptied: read as the empty text is, not refused
+  std::ifstream empty(path, mode);
+  EXPECT_EQ(tpa::error::TPA_ERROR_ARRAY_OUT_OF_INDEX, json().parse(empty, nullptr));
   std::remove(path.c_str());
   LogCapture capture;
   EXPECT_EQ(-1, json().parse(missing, nullptr));

@@ -1,4 +1,4 @@
-// The LRU cache: codes before construct, the hash, no allocation once full, and
+// The LRU cache: codes before construct, no allocation once full, and
 // the rest (capacities, refresh, clear keeping the count) against the contract.
 #include "lru/lru.h"
 
@@ -34,12 +34,6 @@ TEST(Lru, BeforeConstructEveryOperationIsOom) {
   EXPECT_EQ(-1, cache.get(Key("a", 10), out));
   EXPECT_EQ(-1, cache.put(Key("a", 10), 1));
   EXPECT_EQ(7, out);
-}
-
-TEST(Lru, KeyPairHashIsStringHashXorSignExtendedInt) {
-  const std::size_t h = std::hash<std::string>{}("abc");
-  EXPECT_EQ(h ^ std::size_t{10}, tpa::lru::KeyPairHash{}(Key("abc", 10)));
-  EXPECT_EQ(~h, tpa::lru::KeyPairHash{}(Key("abc", -1)));
 }
 
 TEST(Lru, PutOnceFullReusesTheEvictedEntry) {

@@ -32,11 +32,6 @@ std::vector<LogRecord> LogCapture::records() const {
   return records_;
 }
 
-void LogCapture::clear() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  records_.clear();
-}
-
 std::ostream& operator<<(std::ostream& os, const LogRecord& r) {
   return os << "{" << r.priority << ", \"" << r.tag << "\", \"" << r.text << "\"}";
 }

@@ -33,7 +33,6 @@ class LogCapture {
   LogCapture& operator=(const LogCapture&) = delete;
 
   std::vector<LogRecord> records() const;
-  void clear();
 
  private:
   static void onRecord(const struct __android_logger_data* data, const char* message);

@@ -263,8 +263,8 @@ TEST(TpaExplain, AgreesWithQueryAndTheLibraryOnGeneratedDocuments) {
         expected += (include ? "include\t" : "exclude\t") + std::to_string(value) + "\n";
       }
     }
-    std::string verdicts;
-    for (const std::string& line : linesOf(runTool(args, document).out)) {
+    std::string verdicts, line;
+    for (std::istringstream out(runTool(args, document).out); std::getline(out, line);) {
       if (line.rfind("  decision: ", 0) == 0) verdicts += line.substr(12) + "\n";
     }
     EXPECT_EQ(verdicts, expected) << document;

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -47,7 +46,7 @@ pid_t startTool(const std::vector<std::string>& args, int in, int out, int err) 
   return pid;
 }
 
-ToolResult runTool(const std::vector<std::string>& args, const std::string& input, int repeat) {
+ToolResult runTool(const std::vector<std::string>& args, const std::string& input) {
   signal(SIGPIPE, SIG_IGN);  // a child that stops reading early must not kill the test
   ToolResult result;
   const TempFile out(""), err("");
@@ -59,27 +58,17 @@ ToolResult runTool(const std::vector<std::string>& args, const std::string& inpu
   close(pipeFds[0]);
   close(outFd);
   close(errFd);
-  for (int i = 0; i < repeat && writeAll(pipeFds[1], input); ++i) {
-  }
+  writeAll(pipeFds[1], input);
   close(pipeFds[1]);
   int status = 0;
-  rusage usage{};
-  wait4(pid, &status, 0, &usage);
+  waitpid(pid, &status, 0);
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   std::ostringstream outText, errText;
   outText << std::ifstream(out.path()).rdbuf();
   errText << std::ifstream(err.path()).rdbuf();
   result.out = outText.str();
   result.err = errText.str();
-  result.maxRssKiB = usage.ru_maxrss;
   return result;
-}
-
-std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) lines.push_back(line);
-  return lines;
 }
 
 }  // namespace tpa::testing

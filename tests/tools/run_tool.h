@@ -1,7 +1,7 @@
 // Test helper: runs the built `tpa` executable (its path in TPA_TOOL, which
 // ctest sets) as a child process. runTool feeds a string to its standard input
-// through a pipe and collects the exit code, both outputs (through temporary
-// files, so nothing can block) and the child's peak memory.
+// through a pipe and collects the exit code and both outputs (through
+// temporary files, so nothing can block).
 #ifndef TPA_TESTS_TOOLS_RUN_TOOL_H_
 #define TPA_TESTS_TOOLS_RUN_TOOL_H_
 
@@ -15,13 +15,10 @@ namespace tpa::testing {
 struct ToolResult {
   int exitCode = -1;  // -1 when the child did not exit normally
   std::string out, err;
-  long maxRssKiB = 0;  // the child's peak resident set size
 };
 
-// Runs `tpa args...` with `input`, written `repeat` times, on its standard
-// input: a long input need not be held in memory to be sent.
-ToolResult runTool(const std::vector<std::string>& args, const std::string& input = "",
-                   int repeat = 1);
+// Runs `tpa args...` with `input` on its standard input.
+ToolResult runTool(const std::vector<std::string>& args, const std::string& input = "");
 
 // Starts `tpa args...` with `in`, `out` and `err` as its standard descriptors.
 pid_t startTool(const std::vector<std::string>& args, int in, int out, int err);
@@ -41,9 +38,6 @@ class TempFile {
  private:
   std::string path_;
 };
-
-// The lines of `text`, without their '\n'.
-std::vector<std::string> linesOf(const std::string& text);
 
 }  // namespace tpa::testing
 

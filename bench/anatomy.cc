@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "api/inspect.h"
+#include "api/diagnostics.h"
 #include "fixtures.h"
 #include "mapper/map.h"
 #include "mapper/trace.h"

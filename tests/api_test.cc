@@ -9,7 +9,7 @@
 
 #include "api/analyzer.h"
 #include "api/constants.h"
-#include "api/inspect.h"
+#include "api/diagnostics.h"
 #include "machine/fsm.h"
 #include "mapper/map.h"
 #include "mapper/trace.h"

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "api/analyzer.h"
-#include "api/inspect.h"
+#include "api/diagnostics.h"
 #include "api/constants.h"
 #include "mapper/map.h"
 #include "parser/json_parser.h"

@@ -16,7 +16,7 @@
 
 #include "api/analyzer.h"
 #include "api/constants.h"
-#include "api/inspect.h"
+#include "api/diagnostics.h"
 #include "cidr/cidr.h"
 #include "mapper/trace.h"
 #include "tools/build_guard.h"

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "api/analyzer.h"
-#include "api/inspect.h"
+#include "api/diagnostics.h"
 #include "api/constants.h"
 #include "cidr/cidr.h"
 #include "mapper/trace.h"

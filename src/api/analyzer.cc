@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "api/constants.h"
-#include "api/inspect.h"
+#include "api/diagnostics.h"
 #include "api/log.h"
 #include "mapper/decision.h"
 #include "mapper/map.h"

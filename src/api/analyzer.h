@@ -48,7 +48,7 @@ class TPA_EXPORT Builder {
   void clearCache();
 
  private:
-  friend class Inspect;  // the tool's and the tests' view of the map (api/inspect.h)
+  friend class Inspect;  // the tool's and the tests' view of the map (api/diagnostics.h)
 
   std::unique_ptr<mapper::Map> map;  // null until the first successful build
 };

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "api/analyzer.h"
-#include "api/inspect.h"
+#include "api/diagnostics.h"
 #include "mapper/map.h"
 #include "run_tool.h"
 

@@ -4,8 +4,8 @@
 // pointers are borrowed from the facade and valid until its next build; read
 // them only while no other thread builds. The traced query on an analyzer
 // takes its lock like any query.
-#ifndef TPA_API_INSPECT_H_
-#define TPA_API_INSPECT_H_
+#ifndef TPA_API_DIAGNOSTICS_H_
+#define TPA_API_DIAGNOSTICS_H_
 
 #include <string>
 
@@ -30,4 +30,4 @@ class Inspect {
 
 }  // namespace tpa::api
 
-#endif  // TPA_API_INSPECT_H_
+#endif  // TPA_API_DIAGNOSTICS_H_

@@ -135,8 +135,14 @@ void checkRandom(const std::string& alphabet, unsigned seed, double room) {
   for (int round = 0; round < 60; ++round) {
     std::vector<std::string> keys = {wide + "ya$"};
     std::string text = keys[0];
-    for (int i = 1 + rng() % 12; i > 0; --i)
-      text += keys.emplace_back((rng() % 3 ? "#" : "#*.") + random(40) + "$");
+    for (int i = 1 + rng() % 12; i > 0; --i) {
+      const std::string& earlier = keys[rng() % keys.size()];
+      switch (rng() % 6) {
+        case 0: text += keys.emplace_back(earlier); break;  // again, with another value
+        case 1: text += keys.emplace_back(earlier.substr(rng() % earlier.size())); break;
+        default: text += keys.emplace_back((rng() % 3 ? "#" : "#*.") + random(40) + "$");
+      }
+    }
     Automaton sa, frozen;
     Reference reference;
     sa.construct(static_cast<int>(text.size() * room));
@@ -154,6 +160,7 @@ void checkRandom(const std::string& alphabet, unsigned seed, double room) {
       std::string q = random(45);
       if (i % 2 == 0) q = text.substr(rng() % text.size(), rng() % 45) + q.substr(0, q.size() % 4);
       if (i % 16 == 1) q = text.substr(rng() % text.size(), 200) + q.substr(0, q.size() % 4);  // long suffixes
+      if (i % 4 == 3) q = keys[rng() % keys.size()];  // a stored key, maybe shadowed
       Value full, fullRef, partial, literal;
       const int f = sa.tryFindFull(q, full), p = sa.tryFindPartial(q, partial);
       ASSERT_EQ(reference.tryFindFull(q, fullRef), f) << q;
@@ -165,6 +172,16 @@ void checkRandom(const std::string& alphabet, unsigned seed, double room) {
       ASSERT_EQ(full, frozenFull) << text << " / " << q;
       ASSERT_EQ(p, frozen.tryFindPartial(q, frozenPartial)) << text << " / " << q;
       ASSERT_EQ(partial, frozenPartial) << text << " / " << q;
+      // The decision's shortcuts: a stored key found whole, and wildcards ruled out.
+      Value whole, frozenWhole;
+      const bool isWhole = sa.findWholeKey(q, whole);
+      ASSERT_EQ(isWhole, !q.empty() && f == static_cast<int>(q.size()) &&
+                             full.storedKeyLength() == f) << q;
+      ASSERT_EQ(isWhole, frozen.findWholeKey(q, frozenWhole)) << text << " / " << q;
+      if (isWhole) ASSERT_EQ(full, frozenWhole) << text << " / " << q;
+      if (!frozen.mayFindWildcard(q)) {
+        ASSERT_TRUE(partial.storedKeyLength() == 0 || partial.storedKeyLength() <= p) << text << " / " << q;
+      }
       if (room < 1) continue;
       ASSERT_EQ(longestIn(text, q, false), f) << text << " / " << q;
       ASSERT_EQ(longestIn(text, q, true), p) << text << " / " << q;

@@ -59,6 +59,7 @@ int runQuery(const Invocation& invocation) {
   std::string text;
   api::TarnPatternAnalyzer analyzer;
   if (int code = buildDocument(invocation.rules, text, analyzer)) return code;
+  std::string().swap(text);  // the rules are built: a long stream keeps only them
 
   OutputSink out(STDOUT_FILENO, isatty(STDOUT_FILENO) == 1);
   int code = kExitOk;

@@ -89,10 +89,28 @@ int FrozenAutomaton::tryFindPartial(const char* key, int n, Value& out) const {
   return best;
 }
 
+bool FrozenAutomaton::findWholeKey(const char* key, int n, Value& out) const {
+  // Each filed key ends a text state that carries it, of its own length.
+  const std::int32_t end = wholeKeys_.find(text_.data(), key, n, [&](std::int32_t e) {
+    return valueOf(e + 1).storedKeyLength == n;
+  });
+  if (end < 0) return false;
+  out = valueOf(end + 1);
+  return true;
+}
+
+bool FrozenAutomaton::mayFindWildcard(const char* key, int n) const {
+  const int star = root_[static_cast<unsigned char>('*')];
+  if (star < 0) return false;  // the lookup reports the start state's (0, -1)
+  // Reading nothing behind the '*' reports the '*' state itself.
+  if (valueOf(star).storedKeyLength != 0) return true;
+  return tails_.anyPieceIsTail(key, n);
+}
+
 std::size_t FrozenAutomaton::bytes() const {
   return sizeof(*this) + text_.capacity() + hasEdges_.bytes() + edgeStart_.capacity() * 4 +
-         labels_.capacity() + targets_.capacity() * 4 + valued_.bytes() +
-         values_.capacity() * sizeof(Value);
+         labels_.capacity() + targets_.capacity() + valued_.bytes() +
+         values_.capacity() * sizeof(Value) + wholeKeys_.bytes() + tails_.bytes();
 }
 
 // --- FrozenAutomaton::Builder -----------------------------------------------
@@ -107,7 +125,8 @@ FrozenAutomaton::Builder::Builder(int states, int textLength, Sizes sizes)
   f.stateCount_ = states;
   f.edgeStart_.reserve(sizes.statesWithEdges + 1);
   f.labels_.reserve(sizes.edges);
-  f.targets_.reserve(sizes.edges);
+  f.targetWidth_ = states <= (1 << 24) ? 3 : 4;
+  f.targets_.reserve(sizes.edges * f.targetWidth_);
   f.values_.reserve(sizes.valued);
 }
 
@@ -139,14 +158,19 @@ void FrozenAutomaton::Builder::addEdge(unsigned char c, int target) {
     f.edgeStart_.push_back(static_cast<std::uint32_t>(f.labels_.size()));
   }
   f.labels_.push_back(c);
-  f.targets_.push_back(target);
+  for (unsigned b = 0; b < f.targetWidth_; ++b) {
+    f.targets_.push_back(static_cast<unsigned char>(static_cast<std::uint32_t>(target) >> (8 * b)));
+  }
 }
 
-std::unique_ptr<FrozenAutomaton> FrozenAutomaton::Builder::finish() {
+std::unique_ptr<FrozenAutomaton> FrozenAutomaton::Builder::finish(
+    const std::vector<StoredKey>& keys, const std::vector<StoredKey>& wholeKeys) {
   FrozenAutomaton& f = *frozen_;
   f.edgeStart_.push_back(static_cast<std::uint32_t>(f.labels_.size()));
   f.hasEdges_.seal();
   f.valued_.seal();
+  f.wholeKeys_.build(f.text_.data(), wholeKeys);
+  f.tails_.build(f.text_.data(), keys);
   return std::move(frozen_);
 }
 

@@ -17,8 +17,13 @@
 //   suffixes from the start state, whose occurrence is monotone in their
 //   length.
 //
-// Cost: about 1 byte per text character, 5 per stored transition, 4 per
-// state with stored transitions, 8 per valued state and 3 bits per state.
+// - Two indexes of the stored keys (key_index.h) answer a decision's
+//   whole-key question and rule out most wildcard matches without a walk.
+//
+// Cost: about 1 byte per text character, 4 per stored transition (5 past
+// 16M states), 4 per
+// state with stored transitions, 8 per valued state, 3 bits per state and
+// 12 per stored key.
 // Immutable once made; const members may run concurrently. Lookups allocate
 // nothing and never throw.
 #ifndef TPA_FSA_FROZEN_AUTOMATON_H_
@@ -28,6 +33,8 @@
 #include <cstdint>
 #include <memory>
 #include <vector>
+
+#include "fsa/key_index.h"
 
 namespace tpa::fsa {
 
@@ -90,6 +97,15 @@ class FrozenAutomaton {
   // behind a '*' from the start state (the start state's value without '*').
   int tryFindPartial(const char* key, int n, Value& out) const;
 
+  // True when tryFindFull would read all n >= 1 characters of the key into a
+  // state whose stored key length is n, with `out` that state's value; what a
+  // decision asks of a whole key, answered from an index of the stored keys.
+  bool findWholeKey(const char* key, int n, Value& out) const;
+  // False only when tryFindPartial is sure to report a stored key length of
+  // 0 or one not longer than the length it returns: no wildcard entry can
+  // match the key, which a decision then learns without the lookup.
+  bool mayFindWildcard(const char* key, int n) const;
+
   int textLength() const { return static_cast<int>(text_.size()); }
   std::size_t bytes() const;
 
@@ -103,9 +119,16 @@ class FrozenAutomaton {
     if (!hasEdges_.test(static_cast<std::size_t>(s))) return -1;
     const std::uint32_t r = hasEdges_.rank(static_cast<std::size_t>(s));
     for (std::uint32_t k = edgeStart_[r], end = edgeStart_[r + 1]; k < end; ++k) {
-      if (labels_[k] == c) return targets_[k];
+      if (labels_[k] == c) return target(k);
     }
     return -1;
+  }
+  // Stored target k: little-endian in targetWidth_ bytes.
+  int target(std::uint32_t k) const {
+    const unsigned char* t = &targets_[std::size_t{k} * targetWidth_];
+    std::uint32_t v = t[0] | std::uint32_t{t[1]} << 8 | std::uint32_t{t[2]} << 16;
+    if (targetWidth_ == 4) v |= std::uint32_t{t[3]} << 24;
+    return static_cast<int>(v);
   }
   Value valueOf(int s) const {
     if (!valued_.test(static_cast<std::size_t>(s))) return kNoValue;
@@ -121,9 +144,12 @@ class FrozenAutomaton {
   RankedBits hasEdges_;                   // states (other than 0) with stored runs
   std::vector<std::uint32_t> edgeStart_;  // per state with runs, +1: run bounds
   std::vector<unsigned char> labels_;     // run labels, one run per state
-  std::vector<std::int32_t> targets_;     // beside labels_
+  std::vector<unsigned char> targets_;    // beside labels_, targetWidth_ bytes each
+  unsigned targetWidth_ = 4;              // 3 while every state number fits
   RankedBits valued_;                     // states whose value is not (0, -1)
   std::vector<Value> values_;             // per valued state, in state order
+  WholeKeyIndex wholeKeys_;               // keys whose full lookup reports them
+  WildcardTails tails_;                   // of every key with a '*'
   int stateCount_ = 1;
 };
 
@@ -139,8 +165,11 @@ class FrozenAutomaton::Builder {
   void beginState(int s, Value v);
   void addEdge(unsigned char c, int target);
 
-  // The automaton; the builder is spent.
-  std::unique_ptr<FrozenAutomaton> finish();
+  // The automaton, with the indexes of its stored keys: `keys` every key
+  // appended, `wholeKeys` those whose full lookup reports their own length
+  // (both in text order). The builder is spent.
+  std::unique_ptr<FrozenAutomaton> finish(const std::vector<StoredKey>& keys,
+                                          const std::vector<StoredKey>& wholeKeys);
 
  private:
   std::unique_ptr<FrozenAutomaton> frozen_;

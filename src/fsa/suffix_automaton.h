@@ -203,6 +203,30 @@ class SuffixAutomaton {
     return n;
   }
 
+  // True when tryFindFull reads all of a non-empty `key` into a state whose
+  // stored key length is the key's own, with `out` that state's value.
+  [[nodiscard]] bool findWholeKey(const std::string& key, SAStateValue<T>& out) const {
+    const int n = static_cast<int>(key.size());
+    if (n < 1) return false;
+    if (frozen_) {
+      FrozenAutomaton::Value v;
+      if (!frozen_->findWholeKey(key.data(), n, v)) return false;
+      out = SAStateValue<T>(v.storedKeyLength, static_cast<T>(v.userDefinedValue));
+      return true;
+    }
+    SAStateValue<T> v;
+    if (tryFindFull(key, v) != n || v.storedKeyLength() != n) return false;
+    out = v;
+    return true;
+  }
+
+  // False only when tryFindPartial(key) is sure to report a stored key
+  // length of 0 or one not longer than the length it returns (no wildcard
+  // entry can match); the online automaton cannot tell and says true.
+  [[nodiscard]] bool mayFindWildcard(const std::string& key) const {
+    return !frozen_ || frozen_->mayFindWildcard(key.data(), static_cast<int>(key.size()));
+  }
+
   // Length of the longest suffix of `key` occurring in the text (INT32_MIN for
   // an empty key); `out` gets the value of the state reached by reading that
   // suffix again behind a leading '*' (the start state's value when no key
@@ -382,7 +406,28 @@ class SuffixAutomaton {
     for (int i = 1; i < count_; ++i) {
       if (isClone(i)) visit(i);
     }
-    return builder.finish();
+    std::vector<StoredKey> keys, wholeKeys;
+    storedKeys(renumbered, textLength, keys, wholeKeys);
+    return builder.finish(keys, wholeKeys);
+  }
+
+  // Every key appended, by its last character's text position and length, in
+  // text order (states are made in that order), and those of them whose full
+  // lookup reports their own length: the key's
+  // state (on the suffix links of the position's state, the one whose
+  // lengths take the key's) carries a key of that length. A key appended
+  // twice is listed twice.
+  void storedKeys(const std::vector<std::int32_t>& renumbered, int textLength,
+                  std::vector<StoredKey>& keys, std::vector<StoredKey>& wholeKeys) const {
+    for (int i = 1; i < count_; ++i) {
+      const int keyLength = values_[static_cast<std::size_t>(i)].storedKeyLength;
+      if (keyLength <= 0 || renumbered[static_cast<std::size_t>(i)] > textLength) continue;
+      const StoredKey key{renumbered[static_cast<std::size_t>(i)] - 1, keyLength};
+      keys.push_back(key);
+      int s = i;
+      while (length(link(s)) >= keyLength) s = link(s);
+      if (values_[static_cast<std::size_t>(s)].storedKeyLength == keyLength) wholeKeys.push_back(key);
+    }
   }
 
   // Lookups on an automaton that was never allocated answer as an empty one.

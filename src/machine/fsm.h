@@ -68,6 +68,32 @@ class FSM {
                 [this](const Key& k, StateValue& v) { return automaton_->tryFindPartial(k, v); });
   }
 
+  // Whether key.first is stored whole as findFull sees it: read to its end
+  // into a state whose stored key length is its own (`out` then gets that
+  // state's value). A frozen machine asks the index of its stored keys, an
+  // online one its cache and automaton. 0 with `whole` set, or -1.
+  [[nodiscard]] int findWhole(const KeyPair& key, StateValue& out, bool& whole) {
+    if (!automaton_ || !cache_) return error::TPA_ERROR_OOM;
+    if (automaton_->frozen()) {
+      whole = automaton_->findWholeKey(key.first, out);
+      return error::TPA_ERROR_NONE;
+    }
+    StateValue v;
+    Length matched = 0;
+    const int code = findFull(key, v, matched);
+    if (code != error::TPA_ERROR_NONE) return code;
+    const auto n = static_cast<Length>(key.first.size());
+    whole = n >= 1 && matched == n && v.storedKeyLength() == n;
+    if (whole) out = v;
+    return error::TPA_ERROR_NONE;
+  }
+
+  // False only when findPartial of the key is sure to report no wildcard
+  // match (a stored key length of 0, or not longer than the matched length).
+  bool mayFindWildcard(const Key& key) const {
+    return automaton_ == nullptr || automaton_->mayFindWildcard(key);
+  }
+
   // Trades the automaton's online states for their read-only form once
   // nothing more will be put (see SuffixAutomaton::freeze). Every answer the
   // cache holds is one the frozen form gives again, so lookups go straight to

@@ -100,6 +100,24 @@ int search(Machine& machine, const Key& key, StateValue& out, int& matched, Sear
   return code;
 }
 
+// The whole-key test: `key` is a stored key, found whole with its own
+// length; `value` gets the value there. A traced search records the lookup it
+// is made of. Returns the machine's code.
+int searchWhole(Machine& machine, const Key& key, bool& whole, int& value, SearchTrace* trace) {
+  StateValue v;
+  if (trace == nullptr) {
+    const int code = machine.findWhole(key, v, whole);
+    value = v.userDefinedValue();
+    return code;
+  }
+  int matched = 0;
+  const int code = search(machine, key, v, matched, trace);
+  const int n = static_cast<int>(key.first.size());
+  whole = v.storedKeyLength() != 0 && matched == n && v.storedKeyLength() == n;
+  value = v.userDefinedValue();
+  return code;
+}
+
 // Addresses are compared in their fixed-width forms; anything else verbatim.
 // The bit string serves the network-prefix search.
 void normaliseDestination(const std::string& destination, QueryBuffers& b) {
@@ -107,6 +125,7 @@ void normaliseDestination(const std::string& destination, QueryBuffers& b) {
     if (cidr::isIPv4Address(destination)) cidr::expandIpv4AddrInto(b.destination, destination);
   }
   b.address = cidr::isIPAddress(b.destination);
+  for (QueryBuffers::BitsSearch& done : b.bitsSearches) done.machine = nullptr;
   b.bits.second = machine::kFullKey;
   if (b.address) {
     cidr::convertToBinaryIPAddressInto(b.bits.first, b.destination);
@@ -126,6 +145,25 @@ DomainSearchResult settle(ListTrace* trace, MatchKind kind, const DomainSearchRe
   return r;
 }
 
+// The search of the address bits in `machine`: the one made earlier in this
+// query when there is one (a traced query searches every time).
+QueryBuffers::BitsSearch searchBits(Machine& machine, QueryBuffers& b, ListTrace* trace) {
+  QueryBuffers::BitsSearch* slot = nullptr;
+  if (trace == nullptr) {
+    for (QueryBuffers::BitsSearch& done : b.bitsSearches) {
+      if (done.machine == &machine) return done;
+      if (done.machine == nullptr && slot == nullptr) slot = &done;
+    }
+  }
+  StateValue v;
+  QueryBuffers::BitsSearch result;
+  result.machine = &machine;
+  result.code = search(machine, b.bits, v, result.run, traced(trace, &ListTrace::bitsSearch));
+  result.storedKeyLength = v.storedKeyLength();
+  if (slot != nullptr && result.code == error::TPA_ERROR_NONE) *slot = result;
+  return result;
+}
+
 // The longest leading run of the address bits present in the machine, tried
 // as a stored network of this rule and list. Only that one run is tried: a
 // shorter stored network behind a longer run does not match.
@@ -133,27 +171,23 @@ DomainSearchResult findNetwork(int rule, Machine& machine, std::uint8_t flag, Qu
                                ListTrace* trace) {
   const int bitCount = static_cast<int>(b.bits.first.size());
   if (bitCount == 0) return DomainSearchResult();
-  StateValue v;
-  int run = 0;
-  if (search(machine, b.bits, v, run, traced(trace, &ListTrace::bitsSearch)) != 0) {
-    return DomainSearchResult();
-  }
+  const QueryBuffers::BitsSearch bits = searchBits(machine, b, trace);
+  const int run = bits.run;
+  if (bits.code != 0) return DomainSearchResult();
   // Running onto a key end means the bits met a stored key's tail, not a network.
-  if (v.storedKeyLength() != 0 || run < 2 || run >= bitCount) return DomainSearchResult();
+  if (bits.storedKeyLength != 0 || run < 2 || run >= bitCount) return DomainSearchResult();
   const std::string_view prefix(b.bits.first.data(), static_cast<std::size_t>(run));
   transformDomainInto(b.prefixKey.first, prefix, rule, flag);
   b.prefixKey.second = machine::kFullKey;
   if (trace != nullptr) trace->prefixKey = b.prefixKey.first;
   const int k = static_cast<int>(b.prefixKey.first.size());
-  StateValue pv;
-  int matched = 0;
-  if (search(machine, b.prefixKey, pv, matched, traced(trace, &ListTrace::prefix)) != 0) {
+  bool whole = false;
+  int value = 0;
+  if (searchWhole(machine, b.prefixKey, whole, value, traced(trace, &ListTrace::prefix)) != 0 ||
+      !whole) {
     return DomainSearchResult();
   }
-  if (pv.storedKeyLength() != 0 && matched == pv.storedKeyLength() && matched == k) {
-    return DomainSearchResult(true, k, pv.userDefinedValue(), pv.storedKeyLength());
-  }
-  return DomainSearchResult();
+  return DomainSearchResult(true, k, value, k);
 }
 
 // Searches one list of one rule number: the whole key, then the network
@@ -168,21 +202,20 @@ DomainSearchResult find(int rule, Machine& machine, std::uint8_t flag, QueryBuff
     trace->address = b.address;
     trace->bits = b.bits.first;
   }
-  StateValue v;
-  int matched = 0;
-  if (search(machine, b.key, v, matched, traced(trace, &ListTrace::whole)) != 0) {
+  bool whole = false;
+  int value = 0;
+  if (searchWhole(machine, b.key, whole, value, traced(trace, &ListTrace::whole)) != 0) {
     return DomainSearchResult();
   }
-  if (v.storedKeyLength() != 0 && matched == n && matched == v.storedKeyLength()) {
-    return settle(trace, MatchKind::kWholeKey,
-                  DomainSearchResult(true, n, v.userDefinedValue(), n));
-  }
+  if (whole) return settle(trace, MatchKind::kWholeKey, DomainSearchResult(true, n, value, n));
   if (b.address) {
     const DomainSearchResult network = findNetwork(rule, machine, flag, b, trace);
     if (network.found) return settle(trace, MatchKind::kNetworkPrefix, network);
   }
   // A wildcard match must be strictly shorter than both the stored and the
   // searched key.
+  // Most keys end like no wildcard entry: that is known without the lookup.
+  if (trace == nullptr && !machine.mayFindWildcard(b.key.first)) return DomainSearchResult();
   b.key.second = machine::kPartialKey;
   StateValue pv;
   int p = 0;
@@ -355,16 +388,14 @@ Decision MapDecisionMaker::decide(const std::string& app, const std::string& des
   QueryBuffers& b = buffers_;
   tansformAppInto(b.appKey.first, app);
   b.appKey.second = machine::kFullKey;
-  const int n = static_cast<int>(b.appKey.first.size());
   if (trace != nullptr) trace->appKey = b.appKey.first;
-  StateValue v;
-  int matched = 0;
-  if (search(apps_, b.appKey, v, matched, traced(trace, &QueryTrace::app)) != 0) {
+  bool whole = false;
+  int value = 0;
+  if (searchWhole(apps_, b.appKey, whole, value, traced(trace, &QueryTrace::app)) != 0) {
     return finish(trace, Decision());
   }
   // An application stored whole selects its rule; anything else, rule 0.
-  const bool whole = v.storedKeyLength() == n && matched == n;
-  const int rule = whole ? v.userDefinedValue() : TPA_RULE_NUMBER_ZERO;
+  const int rule = whole ? value : TPA_RULE_NUMBER_ZERO;
   normaliseDestination(destination, b);
   if (trace != nullptr) {
     trace->rule = rule;

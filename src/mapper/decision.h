@@ -66,6 +66,15 @@ struct QueryBuffers {
   std::pair<std::string, int> key;        // framed destination key
   std::pair<std::string, int> bits;       // the address as a bit string
   std::pair<std::string, int> prefixKey;  // framed network prefix
+  // The bit-string search of a domain machine, made at most once a query:
+  // unlike the framed keys, the bits do not carry the rule number.
+  struct BitsSearch {
+    const machine::KeyedMachine* machine = nullptr;  // null: free this query
+    int code = 0;
+    int run = 0;
+    int storedKeyLength = 0;
+  };
+  BitsSearch bitsSearches[2];
 };
 
 // Whole decisions of recent queries, keyed by (application, destination), so

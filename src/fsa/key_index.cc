@@ -1,0 +1,153 @@
+#include "fsa/key_index.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace tpa::fsa {
+
+// --- WholeKeyIndex ----------------------------------------------------------
+
+std::uint64_t WholeKeyIndex::hash(const unsigned char* key, int n) {
+  constexpr std::uint64_t kMul = 0x9fb21c651e98df25u;
+  std::uint64_t h = static_cast<std::uint64_t>(n) * kMul;
+  int i = 0;
+  for (; i + 8 <= n; i += 8) {
+    std::uint64_t w;
+    std::memcpy(&w, key + i, 8);
+    h = (h ^ w) * kMul;
+    h ^= h >> 29;
+  }
+  if (i < n) {
+    std::uint64_t w = 0;
+    std::memcpy(&w, key + i, static_cast<std::size_t>(n - i));
+    h = (h ^ w) * kMul;
+  }
+  h ^= h >> 32;
+  h *= kMul;
+  return h ^ (h >> 29);
+}
+
+void WholeKeyIndex::build(const unsigned char* text, const std::vector<StoredKey>& keys) {
+  slots_.assign(keys.size() + keys.size() / 2 + 1, Slot{0, 0});
+  std::vector<std::int32_t> lengths(slots_.size(), 0);  // of the key filed in each slot
+  for (const StoredKey& k : keys) {
+    const unsigned char* begin = text + (k.end + 1 - k.length);
+    const std::uint64_t h = hash(begin, k.length);
+    const auto tag = static_cast<std::uint32_t>(h >> 32);
+    for (std::size_t i = home(h);; i = i + 1 == slots_.size() ? 0 : i + 1) {
+      Slot& s = slots_[i];
+      if (s.endPlusOne == 0) {
+        s = Slot{static_cast<std::uint32_t>(k.end) + 1, tag};
+        lengths[i] = k.length;
+        break;
+      }
+      if (s.tag == tag && lengths[i] == k.length &&
+          endsWith(text, static_cast<std::int32_t>(s.endPlusOne - 1), begin, k.length)) {
+        break;  // a copy of a key filed before
+      }
+    }
+  }
+}
+
+// --- WildcardTails ----------------------------------------------------------
+
+namespace {
+
+// A hash as filed: the low bit is the flag, and 0 means empty.
+std::uint64_t filed(std::uint64_t h) {
+  h &= ~std::uint64_t{1};
+  return h == 0 ? 2 : h;
+}
+
+}  // namespace
+
+void WildcardTails::HashSet::insert(std::uint64_t h, bool flag) {
+  if (2 * (used_ + 1) > slots_.size()) {
+    std::vector<std::uint64_t> old(slots_.empty() ? 16 : 2 * slots_.size(), 0);
+    old.swap(slots_);
+    shift_ = 64;
+    for (std::size_t size = slots_.size(); size > 1; size /= 2) --shift_;
+    for (const std::uint64_t e : old) {
+      if (e != 0) place(e & ~std::uint64_t{1}, (e & 1) != 0);
+    }
+  }
+  place(filed(h), flag);
+}
+
+void WildcardTails::HashSet::place(std::uint64_t want, bool flag) {
+  for (std::size_t i = home(want);; i = (i + 1) & (slots_.size() - 1)) {
+    std::uint64_t& e = slots_[i];
+    if (e == 0) {
+      e = want | (flag ? 1 : 0);
+      ++used_;
+      return;
+    }
+    if ((e | 1) == (want | 1)) {
+      if (flag) e |= 1;
+      return;
+    }
+  }
+}
+
+std::uint64_t WildcardTails::HashSet::find(std::uint64_t h) const {
+  if (slots_.empty()) return 0;
+  const std::uint64_t want = filed(h);
+  for (std::size_t i = home(want);; i = (i + 1) & (slots_.size() - 1)) {
+    const std::uint64_t e = slots_[i];
+    if (e == 0 || (e | 1) == (want | 1)) return e;
+  }
+}
+
+void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey>& keys) {
+  // The tail behind each key's first '*' (the later ones are its endings).
+  std::vector<StoredKey> starred;
+  for (const StoredKey& k : keys) {
+    const int begin = k.end + 1 - k.length;
+    const void* star = std::memchr(text + begin, '*', static_cast<std::size_t>(k.length));
+    if (star == nullptr) continue;
+    const int first = static_cast<int>(static_cast<const unsigned char*>(star) - text);
+    if (first < k.end) starred.push_back(StoredKey{k.end, k.end - first});
+  }
+  for (const StoredKey& t : starred) {
+    lastChar_[text[t.end]] = true;
+    std::uint64_t h = 0, power = 1;
+    for (int length = 1; length <= t.length; ++length) {
+      const int i = t.end + 1 - length;
+      h += text[i] * power;
+      power *= kBase;
+      const bool tail = text[i - 1] == '*';
+      if (length <= kEnding) {
+        endings_.insert(h, tail);
+      } else if (tail) {
+        tails_.insert(h, true);
+        if (longLengths_.size() <= static_cast<std::size_t>(length)) longLengths_.resize(length + 1);
+        longLengths_[static_cast<std::size_t>(length)] = true;
+      }
+    }
+  }
+}
+
+bool WildcardTails::anyPieceIsTail(const char* key, int n) const {
+  if (endings_.empty()) return false;
+  const auto* k = reinterpret_cast<const unsigned char*>(key);
+  const int longest = static_cast<int>(longLengths_.size()) - 1;
+  for (int j = 0; j < n; ++j) {
+    if (!lastChar_[k[j]]) continue;
+    std::uint64_t h = 0, power = 1;
+    for (int length = 1; length <= j + 1 && length <= std::max(kEnding, longest); ++length) {
+      h += k[j + 1 - length] * power;
+      power *= kBase;
+      if (length <= kEnding) {
+        // A piece that ends no tail has no longer piece that is a tail.
+        const std::uint64_t e = endings_.find(h);
+        if (e == 0) break;
+        if (e & 1) return true;
+      } else if (longLengths_[static_cast<std::size_t>(length)] && tails_.find(h) != 0) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+}  // namespace tpa::fsa

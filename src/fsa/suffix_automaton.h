@@ -147,19 +147,20 @@ class SuffixAutomaton {
                           capacity_);
       return error::TPA_ERROR_ARRAY_OUT_OF_INDEX;
     }
-    setLength(cur, length(last_) + 1);
-    setValue(cur, value);
+    const int at = ++textStates_;  // the slot of the new state
+    setLength(at, length(last_) + 1);
+    setValue(at, value);
     int p = last_;
     while (p != -1 && transitions_.find(p, c) == nullptr) {
-      transitions_.insert(p, c, cur);
+      transitions_.insert(p, c, at);
       p = link(p);
     }
     if (p == -1) {
-      setLink(cur, 0);
+      setLink(at, 0);
     } else {
       const int q = *transitions_.find(p, c);
       if (length(q) == length(p) + 1) {
-        setLink(cur, q);
+        setLink(at, q);
       } else {
         const int clone = count_++;
         if (clone >= capacity_) {
@@ -168,11 +169,12 @@ class SuffixAutomaton {
                               clone, capacity_);
           return error::TPA_ERROR_ARRAY_OUT_OF_INDEX;
         }
-        splitWithClone(p, q, clone, c);
-        setLink(cur, clone);
+        const int cloneAt = capacity_ - 1 - clones_++;
+        splitWithClone(p, q, cloneAt, c);
+        setLink(at, cloneAt);
       }
     }
-    last_ = cur;
+    last_ = at;
     return error::TPA_ERROR_NONE;
   }
 
@@ -364,50 +366,42 @@ class SuffixAutomaton {
     return l;
   }
 
-  // The frozen form: the start state, then the state created for each text
-  // position in text order (its length is the position + 1, and a clone made
-  // while appending position e is shorter than e + 2), then the clones.
+  // The frozen form: the start state, then the state of each text position
+  // in text order, then the clones in the order they were made; in slots,
+  // 0, 1 .. textStates_, then capacity_ - 1 down.
+  int frozenIndex(int slot) const {
+    return slot <= textStates_ ? slot : textStates_ + (capacity_ - slot);
+  }
   std::unique_ptr<FrozenAutomaton> makeFrozen() const {
-    std::vector<std::int32_t> renumbered(static_cast<std::size_t>(count_), 0);
-    int textLength = 0;
-    for (int i = 1; i < count_; ++i) {
-      if (length(i) == textLength + 1) renumbered[i] = ++textLength;
-    }
-    for (int i = 1, next = textLength + 1; i < count_; ++i) {
-      if (renumbered[i] == 0) renumbered[i] = next++;
-    }
-    const auto isClone = [&](int i) { return renumbered[i] > textLength; };
+    const int firstClone = capacity_ - clones_;
     // What is stored, counted first so that every array is made to size:
     // transitions other than the start state's and those the text gives
     // (one from every position but the last), and values other than (0, -1).
     std::size_t edges = 0, statesWithEdges = 0, valued = 0;
-    for (int i = 1; i < count_; ++i) {
-      const int stored = transitions_.countOf(i) - (renumbered[i] < textLength ? 1 : 0);
+    const auto count = [&](int i) {
+      const int stored = transitions_.countOf(i) - (i < textStates_ ? 1 : 0);
       edges += static_cast<std::size_t>(stored);
       statesWithEdges += stored > 0 ? 1 : 0;
       valued += valueOf(i) != SAStateValue<T>() ? 1 : 0;
-    }
+    };
+    for (int i = 1; i <= textStates_; ++i) count(i);
+    for (int i = capacity_ - 1; i >= firstClone; --i) count(i);
     valued += valueOf(0) != SAStateValue<T>() ? 1 : 0;
-    FrozenAutomaton::Builder builder(count_, textLength,
+    FrozenAutomaton::Builder builder(count_, textStates_,
                                      FrozenAutomaton::Sizes{edges, statesWithEdges, valued});
     const auto visit = [&](int i) {
       const SAStateValue<T> v = valueOf(i);
-      builder.beginState(renumbered[i],
+      builder.beginState(frozenIndex(i),
                          FrozenAutomaton::Value{v.storedKeyLength(),
                                                 static_cast<std::int32_t>(v.userDefinedValue())});
       transitions_.forEach(i, [&](unsigned char c, std::int32_t target) {
-        builder.addEdge(c, renumbered[static_cast<std::size_t>(target)]);
+        builder.addEdge(c, frozenIndex(target));
       });
     };
-    visit(0);
-    for (int i = 1; i < count_; ++i) {
-      if (!isClone(i)) visit(i);
-    }
-    for (int i = 1; i < count_; ++i) {
-      if (isClone(i)) visit(i);
-    }
+    for (int i = 0; i <= textStates_; ++i) visit(i);
+    for (int i = capacity_ - 1; i >= firstClone; --i) visit(i);
     std::vector<StoredKey> keys, wholeKeys;
-    storedKeys(renumbered, textLength, keys, wholeKeys);
+    storedKeys(keys, wholeKeys);
     return builder.finish(keys, wholeKeys);
   }
 
@@ -417,12 +411,11 @@ class SuffixAutomaton {
   // state (on the suffix links of the position's state, the one whose
   // lengths take the key's) carries a key of that length. A key appended
   // twice is listed twice.
-  void storedKeys(const std::vector<std::int32_t>& renumbered, int textLength,
-                  std::vector<StoredKey>& keys, std::vector<StoredKey>& wholeKeys) const {
-    for (int i = 1; i < count_; ++i) {
+  void storedKeys(std::vector<StoredKey>& keys, std::vector<StoredKey>& wholeKeys) const {
+    for (int i = 1; i <= textStates_; ++i) {
       const int keyLength = values_[static_cast<std::size_t>(i)].storedKeyLength;
-      if (keyLength <= 0 || renumbered[static_cast<std::size_t>(i)] > textLength) continue;
-      const StoredKey key{renumbered[static_cast<std::size_t>(i)] - 1, keyLength};
+      if (keyLength <= 0) continue;
+      const StoredKey key{i - 1, keyLength};
       keys.push_back(key);
       int s = i;
       while (length(link(s)) >= keyLength) s = link(s);
@@ -447,7 +440,14 @@ class SuffixAutomaton {
   Transitions transitions_;
   PodArray<StoredValue> values_;
   int last_ = 0;             // state of the whole text; 0 <= last_ < count_
-  int count_ = 1;            // states in use; the next state gets this index
+  // States in use, counted as the overflow checks and their messages count
+  // them (a failed extend still counts its state). They are kept in two
+  // runs of slots: the state of text position e in slot e + 1, the k-th
+  // clone in slot capacity_ - 1 - k, so that the frozen form's numbering
+  // (text states first, in text order) is a formula, not a table.
+  int count_ = 1;
+  int textStates_ = 0;  // slots 1 .. textStates_ hold the text's states
+  int clones_ = 0;      // slots capacity_ - clones_ .. capacity_ - 1 hold the clones
   int requestedLength_ = 0;  // construct's argument after raising 0 and 1 to 3
   int capacity_ = 0;         // states allocated: 2 * requestedLength_
   // Once frozen: the only form, transitions_ and values_ released.

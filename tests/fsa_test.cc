@@ -102,22 +102,22 @@ int longestIn(const std::string& text, const std::string& q, bool suffix) {
 
 // The wildcard search read literally: best and bestEnd reset at every fallback; the '*' walk.
 int literalPartial(const Automaton& sa, const std::string& key, Value& out) {
-  const auto& t = sa.transitions();
+  const auto step = [&](int s, char c) { return sa.step(s, static_cast<unsigned char>(c)); };
   int s = 0, l = 0, best = INT_MIN, bestEnd = INT_MIN;
   for (int i = 0; i < static_cast<int>(key.size()); ++i) {
-    while (s != 0 && t.find(s, key[i]) == nullptr) {
+    while (s != 0 && step(s, key[i]) < 0) {
       best = bestEnd = INT_MIN;
       s = sa.stateAt(s).link() < 0 ? 0 : sa.stateAt(s).link();
       l = sa.stateAt(s).length();
     }
-    if (const int* next = t.find(s, key[i])) s = *next, ++l;
+    if (const int next = step(s, key[i]); next >= 0) s = next, ++l;
     if (l >= best) best = l, bestEnd = i;
   }
-  const int* next = t.find(0, '*');
-  if (next == nullptr) return out = sa.stateAt(0).value(), best;
-  for (long long j = 1LL + bestEnd - best; next != nullptr; ++j) {
-    s = *next;
-    next = j < static_cast<long long>(key.size()) ? t.find(s, key[j]) : nullptr;
+  int next = step(0, '*');
+  if (next < 0) return out = sa.stateAt(0).value(), best;
+  for (long long j = 1LL + bestEnd - best; next >= 0; ++j) {
+    s = next;
+    next = j < static_cast<long long>(key.size()) ? step(s, key[j]) : -1;
   }
   return out = sa.stateAt(s).value(), best;
 }

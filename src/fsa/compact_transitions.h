@@ -122,6 +122,18 @@ class CompactTransitions {
     }
   }
 
+  // Calls f(target) with a reference to every target of `state`.
+  template <typename F>
+  void forEachTarget(int state, F f) {
+    Head& h = record(state).head;
+    if (h.count == 1) {
+      f(h.data);
+      return;
+    }
+    std::int32_t* targets = h.count == 0 ? nullptr : targetsOf(h);
+    for (int i = 0; i < h.count; ++i) f(targets[i]);
+  }
+
   // Transitions of `state`.
   int countOf(int state) const { return record(state).head.count; }
 

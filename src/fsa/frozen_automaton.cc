@@ -22,6 +22,15 @@ void RankedBits::seal() {
 
 // --- FrozenAutomaton --------------------------------------------------------
 
+int FrozenAutomaton::stepOffText(int s, unsigned char c) const {
+  if (!hasEdges_.test(static_cast<std::size_t>(s))) return -1;
+  const std::uint32_t r = hasEdges_.rank(static_cast<std::size_t>(s));
+  for (std::uint32_t k = edgeStart_[r], end = edgeStart_[r + 1]; k < end; ++k) {
+    if (labels_[k] == c) return target(k);
+  }
+  return -1;
+}
+
 int FrozenAutomaton::tryFindFull(const char* key, int n, Value& out) const {
   int s = 0;
   for (int i = 0; i < n; ++i) {

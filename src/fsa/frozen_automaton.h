@@ -112,17 +112,14 @@ class FrozenAutomaton {
  private:
   static constexpr Value kNoValue{0, -1};
 
-  // The target of state s on c, or -1.
+  // The target of state s on c, or -1. The text is the common case, kept
+  // small enough to inline into every walk.
   int step(int s, unsigned char c) const {
     if (s == 0) return root_[c];
     if (s < static_cast<int>(text_.size()) && text_[static_cast<std::size_t>(s)] == c) return s + 1;
-    if (!hasEdges_.test(static_cast<std::size_t>(s))) return -1;
-    const std::uint32_t r = hasEdges_.rank(static_cast<std::size_t>(s));
-    for (std::uint32_t k = edgeStart_[r], end = edgeStart_[r + 1]; k < end; ++k) {
-      if (labels_[k] == c) return target(k);
-    }
-    return -1;
+    return stepOffText(s, c);
   }
+  int stepOffText(int s, unsigned char c) const;  // out of line: the runs
   // Stored target k: little-endian in targetWidth_ bytes.
   int target(std::uint32_t k) const {
     const unsigned char* t = &targets_[std::size_t{k} * targetWidth_];
@@ -164,6 +161,8 @@ class FrozenAutomaton::Builder {
   // gives the text's character at s and is not stored otherwise.
   void beginState(int s, Value v);
   void addEdge(unsigned char c, int target);
+  // The text, complete once every state is in.
+  const unsigned char* text() const { return frozen_->text_.data(); }
 
   // The automaton, with the indexes of its stored keys: `keys` every key
   // appended, `wholeKeys` those whose full lookup reports their own length

@@ -131,12 +131,15 @@ bool WildcardTails::anyPieceIsTail(const char* key, int n) const {
   if (endings_.empty()) return false;
   const auto* k = reinterpret_cast<const unsigned char*>(key);
   const int longest = static_cast<int>(longLengths_.size()) - 1;
+  // Past a few probes per character the partial lookup itself is cheaper.
+  long budget = 4L * n + 64;
   for (int j = 0; j < n; ++j) {
     if (!lastChar_[k[j]]) continue;
     std::uint64_t h = 0, power = 1;
     for (int length = 1; length <= j + 1 && length <= std::max(kEnding, longest); ++length) {
       h += k[j + 1 - length] * power;
       power *= kBase;
+      if (--budget < 0) return true;
       if (length <= kEnding) {
         // A piece that ends no tail has no longer piece that is a tail.
         const std::uint64_t e = endings_.find(h);

@@ -83,8 +83,9 @@ class WildcardTails {
   // std::bad_alloc.
   void build(const unsigned char* text, const std::vector<StoredKey>& keys);
 
-  // True when some piece of key[0, n) is a kept tail (possibly by a hash
-  // collision); false proves that none is.
+  // True when some piece of key[0, n) is a kept tail (or by a hash
+  // collision, or when ruling them out would take more than a few probes per
+  // character); false proves that none is.
   bool anyPieceIsTail(const char* key, int n) const;
 
   std::size_t bytes() const {

@@ -46,6 +46,11 @@ class MapTransitions {
     maps_[static_cast<std::size_t>(to)] = maps_[static_cast<std::size_t>(from)];
   }
 
+  template <typename F>
+  void forEachTarget(int state, F f) {
+    for (auto& edge : maps_[static_cast<std::size_t>(state)]) f(edge.second);
+  }
+
  private:
   std::vector<std::map<unsigned char, std::int32_t>> maps_;  // one per allocated state
   std::vector<Payload> payloads_;                            // one per allocated state

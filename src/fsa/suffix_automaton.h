@@ -152,14 +152,15 @@ class SuffixAutomaton {
     setValue(at, value);
     int p = last_;
     while (p != -1 && transitions_.find(p, c) == nullptr) {
-      transitions_.insert(p, c, at);
+      transitions_.insert(p, c, edge(at, p == last_));
       p = link(p);
     }
     if (p == -1) {
       setLink(at, 0);
     } else {
-      const int q = *transitions_.find(p, c);
-      if (length(q) == length(p) + 1) {
+      const std::int32_t e = *transitions_.find(p, c);
+      const int q = targetOf(e);
+      if (solid(e)) {  // length(q) == length(p) + 1, known without reading q
         setLink(at, q);
       } else {
         const int clone = count_++;
@@ -194,12 +195,12 @@ class SuffixAutomaton {
     if (!values_) return emptyFull(out);
     int s = 0;
     for (int i = 0; i < n; ++i) {
-      const std::int32_t* next = transitions_.find(s, static_cast<unsigned char>(key[i]));
-      if (next == nullptr) {
+      const int next = step(s, static_cast<unsigned char>(key[i]));
+      if (next < 0) {
         out = valueOf(s);
         return i;
       }
-      s = *next;
+      s = next;
     }
     out = valueOf(s);
     return n;
@@ -246,18 +247,18 @@ class SuffixAutomaton {
     }
     if (!values_) return emptyPartial(n, out);
     const int best = n < 1 ? INT32_MIN : longestSuffix(key, n);
-    const std::int32_t* star = transitions_.find(0, static_cast<unsigned char>('*'));
-    if (star == nullptr) {
+    const int star = step(0, static_cast<unsigned char>('*'));
+    if (star < 0) {
       out = valueOf(0);
       return best;
     }
     // The suffix is read again behind the '*'. An empty key has no suffix:
     // the walk then starts past its end and reads nothing.
-    int s = *star;
+    int s = star;
     for (int j = n < 1 ? n : n - best; j < n; ++j) {
-      const std::int32_t* next = transitions_.find(s, static_cast<unsigned char>(key[j]));
-      if (next == nullptr) break;
-      s = *next;
+      const int next = step(s, static_cast<unsigned char>(key[j]));
+      if (next < 0) break;
+      s = next;
     }
     out = valueOf(s);
     return best;
@@ -292,7 +293,11 @@ class SuffixAutomaton {
   int last() const { return last_; }
   bool allocated() const { return values_ || frozen_; }
   SAState<T> stateAt(int i) const { return SAState<T>(length(i), link(i), valueOf(i)); }
-  const Transitions& transitions() const { return transitions_; }
+  // The target of state s on c, or -1 (until frozen).
+  int step(int s, unsigned char c) const {
+    const std::int32_t* e = transitions_.find(s, c);
+    return e == nullptr ? -1 : targetOf(*e);
+  }
 
  private:
   // A state's value, stored so that all-zero is (0, -1).
@@ -300,6 +305,16 @@ class SuffixAutomaton {
     std::int32_t storedKeyLength;
     std::int32_t valueBits;  // ~userDefinedValue
   };
+
+  // An edge as stored: the target's slot, and in the top bit whether it is
+  // solid (the target's length is the source's plus one), which is all that
+  // extend needs to know of the target in the common case.
+  static std::int32_t edge(int target, bool solid) {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(target) | (solid ? kSolidBit : 0u));
+  }
+  static int targetOf(std::int32_t e) { return static_cast<int>(static_cast<std::uint32_t>(e) & ~kSolidBit); }
+  static bool solid(std::int32_t e) { return (static_cast<std::uint32_t>(e) & kSolidBit) != 0; }
+  static constexpr std::uint32_t kSolidBit = 0x80000000u;
 
   int length(int s) const { return transitions_.payload(s).length; }
   int link(int s) const { return ~transitions_.payload(s).linkBits; }
@@ -322,10 +337,12 @@ class SuffixAutomaton {
     setLink(clone, link(q));
     setValue(clone, valueOf(q));
     transitions_.copy(q, clone);
-    for (; p != -1; p = link(p)) {
+    // q's solid edges are not solid from the shorter clone.
+    transitions_.forEachTarget(clone, [](std::int32_t& e) { e = edge(targetOf(e), false); });
+    for (const int first = p; p != -1; p = link(p)) {
       std::int32_t* target = transitions_.find(p, c);
-      if (target == nullptr || *target != q) break;
-      *target = clone;
+      if (target == nullptr || targetOf(*target) != q) break;
+      *target = edge(clone, p == first);
     }
     setLink(q, clone);
   }
@@ -351,15 +368,15 @@ class SuffixAutomaton {
     int l = 0;
     for (int i = start; i < n; ++i) {
       const auto c = static_cast<unsigned char>(key[i]);
-      const std::int32_t* next = transitions_.find(s, c);
-      while (next == nullptr && s != 0) {
+      int next = step(s, c);
+      while (next < 0 && s != 0) {
         // A state left without a link by a failed clone falls back to the start.
         s = link(s) < 0 ? 0 : link(s);
         l = length(s);
-        next = transitions_.find(s, c);
+        next = step(s, c);
       }
-      if (next != nullptr) {
-        s = *next;
+      if (next >= 0) {
+        s = next;
         ++l;
       }
     }
@@ -395,14 +412,32 @@ class SuffixAutomaton {
                          FrozenAutomaton::Value{v.storedKeyLength(),
                                                 static_cast<std::int32_t>(v.userDefinedValue())});
       transitions_.forEach(i, [&](unsigned char c, std::int32_t target) {
-        builder.addEdge(c, frozenIndex(target));
+        builder.addEdge(c, frozenIndex(targetOf(target)));
       });
     };
     for (int i = 0; i <= textStates_; ++i) visit(i);
     for (int i = capacity_ - 1; i >= firstClone; --i) visit(i);
     std::vector<StoredKey> keys, wholeKeys;
-    storedKeys(keys, wholeKeys);
+    storedKeys(builder.text(), keys, wholeKeys);
     return builder.finish(keys, wholeKeys);
+  }
+
+  // The state of the key of `keyLength` characters that ends at text state
+  // `at`: on the suffix links of `at`, the state whose lengths take the
+  // key's; one or two links away for a key seen once, but a key repeated
+  // many times sits far down a long chain, where reading it from the start
+  // state is cheaper.
+  int keyState(int at, int keyLength, const unsigned char* text) const {
+    int s = at;
+    for (int hops = 0; length(link(s)) >= keyLength; ++hops) {
+      if (hops == kKeyStateHops) {
+        s = 0;
+        for (int i = at - keyLength; i < at; ++i) s = step(s, text[i]);
+        return s;
+      }
+      s = link(s);
+    }
+    return s;
   }
 
   // Every key appended, by its last character's text position and length, in
@@ -411,14 +446,14 @@ class SuffixAutomaton {
   // state (on the suffix links of the position's state, the one whose
   // lengths take the key's) carries a key of that length. A key appended
   // twice is listed twice.
-  void storedKeys(std::vector<StoredKey>& keys, std::vector<StoredKey>& wholeKeys) const {
+  void storedKeys(const unsigned char* text, std::vector<StoredKey>& keys,
+                  std::vector<StoredKey>& wholeKeys) const {
     for (int i = 1; i <= textStates_; ++i) {
       const int keyLength = values_[static_cast<std::size_t>(i)].storedKeyLength;
       if (keyLength <= 0) continue;
       const StoredKey key{i - 1, keyLength};
       keys.push_back(key);
-      int s = i;
-      while (length(link(s)) >= keyLength) s = link(s);
+      const int s = keyState(i, keyLength, text);
       if (values_[static_cast<std::size_t>(s)].storedKeyLength == keyLength) wholeKeys.push_back(key);
     }
   }
@@ -433,7 +468,8 @@ class SuffixAutomaton {
     return length < 1 ? INT32_MIN : 0;
   }
 
-  static constexpr int kFirstWindow = 16;  // characters read first by a partial lookup
+  static constexpr int kFirstWindow = 16;
+  static constexpr int kKeyStateHops = 8;  // characters read first by a partial lookup
 
   // capacity_ states, or none before construct: state i has its transitions,
   // length and link in transitions_ under index i, its value in values_[i].

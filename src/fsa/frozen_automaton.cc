@@ -8,15 +8,14 @@ namespace tpa::fsa {
 // --- RankedBits -------------------------------------------------------------
 
 void RankedBits::resize(std::size_t n) {
-  words_.assign((n + 63) / 64 + 1, 0);  // one spare word: rank(n) stays in bounds
-  before_.assign(words_.size(), 0);
+  blocks_.assign((n + 63) / 64 + 1, Block{0, 0});  // one spare: rank(n) stays in bounds
 }
 
 void RankedBits::seal() {
   std::uint32_t total = 0;
-  for (std::size_t w = 0; w < words_.size(); ++w) {
-    before_[w] = total;
-    total += bitCount(words_[w]);
+  for (Block& b : blocks_) {
+    b.before = total;
+    total += bitCount(b.word);
   }
 }
 
@@ -25,8 +24,11 @@ void RankedBits::seal() {
 int FrozenAutomaton::stepOffText(int s, unsigned char c) const {
   if (!hasEdges_.test(static_cast<std::size_t>(s))) return -1;
   const std::uint32_t r = hasEdges_.rank(static_cast<std::size_t>(s));
-  for (std::uint32_t k = edgeStart_[r], end = edgeStart_[r + 1]; k < end; ++k) {
-    if (labels_[k] == c) return target(k);
+  const std::uint32_t first = edgeStart_[r];
+  const std::uint32_t count = edgeStart_[r + 1] - first;
+  const unsigned char* run = &runs_[first * edgeBytes()];
+  for (std::uint32_t k = 0; k < count; ++k) {
+    if (run[k] == c) return target(run + count + k * targetWidth_);
   }
   return -1;
 }
@@ -118,7 +120,7 @@ bool FrozenAutomaton::mayFindWildcard(const char* key, int n) const {
 
 std::size_t FrozenAutomaton::bytes() const {
   return sizeof(*this) + text_.capacity() + hasEdges_.bytes() + edgeStart_.capacity() * 4 +
-         labels_.capacity() + targets_.capacity() + valued_.bytes() +
+         runs_.capacity() + valued_.bytes() +
          values_.capacity() * sizeof(Value) + wholeKeys_.bytes() + tails_.bytes();
 }
 
@@ -132,16 +134,16 @@ FrozenAutomaton::Builder::Builder(int states, int textLength, Sizes sizes)
   f.hasEdges_.resize(static_cast<std::size_t>(states));
   f.valued_.resize(static_cast<std::size_t>(states));
   f.stateCount_ = states;
-  f.edgeStart_.reserve(sizes.statesWithEdges + 1);
-  f.labels_.reserve(sizes.edges);
   f.targetWidth_ = states <= (1 << 24) ? 3 : 4;
-  f.targets_.reserve(sizes.edges * f.targetWidth_);
+  f.edgeStart_.reserve(sizes.statesWithEdges + 1);
+  f.runs_.reserve(sizes.edges * f.edgeBytes());
   f.values_.reserve(sizes.valued);
+  run_.reserve(256);
 }
 
 void FrozenAutomaton::Builder::beginState(int s, Value v) {
+  flushRun();
   current_ = s;
-  currentHasEdges_ = false;
   if (v.storedKeyLength != kNoValue.storedKeyLength ||
       v.userDefinedValue != kNoValue.userDefinedValue) {
     frozen_->valued_.set(static_cast<std::size_t>(s));
@@ -160,22 +162,28 @@ void FrozenAutomaton::Builder::addEdge(unsigned char c, int target) {
     f.root_[c] = target;
     return;
   }
-  if (textEdge) return;
-  if (!currentHasEdges_) {
-    currentHasEdges_ = true;
-    f.hasEdges_.set(s);
-    f.edgeStart_.push_back(static_cast<std::uint32_t>(f.labels_.size()));
+  if (!textEdge) run_.emplace_back(c, target);
+}
+
+void FrozenAutomaton::Builder::flushRun() {
+  if (run_.empty()) return;
+  FrozenAutomaton& f = *frozen_;
+  f.hasEdges_.set(static_cast<std::size_t>(current_));
+  f.edgeStart_.push_back(static_cast<std::uint32_t>(f.runs_.size() / f.edgeBytes()));
+  for (const auto& edge : run_) f.runs_.push_back(edge.first);
+  for (const auto& edge : run_) {
+    for (unsigned b = 0; b < f.targetWidth_; ++b) {
+      f.runs_.push_back(static_cast<unsigned char>(static_cast<std::uint32_t>(edge.second) >> (8 * b)));
+    }
   }
-  f.labels_.push_back(c);
-  for (unsigned b = 0; b < f.targetWidth_; ++b) {
-    f.targets_.push_back(static_cast<unsigned char>(static_cast<std::uint32_t>(target) >> (8 * b)));
-  }
+  run_.clear();
 }
 
 std::unique_ptr<FrozenAutomaton> FrozenAutomaton::Builder::finish(
     const std::vector<StoredKey>& keys, const std::vector<StoredKey>& wholeKeys) {
   FrozenAutomaton& f = *frozen_;
-  f.edgeStart_.push_back(static_cast<std::uint32_t>(f.labels_.size()));
+  flushRun();
+  f.edgeStart_.push_back(static_cast<std::uint32_t>(f.runs_.size() / f.edgeBytes()));
   f.hasEdges_.seal();
   f.valued_.seal();
   f.wholeKeys_.build(f.text_.data(), wholeKeys);

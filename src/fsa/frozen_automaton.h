@@ -32,6 +32,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "fsa/key_index.h"
@@ -44,15 +45,16 @@ class RankedBits {
  public:
   // `n` bits, all clear. Throws std::bad_alloc.
   void resize(std::size_t n);
-  void set(std::size_t i) { words_[i >> 6] |= std::uint64_t{1} << (i & 63); }
+  void set(std::size_t i) { blocks_[i >> 6].word |= std::uint64_t{1} << (i & 63); }
   // Fills the counts; call once every bit is set.
   void seal();
 
-  bool test(std::size_t i) const { return (words_[i >> 6] >> (i & 63)) & 1; }
+  bool test(std::size_t i) const { return (blocks_[i >> 6].word >> (i & 63)) & 1; }
   // Set bits below i.
   std::uint32_t rank(std::size_t i) const {
     const std::uint64_t below = (std::uint64_t{1} << (i & 63)) - 1;
-    return before_[i >> 6] + bitCount(words_[i >> 6] & below);
+    const Block& b = blocks_[i >> 6];
+    return b.before + bitCount(b.word & below);
   }
   // In portable code: without a population count instruction the library
   // call costs more than this.
@@ -62,11 +64,16 @@ class RankedBits {
     x = (x + (x >> 4)) & 0x0f0f0f0f0f0f0f0fu;
     return static_cast<std::uint32_t>((x * 0x0101010101010101u) >> 56);
   }
-  std::size_t bytes() const { return words_.size() * 8 + before_.size() * 4; }
+  std::size_t bytes() const { return blocks_.capacity() * sizeof(Block); }
 
  private:
-  std::vector<std::uint64_t> words_;
-  std::vector<std::uint32_t> before_;  // before_[w]: set bits in words_[0, w)
+  // A word of bits and the count before it side by side: a test and a rank
+  // read one cache line.
+  struct Block {
+    std::uint64_t word;
+    std::uint32_t before;  // set bits in the words of the blocks before
+  };
+  std::vector<Block> blocks_;
 };
 
 class FrozenAutomaton {
@@ -120,9 +127,8 @@ class FrozenAutomaton {
     return stepOffText(s, c);
   }
   int stepOffText(int s, unsigned char c) const;  // out of line: the runs
-  // Stored target k: little-endian in targetWidth_ bytes.
-  int target(std::uint32_t k) const {
-    const unsigned char* t = &targets_[std::size_t{k} * targetWidth_];
+  // A stored target: little-endian in targetWidth_ bytes.
+  int target(const unsigned char* t) const {
     std::uint32_t v = t[0] | std::uint32_t{t[1]} << 8 | std::uint32_t{t[2]} << 16;
     if (targetWidth_ == 4) v |= std::uint32_t{t[3]} << 24;
     return static_cast<int>(v);
@@ -139,10 +145,14 @@ class FrozenAutomaton {
   std::vector<unsigned char> text_;
   std::int32_t root_[256];                // start state's targets, -1 for none
   RankedBits hasEdges_;                   // states (other than 0) with stored runs
-  std::vector<std::uint32_t> edgeStart_;  // per state with runs, +1: run bounds
-  std::vector<unsigned char> labels_;     // run labels, one run per state
-  std::vector<unsigned char> targets_;    // beside labels_, targetWidth_ bytes each
-  unsigned targetWidth_ = 4;              // 3 while every state number fits
+  // Per state with runs, +1: edges before its run, so that run r holds
+  // edges [edgeStart_[r], edgeStart_[r + 1]).
+  std::vector<std::uint32_t> edgeStart_;
+  // The runs, each its labels then its targets (targetWidth_ bytes each), so
+  // that a step reads one place: run r at byte edgeStart_[r] * edgeBytes().
+  std::vector<unsigned char> runs_;
+  unsigned targetWidth_ = 4;  // 3 while every state number fits
+  std::size_t edgeBytes() const { return 1 + targetWidth_; }
   RankedBits valued_;                     // states whose value is not (0, -1)
   std::vector<Value> values_;             // per valued state, in state order
   WholeKeyIndex wholeKeys_;               // keys whose full lookup reports them
@@ -171,9 +181,13 @@ class FrozenAutomaton::Builder {
                                           const std::vector<StoredKey>& wholeKeys);
 
  private:
+  // Files the current state's edges as its run.
+  void flushRun();
+
   std::unique_ptr<FrozenAutomaton> frozen_;
   int current_ = -1;
-  bool currentHasEdges_ = false;
+  // The current state's stored edges, filed as a run once it is complete.
+  std::vector<std::pair<unsigned char, int>> run_;
 };
 
 }  // namespace tpa::fsa

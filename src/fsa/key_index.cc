@@ -118,11 +118,13 @@ void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey
       const bool tail = text[i - 1] == '*';
       if (length <= kEnding) {
         endings_.insert(h, tail);
-      } else if (tail) {
-        tails_.insert(h, true);
-        if (longLengths_.size() <= static_cast<std::size_t>(length)) longLengths_.resize(length + 1);
-        longLengths_[static_cast<std::size_t>(length)] = true;
+        continue;
       }
+      const bool checkpoint = (length - kEnding) % kCheckpointEvery == 0;
+      if (!tail && !checkpoint) continue;
+      longer_.insert(h, tail);
+      if (lengths_.size() <= static_cast<std::size_t>(length)) lengths_.resize(length + 1, 0);
+      lengths_[static_cast<std::size_t>(length)] |= (tail ? kTailLength : 0) | (checkpoint ? kCheckpoint : 0);
     }
   }
 }
@@ -130,24 +132,29 @@ void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey
 bool WildcardTails::anyPieceIsTail(const char* key, int n) const {
   if (endings_.empty()) return false;
   const auto* k = reinterpret_cast<const unsigned char*>(key);
-  const int longest = static_cast<int>(longLengths_.size()) - 1;
+  const int longest = std::max(kEnding, static_cast<int>(lengths_.size()) - 1);
   // Past a few probes per character the partial lookup itself is cheaper.
   long budget = 4L * n + 64;
   for (int j = 0; j < n; ++j) {
     if (!lastChar_[k[j]]) continue;
     std::uint64_t h = 0, power = 1;
-    for (int length = 1; length <= j + 1 && length <= std::max(kEnding, longest); ++length) {
+    // A piece that ends no tail has no longer piece that is a tail: the
+    // endings, and past them the checkpoints, stop the search early.
+    for (int length = 1, last = std::min(j + 1, longest); length <= last; ++length) {
       h += k[j + 1 - length] * power;
       power *= kBase;
       if (--budget < 0) return true;
       if (length <= kEnding) {
-        // A piece that ends no tail has no longer piece that is a tail.
         const std::uint64_t e = endings_.find(h);
         if (e == 0) break;
         if (e & 1) return true;
-      } else if (longLengths_[static_cast<std::size_t>(length)] && tails_.find(h) != 0) {
-        return true;
+        continue;
       }
+      const std::uint8_t kind = lengths_[static_cast<std::size_t>(length)];
+      if (kind == 0) continue;
+      const std::uint64_t e = longer_.find(h);
+      if (e & 1) return true;
+      if (e == 0 && (kind & kCheckpoint) != 0) break;
     }
   }
   return false;

@@ -89,14 +89,18 @@ class WildcardTails {
   bool anyPieceIsTail(const char* key, int n) const;
 
   std::size_t bytes() const {
-    return (endings_.capacity() + tails_.capacity()) * sizeof(std::uint64_t) + longLengths_.capacity();
+    return (endings_.capacity() + longer_.capacity()) * sizeof(std::uint64_t) + lengths_.capacity();
   }
 
  private:
-  // Tail endings up to this long are kept piece by piece, so that a query
-  // whose pieces end like no tail is ruled out after a few characters; longer
-  // tails are kept whole and probed by length.
+  // Tail endings up to kEnding characters are kept piece by piece, so that a
+  // query whose pieces end like no tail is ruled out after a few characters;
+  // longer tails are kept whole, with checkpoints: every tail's ending of
+  // kEnding + m * kCheckpointEvery characters.
   static constexpr int kEnding = 6;
+  static constexpr int kCheckpointEvery = 8;
+  static constexpr std::uint8_t kTailLength = 1;  // in lengths_
+  static constexpr std::uint8_t kCheckpoint = 2;
 
   // A power-of-two set of 64-bit hashes, at most half full (it doubles when
   // it would be more); 0 is empty, and each hash carries one flag in its low
@@ -126,11 +130,11 @@ class WildcardTails {
   // Pieces are hashed backwards from their last character: h = sum of
   // c * kBase^k, k counted from the end, so a piece grows to the left in O(1).
   // endings_: every tail's endings of up to kEnding characters, flagged when
-  // one is a whole tail; tails_: the tails longer than that, whole;
-  // longLengths_[l]: some tail in tails_ has l characters.
+  // one is a whole tail; longer_: the longer tails (flagged) and checkpoint
+  // endings; lengths_[l]: what longer_ holds of l characters.
   HashSet endings_;
-  HashSet tails_;
-  std::vector<bool> longLengths_;
+  HashSet longer_;
+  std::vector<std::uint8_t> lengths_;
   bool lastChar_[256] = {};  // the last characters of the tails
 };
 

@@ -22,20 +22,6 @@ namespace {
 
 const std::string kRules = "examples/rules.json";
 
-// The blank-separated words of `text`, '' standing for an empty one.
-std::vector<std::string> words(const std::string& text) {
-  std::vector<std::string> out;
-  std::istringstream stream(text);
-  for (std::string word; stream >> word;) out.push_back(word == "''" ? "" : word);
-  return out;
-}
-
-// A document (or an output) written with ' for ", to keep the tables readable.
-std::string doc(std::string text) {
-  for (char& c : text) c = c == '\'' ? '"' : c;
-  return text;
-}
-
 TEST(TpaCli, ExitCodesAndMessagesFollowTheContract) {
   const std::string failed = "tpa: build failed: -4 TPA_ERROR_JSON_PARSE_MISMATCH\n";
   const std::string throwing = doc("[{'include':['ok.test', 'face/']}]");
@@ -64,7 +50,7 @@ TEST(TpaCli, ExitCodesAndMessagesFollowTheContract) {
   for (const auto& c : cases) {
     const ToolResult r = runTool(words(c.command), c.input);
     EXPECT_EQ(r.exitCode, c.code) << c.command << "\n" << r.err;
-    EXPECT_NE((c.code == 0 ? r.out : r.err).find(c.part), std::string::npos) << c.command;
+    EXPECT_TRUE(has(c.code == 0 ? r.out : r.err, c.part)) << c.command;
     EXPECT_EQ(r.err.empty(), c.code == 0) << c.command;
     // Of the failures, only a failed check writes anything (its report) on standard output.
     EXPECT_EQ(r.out.empty(), c.code != 0 && c.command.rfind("check", 0) != 0) << c.command;
@@ -204,7 +190,7 @@ TEST(TpaCheck, WarnsOfEveryTrapWithLineAndColumn) {
   for (const auto& [code, document, lineColumn, claim] : cases) {
     TempFile file(doc(document));
     const std::string where = file.path() + ":" + lineColumn + ": warning: [" + code + "] ";
-    EXPECT_NE(runTool({"check", file.path()}).out.find(where), std::string::npos) << where;
+    EXPECT_TRUE(has(runTool({"check", file.path()}).out, where)) << where;
     const std::vector<std::string> q = words(claim);  // APP DEST DECISION VALUE
     if (q.empty()) continue;
     EXPECT_EQ(runTool({"query", file.path(), q[0], q[1]}).out, q[2] + "\t" + q[3] + "\n") << code;
@@ -226,7 +212,7 @@ TEST(TpaExplain, NamesEachStepOfTheDecision) {
       "\"#com.example.game$\" is no stored application key",
       "note: ::ffff:203.0.113.9 is an IPv4-mapped IPv6 address: IPv4 entries for 203.0.113.9",
   };
-  for (const char* part : parts) EXPECT_NE(r.out.find(part), std::string::npos) << part;
+  for (const char* part : parts) EXPECT_TRUE(has(r.out, part)) << part;
 }
 
 // Random documents over small pools, so that entries collide: explain's

@@ -13,44 +13,18 @@
 #include "machine/fsm.h"
 #include "mapper/map.h"
 #include "mapper/trace.h"
+#include "testing/facade.h"
 #include "testing/log_capture.h"
 
 namespace {
 
 using tpa::api::Builder;
 using tpa::api::TarnPatternAnalyzer;
-using Answer = std::pair<int, int>;  // decision (1 include, 0 exclude) and value
-
-constexpr int kUntouched = 12345;
-
-// Rule 1 belongs to com.example.mail (id 7); the any-application rule has id 9.
-const char kExample[] = R"([{"match_apps": ["com.example.mail"], "include": ["cdn.shop.test"],)"
-                        R"( "exclude": ["ads.other.test"], "id": "7"},)"
-                        R"( {"match_apps": ["#LAMBDA-APP"], "include": ["none.invalid"],)"
-                        R"( "exclude": ["ads.shop.test"], "id": "9"}])";
-
-// Asks through the traced overload only when a trace is wanted.
-template <typename Analyzer>
-Answer ask(Analyzer& analyzer, const std::string& app, const std::string& destination,
-           tpa::mapper::QueryTrace* trace = nullptr) {
-  int value = kUntouched;
-  const int decision = trace ? tpa::api::Inspect::query(analyzer, app, destination, value, trace)
-                             : analyzer.query(app, destination, value);
-  return {decision, value};
-}
-
-// The example's answers: rule 1 first, then the fallback to rule 0, then the default.
-void expectExampleAnswers(TarnPatternAnalyzer& analyzer) {
-  // clang-format off
-  const struct { const char* app; const char* destination; Answer expected; } cases[] = {
-      {"com.example.mail", "cdn.shop.test", {1, 7}}, {"com.example.mail", "ads.other.test", {0, 7}},
-      {"com.example.mail", "ads.shop.test", {0, 9}}, {"com.example.mail", "none.invalid", {1, 9}},
-      {"org.unknown.app", "none.invalid", {1, 9}},   {"org.unknown.app", "cdn.shop.test", {0, -1}},
-      {"org.unknown.app", "unlisted.test", {0, -1}}};
-  // clang-format on
-  for (const auto& c : cases)
-    EXPECT_EQ(c.expected, ask(analyzer, c.app, c.destination)) << c.app << " " << c.destination;
-}
+using tpa::testing::Answer;
+using tpa::testing::ask;
+using tpa::testing::expectExampleAnswers;
+using tpa::testing::kExample;
+using tpa::testing::kUntouched;
 
 TEST(Analyzer, ExcludesBeforeAnyBuildThenAnswersTheExampleAlsoFromItsCaches) {
   TarnPatternAnalyzer analyzer;
@@ -142,6 +116,27 @@ TEST(Analyzer, BuildsFromARulesFileWhosePathIsNeverRewritten) {
   EXPECT_EQ(0, analyzer.build("[]", true));
   std::remove("[]");
   expectExampleAnswers(analyzer);
+}
+
+// Numbers longer than 32 bits in ids, octets and prefixes read as on 64-bit
+// glibc, so a document answers alike on every architecture.
+TEST(Analyzer, DocumentWithLongNumbersAnswersAsOn64Bit) {
+  TarnPatternAnalyzer analyzer;
+  ASSERT_EQ(0, analyzer.build(
+      R"([{"match_apps": ["a"], "include": ["4294967306.0.0.1"], "id": "4294967306"},)"
+      R"( {"match_apps": ["b"], "include": ["10.0.0.0/4294967304"], "id": "99999999999999999999"},)"
+      R"( {"match_apps": ["c"], "include": ["c.test"], "id": "-99999999999999999999"},)"
+      R"( {"match_apps": ["d"], "exclude": ["192.168.0.0/ +4294967312"], "id": " +4294967297"}])",
+      false));
+  // clang-format off
+  const struct { const char* app; const char* destination; Answer expected; } cases[] = {
+      {"a", "10.0.0.1", {1, 10}}, {"a", "10.0.0.2", {0, -1}}, {"b", "10.200.0.1", {1, -1}},
+      {"b", "11.0.0.1", {0, -1}}, {"c", "c.test", {1, 0}}, {"d", "192.168.5.5", {0, 1}},
+      {"d", "192.169.0.1", {1, 1}},  // the default include "*"
+  };
+  // clang-format on
+  for (const auto& c : cases)
+    EXPECT_EQ(c.expected, ask(analyzer, c.app, c.destination)) << c.app << " " << c.destination;
 }
 
 TEST(Builder, MoveAssignmentTakesTheMapAndFailedBuildsKeepIt) {

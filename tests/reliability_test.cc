@@ -15,34 +15,17 @@
 #include "api/analyzer.h"
 #include "api/constants.h"
 #include "gtest/gtest.h"
+#include "testing/facade.h"
 #include "testing/log_capture.h"
 
 namespace {
 
 using tpa::api::TarnPatternAnalyzer;
-
-using Answer = std::pair<int, int>;  // decision (1 include, 0 exclude) and value
-
-Answer ask(TarnPatternAnalyzer& analyzer, const std::string& app, const std::string& destination) {
-  Answer a{0, -12345};
-  a.first = analyzer.query(app, destination, a.second);
-  return a;
-}
-
-const Answer kNoRule{0, -1};
-
-// Rule 1 (id 7) for one app, with a domain, a wildcard and an IPv4 network.
-constexpr char kKnownRules[] =
-    R"([{"match_apps": ["com.example.mail"], "include": ["cdn.shop.test", "*.img.test",)"
-    R"( "10.0.0.0/8"], "exclude": ["ads.shop.test"], "id": "7"}])";
-
-void expectKnownRules(TarnPatternAnalyzer& analyzer) {
-  EXPECT_EQ((Answer{1, 7}), ask(analyzer, "com.example.mail", "cdn.shop.test"));
-  EXPECT_EQ((Answer{1, 7}), ask(analyzer, "com.example.mail", "a.img.test"));
-  EXPECT_EQ((Answer{1, 7}), ask(analyzer, "com.example.mail", "10.20.30.40"));
-  EXPECT_EQ((Answer{0, 7}), ask(analyzer, "com.example.mail", "ads.shop.test"));
-  EXPECT_EQ(kNoRule, ask(analyzer, "org.other", "cdn.shop.test"));
-}
+using tpa::testing::Answer;
+using tpa::testing::ask;
+using tpa::testing::expectExampleAnswers;
+using tpa::testing::kExample;
+using tpa::testing::kNoRule;
 
 // Builds on a 256 KiB stack: input-driven recursion would crash here.
 int buildOnSmallStack(TarnPatternAnalyzer& analyzer, const std::string& doc) {
@@ -105,11 +88,11 @@ TEST(Hostile, DocumentsBuildAsReadOrFailAndKeepTheOldRules) {
   tpa::testing::LogCapture quiet;
   for (const auto& c : cases) {
     TarnPatternAnalyzer analyzer;
-    ASSERT_EQ(0, analyzer.build(kKnownRules, false));
-    expectKnownRules(analyzer);  // fills the caches, which the build empties
+    ASSERT_EQ(0, analyzer.build(kExample, false));
+    expectExampleAnswers(analyzer);  // fills the caches, which the build empties
     ASSERT_EQ(c.code, buildOnSmallStack(analyzer, c.doc)) << c.doc.substr(0, 60);
     if (c.code != 0) {
-      expectKnownRules(analyzer);
+      expectExampleAnswers(analyzer);
     } else {
       EXPECT_EQ(c.answer, ask(analyzer, c.app, c.destination)) << c.doc.substr(0, 60);
     }
@@ -121,23 +104,23 @@ TEST(Hostile, BytesFilesAndTheTwoExceptionsLeaveTheAnalyzerWorking) {
   for (int c = 0; c < 256; ++c) all += static_cast<char>(c);
   tpa::testing::LogCapture quiet;
   TarnPatternAnalyzer analyzer;
-  ASSERT_EQ(0, analyzer.build(kKnownRules, false));
+  ASSERT_EQ(0, analyzer.build(kExample, false));
   for (const std::string& doc : {all, "[" + all + "]", "[{\"" + all + "\": \"" + all + "\"}]"}) {
     try {
-      if (analyzer.build(doc, false) != 0) expectKnownRules(analyzer);
+      if (analyzer.build(doc, false) != 0) expectExampleAnswers(analyzer);
     } catch (const std::out_of_range&) {  // "/" and "]" reach address parsing
     }
-    ASSERT_EQ(0, analyzer.build(kKnownRules, false));
+    ASSERT_EQ(0, analyzer.build(kExample, false));
   }
   for (const char* path : {"/", "/proc/self/status", "/dev/null", "/nonexistent/rules.json"}) {
     EXPECT_LT(analyzer.build(path, true), 0) << path;
-    expectKnownRules(analyzer);
+    expectExampleAnswers(analyzer);
   }
   // Nothing catches these two: they leave build, and the lock with them.
   EXPECT_THROW((void)analyzer.build(R"([{"include": ["face/"]}])", false), std::out_of_range);
   EXPECT_THROW((void)analyzer.build(R"([{"exclude": ["::/4294967296"]}])", false),
                std::out_of_range);
-  expectKnownRules(analyzer);
+  expectExampleAnswers(analyzer);
 }
 
 TEST(Concurrency, QueriesDuringRebuildsSeeOldOrNewRules) {

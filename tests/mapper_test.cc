@@ -59,10 +59,10 @@ struct Fixture {
   }
 };
 
-// Random names of any bytes (sentinels included), any rule number, any flag
-// (1 a quarter of the time), with the extreme numbers first; the *Into
-// variants write the same bytes over a reused buffer.
-// Key framing, against what a string stream writes.
+// Key framing, against what a string stream writes: random names of any
+// bytes (sentinels included), any rule number, any flag (1 a quarter of the
+// time), with the extreme numbers first; the *Into variants write the same
+// bytes over a reused buffer.
 TEST(Transform, MatchesStreamOutputOnRandomInput) {
   std::mt19937 rng(11);
   std::string out = "stale content";
@@ -94,6 +94,10 @@ TEST(Decision, DefaultIsExcludeAndResultsCompareLengthsNotValues) {
     EXPECT_EQ(std::tuple(eq, !eq, gt, lt), std::tuple(a == other, a != other, a > other, a < other))
         << other.matchedLength << "/" << other.storedLength;
   }
+  DomainSearchResult copy;
+  copy = a;
+  EXPECT_EQ(std::tuple(true, 5, 1, 10),
+            std::tuple(copy.found, copy.matchedLength, copy.value, copy.storedLength));
 }
 
 TEST(Map, ClearCacheAnswersMinusOneAndABareMapNothing) {

@@ -43,10 +43,9 @@ TEST(TpaCli, ExitCodesAndMessagesFollowTheContract) {
     int code;
     std::string part;  // of standard output on success, else of standard error
   } cases[] = {
-      {"", "", 64, "missing COMMAND"},
-      {"frob", "", 64, "unknown command 'frob'"},
-      {"--help", "", 0, "usage: tpa COMMAND RULES"},
-      {"query", "", 64, "query: missing RULES"},
+      // clang-format off
+      {"", "", 64, "missing COMMAND"}, {"frob", "", 64, "unknown command 'frob'"},
+      {"--help", "", 0, "usage: tpa COMMAND RULES"}, {"query", "", 64, "query: missing RULES"},
       {"query - com.example.mail", "", 64, "APP and DEST come in pairs"},
       {"query -", "", 64, "cannot both come from standard input"},
       {"show - extra", "", 64, "show: takes RULES only"},
@@ -54,8 +53,8 @@ TEST(TpaCli, ExitCodesAndMessagesFollowTheContract) {
       {"explain --frob -", "", 64, "unknown option '--frob'"},
       {"query /nonexistent/rules.json", "", 66, "cannot read /nonexistent/rules.json"},
       {"show /", "", 66, "cannot read /: Is a directory"},
-      {"query - a b", "[{}", 2, failed},
-      {"check -", "[{}", 2, failed},
+      {"query - a b", "[{}", 2, failed}, {"check -", "[{}", 2, failed},
+      // clang-format on
       {"show -", throwing, 3, "value \"face/\" at <stdin>:1:"},
       {"check " + file.path(), "", 3, "value \"face/\" at " + file.path() + ":1:"},
   };
@@ -123,19 +122,17 @@ TEST(TpaShow, PrintsRulesAsReadWithDefaultsNormalisedAddressesAndEscapes) {
        "'id':1}\n{'position':2,'rule_number':2,'apps':['a\\\\b','tab\\there','line\\nbreak',"
        "'bell\\u0007','caf\xc3\xa9','del\x7f'],'include':['*'],'exclude':[''],'id':2147483647}\n"},
   };
-  for (const auto& [document, out] : cases) {
+  for (const auto& [document, out] : cases)
     EXPECT_EQ(runTool({"show", "-"}, doc(document)).out, doc(out)) << document;
-  }
 }
 
 TEST(TpaCheck, ReportsTheBuildOfTheBundledRules) {
   api::TarnPatternAnalyzer analyzer;
   ASSERT_EQ(analyzer.build(kRules, true), 0);
-  auto states = [](const mapper::Map::Machine* machine) {
-    int n = -1;
+  const mapper::Map& map = *api::Inspect::map(analyzer);
+  auto states = [](const mapper::Map::Machine* machine, int n = -1) {
     return std::to_string(machine->size(n) == 0 ? n : -1);
   };
-  const mapper::Map& map = *api::Inspect::map(analyzer);
   const ToolResult r = runTool({"check", kRules});
   EXPECT_TRUE(std::regex_match(
       r.out,
@@ -262,9 +259,8 @@ TEST(TpaExplain, AgreesWithQueryAndTheLibraryOnGeneratedDocuments) {
       }
     }
     std::string verdicts, line;
-    for (std::istringstream out(runTool(args, document).out); std::getline(out, line);) {
+    for (std::istringstream out(runTool(args, document).out); std::getline(out, line);)
       if (line.rfind("  decision: ", 0) == 0) verdicts += line.substr(12) + "\n";
-    }
     EXPECT_EQ(verdicts, expected) << document;
     args[0] = "query";
     EXPECT_EQ(runTool(args, document).out, expected) << document;
@@ -283,12 +279,10 @@ TEST(DocScan, FindingsStayInsideRandomText) {
 }
 
 TEST(NearestRuleKey, SuggestsOnlyLikelyTypos) {
-  const std::vector<std::string> typos = {"inclde", "Include", "exlude", "match-apps", "ID", "ids"};
-  const std::vector<std::string> meant = {"include",    "include", "exclude",
-                                          "match_apps", "id",      "id"};
-  for (std::size_t i = 0; i < typos.size(); ++i)
-    EXPECT_EQ(nearestRuleKey(typos[i]), meant[i]) << typos[i];
-  for (const char* key : {"x", "apps", "comment", ""}) EXPECT_EQ(nearestRuleKey(key), "") << key;
+  const char* cases[][2] = {{"inclde", "include"}, {"Include", "include"}, {"exlude", "exclude"},
+                            {"match-apps", "match_apps"}, {"ID", "id"}, {"ids", "id"}, {"x", ""},
+                            {"apps", ""}, {"comment", ""}, {"", ""}};
+  for (const auto& [key, meant] : cases) EXPECT_EQ(nearestRuleKey(key), meant) << key;
 }
 
 TEST(JsonEscape, EscapesQuotesBackslashesAndControlBytesOnly) {

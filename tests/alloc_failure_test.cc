@@ -212,17 +212,26 @@ TEST_F(AllocFailure, QueriesAnswerFromTheAutomataWhenCachesCannotGrow) {
   });
 }
 
-// A machine whose construction threw for want of memory may lack its
-// automaton or its cache; lacking either, it takes no key.
-TEST_F(AllocFailure, MachineMissingAPartRefusesKeys) {
+// A machine whose construction threw for want of memory answers no lookup:
+// it lacks its automaton or its cache (and then takes no key either), or
+// the cache lacks its sentinels.
+TEST_F(AllocFailure, MachineWhoseConstructionThrewRefusesKeysAndLookups) {
   walk("machine", [](long n, bool sticky) {
     tpa::machine::KeyedMachine machine;
+    bool threw = false;
     arm(n, sticky);
     try {
       machine.construct(64, 4);
     } catch (const std::bad_alloc&) {
+      threw = true;
     }
     disarm();
+    tpa::machine::KeyedMachine::StateValue out;
+    int matched = 0;
+    if (threw) {
+      EXPECT_EQ(tpa::error::TPA_ERROR_OOM,
+                machine.findFull({"#a$", tpa::machine::kFullKey}, out, matched));
+    }
     if (machine.automaton() == nullptr || machine.cache() == nullptr) {
       EXPECT_EQ(tpa::error::TPA_ERROR_OOM, machine.put({"#a$", 0}, 1));
     }

@@ -22,11 +22,7 @@ namespace {
 
 using tpa::api::Builder;
 using tpa::api::TarnPatternAnalyzer;
-using tpa::testing::Answer;
-using tpa::testing::ask;
-using tpa::testing::expectExampleAnswers;
-using tpa::testing::kExample;
-using tpa::testing::kUntouched;
+using namespace tpa::testing;  // ask, Answer and the example
 
 TEST(Constants, HaveTheirExactValues) {
   using namespace tpa::error;
@@ -51,9 +47,9 @@ TEST(Constants, HaveTheirExactValues) {
 }
 
 TEST(Log, ReportSignsWithTheSourceBaseNameWithoutExtension) {
-  tpa::testing::LogCapture capture;
+  LogCapture capture;
   tpa::log::report("src/json/json_object.cc", 56, "set_key", "current key must be empty");
-  EXPECT_EQ((std::vector<tpa::testing::LogRecord>{
+  EXPECT_EQ((std::vector<LogRecord>{
                 {6, "TarnPatternAnalyzer",
                  "[json_object] [56] [set_key] Reason: [current key must be empty]"}}),
             capture.records());
@@ -125,7 +121,6 @@ std::size_t cachedEntries(const tpa::mapper::Map& map) {
 // Every build empties the current caches first; a failed one keeps the map and
 // is logged once by the builder, after whatever the reader logged.
 TEST(Analyzer, FailedBuildKeepsTheOldMapWithItsCachesEmptied) {
-  using tpa::testing::LogRecord;
   const char tag[] = "tarn_patteren_analyzer.so";
   // clang-format off
   const struct { const char* source; bool file; int code; std::vector<LogRecord> logs; } cases[] = {
@@ -141,7 +136,7 @@ TEST(Analyzer, FailedBuildKeepsTheOldMapWithItsCachesEmptied) {
     expectExampleAnswers(analyzer);
     const tpa::mapper::Map* map = tpa::api::Inspect::map(analyzer);
     ASSERT_GT(cachedEntries(*map), 0u);
-    tpa::testing::LogCapture capture;
+    LogCapture capture;
     EXPECT_EQ(c.code, analyzer.build(c.source, c.file));
     ASSERT_EQ(map, tpa::api::Inspect::map(analyzer));
     EXPECT_EQ(0u, cachedEntries(*map));
@@ -191,7 +186,7 @@ TEST(Builder, MoveAssignmentTakesTheMapAndFailedBuildsKeepIt) {
   EXPECT_EQ(bMap, tpa::api::Inspect::map(a));
   EXPECT_EQ(nullptr, tpa::api::Inspect::map(b));
   EXPECT_EQ(Answer(1, 2), ask(a, "x", "b.test"));
-  tpa::testing::LogCapture quiet;
+  LogCapture quiet;
   EXPECT_NE(0, a.build("[{", false));
   EXPECT_EQ(bMap, tpa::api::Inspect::map(a));
 }

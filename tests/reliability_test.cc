@@ -21,11 +21,7 @@
 namespace {
 
 using tpa::api::TarnPatternAnalyzer;
-using tpa::testing::Answer;
-using tpa::testing::ask;
-using tpa::testing::expectExampleAnswers;
-using tpa::testing::kExample;
-using tpa::testing::kNoRule;
+using namespace tpa::testing;  // ask, Answer and the example
 
 // Builds on a 256 KiB stack: input-driven recursion would crash here.
 int buildOnSmallStack(TarnPatternAnalyzer& analyzer, const std::string& doc) {
@@ -85,7 +81,7 @@ TEST(Hostile, DocumentsBuildAsReadOrFailAndKeepTheOldRules) {
       {R"([{"include": ["a", "", "", "b"]}])", 0, "a", "b", {1, 2147483647}},
   };
   // clang-format on
-  tpa::testing::LogCapture quiet;
+  LogCapture quiet;
   for (const auto& c : cases) {
     TarnPatternAnalyzer analyzer;
     ASSERT_EQ(0, analyzer.build(kExample, false));
@@ -102,7 +98,7 @@ TEST(Hostile, DocumentsBuildAsReadOrFailAndKeepTheOldRules) {
 TEST(Hostile, BytesFilesAndTheTwoExceptionsLeaveTheAnalyzerWorking) {
   std::string all;
   for (int c = 0; c < 256; ++c) all += static_cast<char>(c);
-  tpa::testing::LogCapture quiet;
+  LogCapture quiet;
   TarnPatternAnalyzer analyzer;
   ASSERT_EQ(0, analyzer.build(kExample, false));
   for (const std::string& doc : {all, "[" + all + "]", "[{\"" + all + "\": \"" + all + "\"}]"}) {
@@ -138,7 +134,7 @@ TEST(Concurrency, QueriesDuringRebuildsSeeOldOrNewRules) {
     ASSERT_EQ(0, reference.build(docs[g], false));
     for (const auto& [app, destination] : queries) expected[g].push_back(ask(reference, app, destination));
   }
-  tpa::testing::LogCapture quiet;
+  LogCapture quiet;
   TarnPatternAnalyzer analyzer;
   ASSERT_EQ(0, analyzer.build(docs[0], false));
   std::atomic<bool> done{false};

@@ -110,7 +110,8 @@ TEST(Decimal, MatchesTheHostCLibraryOnRandomText) {
     const long wide = std::strtol(s.c_str(), &end, 10);
     const bool fits = errno != ERANGE && wide >= INT_MIN && wide <= INT_MAX;
     const tpa::cidr::DecimalReading r = readDecimal(s.c_str());
-    ASSERT_EQ(std::tuple(std::atoi(s.c_str()), end, fits), std::tuple(r.value, r.end, r.fitsInt)) << s;
+    ASSERT_EQ(std::tuple(std::atoi(s.c_str()), end, fits), std::tuple(r.value, r.end, r.fitsInt))
+        << s;
     ASSERT_EQ(hostScan(s.c_str()), scan(s.c_str())) << s;
   }
 }

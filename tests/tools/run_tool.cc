@@ -25,7 +25,8 @@ std::vector<std::string> words(const std::string& text) {
 }
 
 std::string replaced(std::string text, const std::string& from, const std::string& to) {
-  for (std::size_t at; (at = text.find(from)) != std::string::npos;) text.replace(at, from.size(), to);
+  for (std::size_t at; (at = text.find(from)) != std::string::npos;)
+    text.replace(at, from.size(), to);
   return text;
 }
 

@@ -25,23 +25,17 @@ using namespace tpa::testing;  // ask, Answer and the example
 
 // Builds on a 256 KiB stack: input-driven recursion would crash here.
 int buildOnSmallStack(TarnPatternAnalyzer& analyzer, const std::string& doc) {
-  struct Job {
-    TarnPatternAnalyzer* analyzer;
-    const std::string* doc;
-    int code;
-  } job{&analyzer, &doc, -12345};
+  int code = -12345;
+  std::function<void()> job = [&] { code = analyzer.build(doc, false); };
   pthread_attr_t attr;
   pthread_attr_init(&attr);
   pthread_attr_setstacksize(&attr, 256 * 1024);
   pthread_t thread;
-  pthread_create(&thread, &attr, [](void* arg) -> void* {
-    Job* j = static_cast<Job*>(arg);
-    j->code = j->analyzer->build(*j->doc, false);
-    return nullptr;
-  }, &job);
+  auto run = [](void* f) -> void* { return (*static_cast<std::function<void()>*>(f))(), nullptr; };
+  pthread_create(&thread, &attr, run, &job);
   pthread_join(thread, nullptr);
   pthread_attr_destroy(&attr);
-  return job.code;
+  return code;
 }
 
 std::string repeat(const std::string& s, int n) {
@@ -132,7 +126,7 @@ TEST(Concurrency, QueriesDuringRebuildsSeeOldOrNewRules) {
   for (int g = 0; g < 2; ++g) {
     TarnPatternAnalyzer reference;
     ASSERT_EQ(0, reference.build(docs[g], false));
-    for (const auto& [app, destination] : queries) expected[g].push_back(ask(reference, app, destination));
+    for (const auto& [app, to] : queries) expected[g].push_back(ask(reference, app, to));
   }
   LogCapture quiet;
   TarnPatternAnalyzer analyzer;

@@ -141,14 +141,13 @@ struct ListedName {
 const ListedName* meant(const std::vector<ListedName>& list, const std::string& query) {
   const ListedName* best = nullptr;
   for (const ListedName& l : list) {
-    const bool covers = l.name == query || (query.size() > l.name.size() &&
-                                            query.compare(query.size() - l.name.size() - 1,
-                                                          std::string::npos, "." + l.name) == 0);
-    if (!covers) continue;
-    if (best == nullptr || l.name.size() > best->name.size() ||
-        (l.name.size() == best->name.size() && l.exception)) {
-      best = &l;
-    }
+    const std::string under = "." + l.name;
+    const bool covers = l.name == query || (query.size() > under.size() &&
+                                            query.compare(query.size() - under.size(),
+                                                          std::string::npos, under) == 0);
+    const std::size_t bestSize = best == nullptr ? 0 : best->name.size();
+    const bool nearer = l.name.size() > bestSize || (l.name.size() == bestSize && l.exception);
+    if (covers && nearer) best = &l;
   }
   return best;
 }

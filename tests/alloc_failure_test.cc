@@ -23,6 +23,7 @@
 
 #include "api/analyzer.h"
 #include "api/constants.h"
+#include "machine/fsm.h"
 
 extern "C" void* __real_calloc(std::size_t count, std::size_t size);
 extern "C" void* __real_realloc(void* p, std::size_t size);
@@ -208,6 +209,32 @@ TEST_F(AllocFailure, QueriesAnswerFromTheAutomataWhenCachesCannotGrow) {
     EXPECT_EQ(fresh, first);
     EXPECT_EQ(fresh, second);
     EXPECT_EQ(fresh, answers(analyzer));
+  });
+}
+
+// A machine whose construction threw for want of memory answers no lookup:
+// it lacks its automaton or its cache (and then takes no key either), or
+// the cache lacks its sentinels.
+TEST_F(AllocFailure, MachineWhoseConstructionThrewRefusesKeysAndLookups) {
+  walk("machine", [](long n, bool sticky) {
+    tpa::machine::KeyedMachine machine;
+    bool threw = false;
+    arm(n, sticky);
+    try {
+      machine.construct(64, 4);
+    } catch (const std::bad_alloc&) {
+      threw = true;
+    }
+    disarm();
+    tpa::machine::KeyedMachine::StateValue out;
+    int matched = 0;
+    if (threw) {
+      EXPECT_EQ(tpa::error::TPA_ERROR_OOM,
+                machine.findFull({"#a$", tpa::machine::kFullKey}, out, matched));
+    }
+    if (machine.automaton() == nullptr || machine.cache() == nullptr) {
+      EXPECT_EQ(tpa::error::TPA_ERROR_OOM, machine.put({"#a$", 0}, 1));
+    }
   });
 }
 

@@ -1,4 +1,5 @@
-// The facade: validation, rule numbering, all-or-nothing rebuilds, the lock.
+// The shared vocabulary and the logging conventions, then the facade:
+// validation, rule numbering, all-or-nothing rebuilds, the lock.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -10,46 +11,56 @@
 #include "api/analyzer.h"
 #include "api/constants.h"
 #include "api/diagnostics.h"
+#include "api/log.h"
 #include "machine/fsm.h"
 #include "mapper/map.h"
 #include "mapper/trace.h"
+#include "testing/facade.h"
 #include "testing/log_capture.h"
 
 namespace {
 
 using tpa::api::Builder;
 using tpa::api::TarnPatternAnalyzer;
-using Answer = std::pair<int, int>;  // decision (1 include, 0 exclude) and value
+using namespace tpa::testing;  // ask, Answer and the example
 
-constexpr int kUntouched = 12345;
-
-// Rule 1 belongs to com.example.mail (id 7); the any-application rule has id 9.
-const char kExample[] = R"([{"match_apps": ["com.example.mail"], "include": ["cdn.shop.test"],)"
-                        R"( "exclude": ["ads.other.test"], "id": "7"},)"
-                        R"( {"match_apps": ["#LAMBDA-APP"], "include": ["none.invalid"],)"
-                        R"( "exclude": ["ads.shop.test"], "id": "9"}])";
-
-// Asks through the traced overload only when a trace is wanted.
-template <typename Analyzer>
-Answer ask(Analyzer& analyzer, const std::string& app, const std::string& destination,
-           tpa::mapper::QueryTrace* trace = nullptr) {
-  int value = kUntouched;
-  const int decision = trace ? tpa::api::Inspect::query(analyzer, app, destination, value, trace)
-                             : analyzer.query(app, destination, value);
-  return {decision, value};
+TEST(Constants, HaveTheirExactValues) {
+  using namespace tpa::error;
+  using namespace tpa::log;
+  using namespace tpa::mapper;
+  EXPECT_EQ(
+      (std::vector<int>{0, -1, -2, -3, -4, -5, -6, '#', '$', 10, 20, -1, 1, 0, 0, -1}),
+      (std::vector<int>{
+          TPA_ERROR_NONE, TPA_ERROR_OOM, TPA_ERROR_ARRAY_OUT_OF_INDEX,
+          TPA_ERROR_SA_INVALID_CAPACITTY, TPA_ERROR_JSON_PARSE_MISMATCH, TPA_ERROR_KEY_NOT_FOUND,
+          TPA_ERROR_JSON_FILE_NOT_FOUND, tpa::sigma::sentinel::PRECEDING_SYMBOL,
+          tpa::sigma::sentinel::SUCCEEDING_SYMBOL, tpa::machine::kFullKey,
+          tpa::machine::kPartialKey, tpa::fsa::SA_DEFAULT_USER_DEFINED_VALUE, TPA_DECISION_INCLUDE,
+          TPA_DECISION_EXCLUDE, TPA_RULE_NUMBER_ZERO, MAP_DEFAULT_DOMAIN_VALUE}));
+  EXPECT_EQ(std::string("#LAMBDA-APP"), tpa::sigma::sentinel::LAMBDA_STRING);
+  EXPECT_STREQ("TPA_ERROR_SA_INVALID_CAPACITTY", name(-3));
+  EXPECT_STREQ("TPA_ERROR_UNKNOWN", name(7));
+  EXPECT_EQ((std::vector<std::string>{"tarn_patteren_analyzer.so", "TarnPatternAnalyzer",
+                                      "tarnnwfilternativehandler", "JNIHelp"}),
+            (std::vector<std::string>{kEngineTag, kReportTag, kNativeTag, kJniHelpTag}));
+  EXPECT_EQ((std::vector<int>{3, 6, 7}), (std::vector<int>{kDebug, kError, kFatal}));
 }
 
-// The example's answers: rule 1 first, then the fallback to rule 0, then the default.
-void expectExampleAnswers(TarnPatternAnalyzer& analyzer) {
-  // clang-format off
-  const struct { const char* app; const char* destination; Answer expected; } cases[] = {
-      {"com.example.mail", "cdn.shop.test", {1, 7}}, {"com.example.mail", "ads.other.test", {0, 7}},
-      {"com.example.mail", "ads.shop.test", {0, 9}}, {"com.example.mail", "none.invalid", {1, 9}},
-      {"org.unknown.app", "none.invalid", {1, 9}},   {"org.unknown.app", "cdn.shop.test", {0, -1}},
-      {"org.unknown.app", "unlisted.test", {0, -1}}};
-  // clang-format on
-  for (const auto& c : cases)
-    EXPECT_EQ(c.expected, ask(analyzer, c.app, c.destination)) << c.app << " " << c.destination;
+TEST(Log, ReportSignsWithTheSourceBaseNameWithoutExtension) {
+  LogCapture capture;
+  tpa::log::report("src/json/json_object.cc", 56, "set_key", "current key must be empty");
+  EXPECT_EQ((std::vector<LogRecord>{
+                {6, "TarnPatternAnalyzer",
+                 "[json_object] [56] [set_key] Reason: [current key must be empty]"}}),
+            capture.records());
+}
+
+TEST(Log, LogMessageWritesExactlyTheFormattedTextToStdout) {
+  ::testing::internal::CaptureStdout();
+  const int written = LOG_message(123, "ignored", "value=%d text=%s", 42, "x");
+  std::fflush(stdout);
+  EXPECT_EQ("value=42 text=x", ::testing::internal::GetCapturedStdout());
+  EXPECT_EQ(15, written);
 }
 
 TEST(Analyzer, ExcludesBeforeAnyBuildThenAnswersTheExampleAlsoFromItsCaches) {
@@ -110,7 +121,6 @@ std::size_t cachedEntries(const tpa::mapper::Map& map) {
 // Every build empties the current caches first; a failed one keeps the map and
 // is logged once by the builder, after whatever the reader logged.
 TEST(Analyzer, FailedBuildKeepsTheOldMapWithItsCachesEmptied) {
-  using tpa::testing::LogRecord;
   const char tag[] = "tarn_patteren_analyzer.so";
   // clang-format off
   const struct { const char* source; bool file; int code; std::vector<LogRecord> logs; } cases[] = {
@@ -126,7 +136,7 @@ TEST(Analyzer, FailedBuildKeepsTheOldMapWithItsCachesEmptied) {
     expectExampleAnswers(analyzer);
     const tpa::mapper::Map* map = tpa::api::Inspect::map(analyzer);
     ASSERT_GT(cachedEntries(*map), 0u);
-    tpa::testing::LogCapture capture;
+    LogCapture capture;
     EXPECT_EQ(c.code, analyzer.build(c.source, c.file));
     ASSERT_EQ(map, tpa::api::Inspect::map(analyzer));
     EXPECT_EQ(0u, cachedEntries(*map));
@@ -144,6 +154,27 @@ TEST(Analyzer, BuildsFromARulesFileWhosePathIsNeverRewritten) {
   expectExampleAnswers(analyzer);
 }
 
+// Numbers longer than 32 bits in ids, octets and prefixes read as on 64-bit
+// glibc, so a document answers alike on every architecture.
+TEST(Analyzer, DocumentWithLongNumbersAnswersAsOn64Bit) {
+  TarnPatternAnalyzer analyzer;
+  ASSERT_EQ(0, analyzer.build(
+      R"([{"match_apps": ["a"], "include": ["4294967306.0.0.1"], "id": "4294967306"},)"
+      R"( {"match_apps": ["b"], "include": ["10.0.0.0/4294967304"], "id": "99999999999999999999"},)"
+      R"( {"match_apps": ["c"], "include": ["c.test"], "id": "-99999999999999999999"},)"
+      R"( {"match_apps": ["d"], "exclude": ["192.168.0.0/ +4294967312"], "id": " +4294967297"}])",
+      false));
+  // clang-format off
+  const struct { const char* app; const char* destination; Answer expected; } cases[] = {
+      {"a", "10.0.0.1", {1, 10}}, {"a", "10.0.0.2", {0, -1}}, {"b", "10.200.0.1", {1, -1}},
+      {"b", "11.0.0.1", {0, -1}}, {"c", "c.test", {1, 0}}, {"d", "192.168.5.5", {0, 1}},
+      {"d", "192.169.0.1", {1, 1}},  // the default include "*"
+  };
+  // clang-format on
+  for (const auto& c : cases)
+    EXPECT_EQ(c.expected, ask(analyzer, c.app, c.destination)) << c.app << " " << c.destination;
+}
+
 TEST(Builder, MoveAssignmentTakesTheMapAndFailedBuildsKeepIt) {
   Builder a, b;
   ASSERT_EQ(0, a.build(R"([{"match_apps": ["x"], "include": ["a.test"], "id": "1"}])", false));
@@ -155,7 +186,7 @@ TEST(Builder, MoveAssignmentTakesTheMapAndFailedBuildsKeepIt) {
   EXPECT_EQ(bMap, tpa::api::Inspect::map(a));
   EXPECT_EQ(nullptr, tpa::api::Inspect::map(b));
   EXPECT_EQ(Answer(1, 2), ask(a, "x", "b.test"));
-  tpa::testing::LogCapture quiet;
+  LogCapture quiet;
   EXPECT_NE(0, a.build("[{", false));
   EXPECT_EQ(bMap, tpa::api::Inspect::map(a));
 }

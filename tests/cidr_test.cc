@@ -1,16 +1,25 @@
-// Address recognition and normalisation.
+// Address recognition and normalisation, and the decimal reading under it:
+// numbers written with more digits than 32 bits hold read as 64-bit glibc
+// reads them, on every architecture. The tables hold those answers; where the
+// host's own C library is that reference (64-bit long, glibc) random text is
+// checked against it.
 #include "cidr/cidr.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <iterator>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "cidr/decimal.h"
 
@@ -18,7 +27,94 @@ namespace {
 
 using namespace tpa::cidr;
 
+#if defined(__GLIBC__) && LONG_MAX == INT64_MAX
+constexpr bool kHostIsReference = true;
+#else
+constexpr bool kHostIsReference = false;
+#endif
+
+constexpr int U = 77;  // a part the scan left untouched
+
+// The count, then the five parts.
+std::vector<int> scan(const char* text) {
+  int p[5] = {U, U, U, U, U};
+  const int n = scanDottedDecimals(text, p);
+  return {n, p[0], p[1], p[2], p[3], p[4]};
+}
+
+std::vector<int> hostScan(const char* text) {
+  int p[5] = {U, U, U, U, U};
+  const int n = std::sscanf(text, "%d.%d.%d.%d/%d", &p[0], &p[1], &p[2], &p[3], &p[4]);
+  return {n, p[0], p[1], p[2], p[3], p[4]};
+}
+
 const std::string kZeroIPv6 = "0000:0000:0000:0000:0000:0000:0000:0000";
+
+TEST(Decimal, AtoiGivesThe64BitAnswers) {
+  // clang-format off
+  const struct { const char* text; int value; long end; bool fits; } cases[] = {
+      {"", 0, 0, true}, {"x", 0, 0, true}, {"5", 5, 1, true}, {"+5", 5, 2, true},
+      {" \t\n\v\f\r5", 5, 7, true}, {"- 5", 0, 0, true}, {"--5", 0, 0, true}, {"+-5", 0, 0, true},
+      {"-5x", -5, 2, true}, {"12abc", 12, 2, true}, {"2147483647", INT_MAX, 10, true},
+      {"2147483648", INT_MIN, 10, false}, {"-2147483648", INT_MIN, 11, true},
+      {"-2147483649", INT_MAX, 11, false}, {"4294967306", 10, 10, false},
+      {"-4294967306", -10, 11, false}, {"9223372036854775807", -1, 19, false},
+      {"9223372036854775808", -1, 19, false}, {"99999999999999999999", -1, 20, false},
+      {"-9223372036854775807", 1, 20, false}, {"-9223372036854775808", 0, 20, false},
+      {"-99999999999999999999", 0, 21, false}, {"000000000000000000000000042", 42, 27, true},
+      {"184467440737095516170", -1, 21, false},
+  };
+  // clang-format on
+  for (const auto& c : cases) {
+    const tpa::cidr::DecimalReading r = readDecimal(c.text);
+    EXPECT_EQ(std::tuple(c.value, c.end, c.fits), std::tuple(r.value, r.end - c.text, r.fitsInt))
+        << '"' << c.text << '"';
+  }
+}
+
+TEST(Decimal, DottedScanCountsAndStoresAsSscanf) {
+  // clang-format off
+  const struct { const char* text; std::vector<int> expected; } cases[] = {
+      {"", {-1, U, U, U, U, U}}, {" \t", {-1, U, U, U, U, U}}, {"x", {0, U, U, U, U, U}},
+      {"-", {0, U, U, U, U, U}}, {"- 5", {0, U, U, U, U, U}}, {"1.", {1, 1, U, U, U, U}},
+      {"1..2", {1, 1, U, U, U, U}}, {"1 .2.3.4", {1, 1, U, U, U, U}},
+      {"1. 2.3.4", {4, 1, 2, 3, 4, U}}, {"+1.-2.\n3.4/ +5", {5, 1, -2, 3, 4, 5}},
+      {"1.2.3.4/", {4, 1, 2, 3, 4, U}}, {"1.2.3.4/ ", {4, 1, 2, 3, 4, U}},
+      {"1.2.3.4/x", {4, 1, 2, 3, 4, U}}, {"1.2.3.4.5", {4, 1, 2, 3, 4, U}},
+      {"1.2.3.4/8/9", {5, 1, 2, 3, 4, 8}}, {"1.2.3", {3, 1, 2, 3, U, U}},
+      {"4294967306.1.2.3/99999999999999999999", {5, 10, 1, 2, 3, -1}},
+      {"1.2.3.4/-99999999999999999999", {5, 1, 2, 3, 4, 0}},
+      {"2147483648.-2147483649.0.0/4294967304", {5, INT_MIN, INT_MAX, 0, 0, 8}},
+  };
+  // clang-format on
+  for (const auto& c : cases) EXPECT_EQ(c.expected, scan(c.text)) << '"' << c.text << '"';
+}
+
+// Random text of blanks, signs, separators and digit runs of every length.
+TEST(Decimal, MatchesTheHostCLibraryOnRandomText) {
+  if (!kHostIsReference) GTEST_SKIP() << "the host's C library is not the 64-bit reference";
+  static const char* const kPieces[] = {" ", "\t", "+", "-", ".", "/", "x", "0"};
+  std::mt19937 rng(11);
+  for (int i = 0; i < 20000; ++i) {
+    std::string s;
+    for (int k = 0, n = static_cast<int>(rng() % 12); k < n; ++k) {
+      if (rng() % 3) {
+        s += kPieces[rng() % std::size(kPieces)];
+      } else {
+        for (int d = 1 + static_cast<int>(rng() % 24); d > 0; --d)
+          s += static_cast<char>('0' + rng() % 10);
+      }
+    }
+    char* end = nullptr;
+    errno = 0;
+    const long wide = std::strtol(s.c_str(), &end, 10);
+    const bool fits = errno != ERANGE && wide >= INT_MIN && wide <= INT_MAX;
+    const tpa::cidr::DecimalReading r = readDecimal(s.c_str());
+    ASSERT_EQ(std::tuple(std::atoi(s.c_str()), end, fits), std::tuple(r.value, r.end, r.fitsInt))
+        << s;
+    ASSERT_EQ(hostScan(s.c_str()), scan(s.c_str())) << s;
+  }
+}
 
 // Dotted quads ignore trailing text; IPv6 is whatever inet_pton accepts; a
 // network needs a prefix in range and an address before it.
@@ -102,23 +198,16 @@ TEST(Cidr, MatchesABitModelOnRandomAddresses) {
   }
 }
 
-// sscanf where the host's C library reads numbers as 64-bit glibc does (every
-// architecture must give those answers); elsewhere its portable equivalent,
-// which decimal_test holds to the 64-bit answers.
-int referenceScan(const char* text, int (&v)[5]) {
-#if defined(__GLIBC__) && LONG_MAX == INT64_MAX
-  return std::sscanf(text, "%d.%d.%d.%d/%d", &v[0], &v[1], &v[2], &v[3], &v[4]);
-#else
-  return scanDottedDecimals(text, v);
-#endif
-}
-
 // The dotted forms written the plain way, with one sscanf and one snprintf, as
 // the model for odd text (signs, blanks, long digit runs, trailing text): the
 // expanded text and the bits, which are empty for no dotted quad.
 std::pair<std::string, std::string> modelDotted(const std::string& s) {
+  // sscanf where the host's C library is the 64-bit reference, else its
+  // portable equivalent, which the Decimal tables hold to the 64-bit answers.
   int v[5] = {0, 0, 0, 0, 0};
-  const int n = referenceScan(s.c_str(), v);
+  const int n = kHostIsReference ? std::sscanf(s.c_str(), "%d.%d.%d.%d/%d", &v[0], &v[1], &v[2],
+                                               &v[3], &v[4])
+                                 : scanDottedDecimals(s.c_str(), v);
   if (n != 4 && n != 5) return {s, ""};
   char text[64];  // without a prefix, the same text up to its '/'
   std::snprintf(text, sizeof text, "%03d.%03d.%03d.%03d/%02d", v[0], v[1], v[2], v[3],
@@ -151,10 +240,12 @@ std::string randomDotted(std::mt19937& rng) {
 
 // Also: the *Into variants write the same bytes, even in place.
 TEST(Cidr, DottedFormsMatchTheSscanfModelOnRandomText) {
+  // First the texts that the plain fast path must hand to the full scan.
+  const char* const edges[] = {"...", ".1.2.3", "1/2.3.4.5", "1.2.3.4.5", "1.2.3.4/5/6"};
   std::mt19937 rng(3);
   int accepted = 0;
   for (int i = 0; i < 20000; ++i) {
-    const std::string s = randomDotted(rng);
+    const std::string s = i < 5 ? edges[i] : randomDotted(rng);
     const auto [expanded, bits] = modelDotted(s);
     accepted += !bits.empty();
     ASSERT_EQ(!bits.empty(), isIPv4Address(s)) << s;

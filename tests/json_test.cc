@@ -94,9 +94,9 @@ TEST(JsonReader, CountersStayInStepOnRandomDocuments) {
   std::mt19937 rng(7);
   for (int round = 0; round < 300; ++round) {
     std::string text(1 + rng() % 60, ' ');
-    for (char& c : text) c = "{}[]\":,a "[rng() % 9];
     int braces = 0, brackets = 0, commas = 0, closes = 0, drops = 0;
-    for (char c : text) {
+    for (char& c : text) {
+      c = "{}[]\":,a "[rng() % 9];
       braces += (c == '{') - (c == '}');
       drops += c == ']' && brackets == 1;
       brackets += (c == '[') - (c == ']');

@@ -33,6 +33,7 @@ TEST(Lru, BeforeConstructEveryOperationIsOom) {
   int out = 7;
   EXPECT_EQ(-1, cache.get(Key("a", 10), out));
   EXPECT_EQ(-1, cache.put(Key("a", 10), 1));
+  EXPECT_EQ(-1, cache.getOrPut(Key("a", 10), out, [] { return 1; }));  // nothing computed
   EXPECT_EQ(7, out);
 }
 
@@ -79,7 +80,7 @@ TEST(Lru, AgreesWithTheContractOnRandomOperations) {
   for (int capacity : {-1, 0, 1, 2, 3, 5, 8}) {
     Cache cache(capacity);
     cache.construct("def-key", 0, 0);
-    Model model{capacity};
+    Model model{capacity, 0, {}};
     std::size_t released = 0;  // entries the last clear let go
     for (int step = 0; step < 4000; ++step) {
       const Key key(std::string(rng() % 2 ? 1 : 30, static_cast<char>('a' + rng() % 9)),

@@ -1,7 +1,10 @@
-// The map's decisions: the example, precedence, addresses, networks, wildcards, the fallback, the
-// any-app branch, the trace, the memo (against traced queries) and repeats allocating nothing.
+// Key framing, then the map's decisions: the example, precedence, addresses,
+// networks, wildcards, the fallback, the any-app branch, the trace, the memo
+// (against traced queries) and repeats allocating nothing.
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <new>
 #include <random>
@@ -15,6 +18,7 @@
 #include "mapper/decision.h"
 #include "mapper/map.h"
 #include "mapper/trace.h"
+#include "mapper/transform.h"
 #include "testing/log_capture.h"
 
 static long allocations = 0;  // operator new calls in this test binary
@@ -55,6 +59,29 @@ struct Fixture {
   }
 };
 
+// Key framing, against what a string stream writes: random names of any
+// bytes (sentinels included), any rule number, any flag (1 a quarter of the
+// time), with the extreme numbers first; the *Into variants write the same
+// bytes over a reused buffer.
+TEST(Transform, MatchesStreamOutputOnRandomInput) {
+  std::mt19937 rng(11);
+  std::string out = "stale content";
+  for (int i = 0; i < 2000; ++i) {
+    std::string name(rng() % 12, ' ');
+    for (char& ch : name) ch = static_cast<char>(rng() % 256);
+    const int rule = i == 0 ? INT_MIN : i == 1 ? INT_MAX : i == 2 ? 0 : static_cast<int>(rng());
+    const auto flag = static_cast<std::uint8_t>(rng() % 4 == 0 ? 1 : rng());
+    std::ostringstream stream;
+    stream << '#' << name << '$' << rule << (flag == 1);
+    tpa::mapper::transformDomainInto(out, name, rule, flag);
+    ASSERT_EQ(stream.str(), out);
+    ASSERT_EQ(out, tpa::mapper::transformDomain(name, rule, flag));
+    tpa::mapper::tansformAppInto(out, name);
+    ASSERT_EQ("#" + name + "$", out);
+    ASSERT_EQ(out, tpa::mapper::tansformApp(name));
+  }
+}
+
 TEST(Decision, DefaultIsExcludeAndResultsCompareLengthsNotValues) {
   EXPECT_EQ("exclude -1", text(Decision()));
   EXPECT_TRUE(Decision(3, 2).isInExcludeList());  // anything but 1 is exclude
@@ -67,6 +94,10 @@ TEST(Decision, DefaultIsExcludeAndResultsCompareLengthsNotValues) {
     EXPECT_EQ(std::tuple(eq, !eq, gt, lt), std::tuple(a == other, a != other, a > other, a < other))
         << other.matchedLength << "/" << other.storedLength;
   }
+  DomainSearchResult copy;
+  copy = a;
+  EXPECT_EQ(std::tuple(true, 5, 1, 10),
+            std::tuple(copy.found, copy.matchedLength, copy.value, copy.storedLength));
 }
 
 TEST(Map, ClearCacheAnswersMinusOneAndABareMapNothing) {

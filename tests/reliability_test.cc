@@ -15,54 +15,27 @@
 #include "api/analyzer.h"
 #include "api/constants.h"
 #include "gtest/gtest.h"
+#include "testing/facade.h"
 #include "testing/log_capture.h"
 
 namespace {
 
 using tpa::api::TarnPatternAnalyzer;
-
-using Answer = std::pair<int, int>;  // decision (1 include, 0 exclude) and value
-
-Answer ask(TarnPatternAnalyzer& analyzer, const std::string& app, const std::string& destination) {
-  Answer a{0, -12345};
-  a.first = analyzer.query(app, destination, a.second);
-  return a;
-}
-
-const Answer kNoRule{0, -1};
-
-// Rule 1 (id 7) for one app, with a domain, a wildcard and an IPv4 network.
-constexpr char kKnownRules[] =
-    R"([{"match_apps": ["com.example.mail"], "include": ["cdn.shop.test", "*.img.test",)"
-    R"( "10.0.0.0/8"], "exclude": ["ads.shop.test"], "id": "7"}])";
-
-void expectKnownRules(TarnPatternAnalyzer& analyzer) {
-  EXPECT_EQ((Answer{1, 7}), ask(analyzer, "com.example.mail", "cdn.shop.test"));
-  EXPECT_EQ((Answer{1, 7}), ask(analyzer, "com.example.mail", "a.img.test"));
-  EXPECT_EQ((Answer{1, 7}), ask(analyzer, "com.example.mail", "10.20.30.40"));
-  EXPECT_EQ((Answer{0, 7}), ask(analyzer, "com.example.mail", "ads.shop.test"));
-  EXPECT_EQ(kNoRule, ask(analyzer, "org.other", "cdn.shop.test"));
-}
+using namespace tpa::testing;  // ask, Answer and the example
 
 // Builds on a 256 KiB stack: input-driven recursion would crash here.
 int buildOnSmallStack(TarnPatternAnalyzer& analyzer, const std::string& doc) {
-  struct Job {
-    TarnPatternAnalyzer* analyzer;
-    const std::string* doc;
-    int code;
-  } job{&analyzer, &doc, -12345};
+  int code = -12345;
+  std::function<void()> job = [&] { code = analyzer.build(doc, false); };
   pthread_attr_t attr;
   pthread_attr_init(&attr);
   pthread_attr_setstacksize(&attr, 256 * 1024);
   pthread_t thread;
-  pthread_create(&thread, &attr, [](void* arg) -> void* {
-    Job* j = static_cast<Job*>(arg);
-    j->code = j->analyzer->build(*j->doc, false);
-    return nullptr;
-  }, &job);
+  auto run = [](void* f) -> void* { return (*static_cast<std::function<void()>*>(f))(), nullptr; };
+  pthread_create(&thread, &attr, run, &job);
   pthread_join(thread, nullptr);
   pthread_attr_destroy(&attr);
-  return job.code;
+  return code;
 }
 
 std::string repeat(const std::string& s, int n) {
@@ -102,14 +75,14 @@ TEST(Hostile, DocumentsBuildAsReadOrFailAndKeepTheOldRules) {
       {R"([{"include": ["a", "", "", "b"]}])", 0, "a", "b", {1, 2147483647}},
   };
   // clang-format on
-  tpa::testing::LogCapture quiet;
+  LogCapture quiet;
   for (const auto& c : cases) {
     TarnPatternAnalyzer analyzer;
-    ASSERT_EQ(0, analyzer.build(kKnownRules, false));
-    expectKnownRules(analyzer);  // fills the caches, which the build empties
+    ASSERT_EQ(0, analyzer.build(kExample, false));
+    expectExampleAnswers(analyzer);  // fills the caches, which the build empties
     ASSERT_EQ(c.code, buildOnSmallStack(analyzer, c.doc)) << c.doc.substr(0, 60);
     if (c.code != 0) {
-      expectKnownRules(analyzer);
+      expectExampleAnswers(analyzer);
     } else {
       EXPECT_EQ(c.answer, ask(analyzer, c.app, c.destination)) << c.doc.substr(0, 60);
     }
@@ -119,25 +92,25 @@ TEST(Hostile, DocumentsBuildAsReadOrFailAndKeepTheOldRules) {
 TEST(Hostile, BytesFilesAndTheTwoExceptionsLeaveTheAnalyzerWorking) {
   std::string all;
   for (int c = 0; c < 256; ++c) all += static_cast<char>(c);
-  tpa::testing::LogCapture quiet;
+  LogCapture quiet;
   TarnPatternAnalyzer analyzer;
-  ASSERT_EQ(0, analyzer.build(kKnownRules, false));
+  ASSERT_EQ(0, analyzer.build(kExample, false));
   for (const std::string& doc : {all, "[" + all + "]", "[{\"" + all + "\": \"" + all + "\"}]"}) {
     try {
-      if (analyzer.build(doc, false) != 0) expectKnownRules(analyzer);
+      if (analyzer.build(doc, false) != 0) expectExampleAnswers(analyzer);
     } catch (const std::out_of_range&) {  // "/" and "]" reach address parsing
     }
-    ASSERT_EQ(0, analyzer.build(kKnownRules, false));
+    ASSERT_EQ(0, analyzer.build(kExample, false));
   }
   for (const char* path : {"/", "/proc/self/status", "/dev/null", "/nonexistent/rules.json"}) {
     EXPECT_LT(analyzer.build(path, true), 0) << path;
-    expectKnownRules(analyzer);
+    expectExampleAnswers(analyzer);
   }
   // Nothing catches these two: they leave build, and the lock with them.
   EXPECT_THROW((void)analyzer.build(R"([{"include": ["face/"]}])", false), std::out_of_range);
   EXPECT_THROW((void)analyzer.build(R"([{"exclude": ["::/4294967296"]}])", false),
                std::out_of_range);
-  expectKnownRules(analyzer);
+  expectExampleAnswers(analyzer);
 }
 
 TEST(Concurrency, QueriesDuringRebuildsSeeOldOrNewRules) {
@@ -153,9 +126,9 @@ TEST(Concurrency, QueriesDuringRebuildsSeeOldOrNewRules) {
   for (int g = 0; g < 2; ++g) {
     TarnPatternAnalyzer reference;
     ASSERT_EQ(0, reference.build(docs[g], false));
-    for (const auto& [app, destination] : queries) expected[g].push_back(ask(reference, app, destination));
+    for (const auto& [app, to] : queries) expected[g].push_back(ask(reference, app, to));
   }
-  tpa::testing::LogCapture quiet;
+  LogCapture quiet;
   TarnPatternAnalyzer analyzer;
   ASSERT_EQ(0, analyzer.build(docs[0], false));
   std::atomic<bool> done{false};

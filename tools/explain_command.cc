@@ -182,40 +182,42 @@ void writeMappedNote(OutputSink& out, const std::string& destination) {
            ipv4 + ". This is a known bypass in filters of this kind.");
 }
 
-void explainOne(OutputSink& out, api::TarnPatternAnalyzer& analyzer,
-                const std::vector<parser::Rule>& rules, const std::string& app,
-                const std::string& destination) {
+// One query, asked once with its trace; both writers read it.
+struct TracedQuery {
+  const std::string& app;
+  const std::string& destination;
   mapper::QueryTrace trace;
   int value = -1;
-  const int decision = api::Inspect::query(analyzer, app, destination, value, &trace);
-  out.line("query: " + quoted(app) + " " + quoted(destination));
-  out.line("  " + appLine(trace));
-  if (!trace.steps.empty()) out.line("  destination searched as " + quoted(trace.destination));
-  writeMappedNote(out, destination);
-  for (std::size_t i = 0; i < trace.steps.size(); ++i) writeStep(out, trace.steps[i], i > 0);
-  out.line("  deciding rule: " + decidingRule(rules, trace));
-  out.line(std::string("  decision: ") +
-           (decision == mapper::TPA_DECISION_INCLUDE ? "include" : "exclude") + "\t" + num(value));
+  int decision = 0;
+};
+
+const char* decisionName(const TracedQuery& q) {
+  return q.decision == mapper::TPA_DECISION_INCLUDE ? "include" : "exclude";
+}
+
+void writeText(OutputSink& out, const std::vector<parser::Rule>& rules, const TracedQuery& q) {
+  out.line("query: " + quoted(q.app) + " " + quoted(q.destination));
+  out.line("  " + appLine(q.trace));
+  if (!q.trace.steps.empty()) out.line("  destination searched as " + quoted(q.trace.destination));
+  writeMappedNote(out, q.destination);
+  for (std::size_t i = 0; i < q.trace.steps.size(); ++i) writeStep(out, q.trace.steps[i], i > 0);
+  out.line("  deciding rule: " + decidingRule(rules, q.trace));
+  out.line(std::string("  decision: ") + decisionName(q) + "\t" + num(q.value));
 }
 
 // One JSON object per query; the fields are listed in `tpa explain --help`.
-void explainJson(OutputSink& out, api::TarnPatternAnalyzer& analyzer,
-                 const std::vector<parser::Rule>& rules, const std::string& app,
-                 const std::string& destination) {
-  mapper::QueryTrace trace;
-  int value = -1;
-  const int decision = api::Inspect::query(analyzer, app, destination, value, &trace);
-  const DecidingStep step = decidingStep(trace);
+void writeJson(OutputSink& out, const std::vector<parser::Rule>& rules, const TracedQuery& q) {
+  const DecidingStep step = decidingStep(q.trace);
   std::string positions = "[";
-  for (int p : decidingPositions(rules, trace))
+  for (int p : decidingPositions(rules, q.trace))
     positions += (positions.size() > 1 ? "," : "") + num(p);
   JsonLine line;
-  line.field("app", app)
-      .field("destination", destination)
-      .field("searched_as", trace.destination)
-      .field("app_rule_number", static_cast<long long>(trace.rule))
-      .field("decision", decision == mapper::TPA_DECISION_INCLUDE ? "include" : "exclude")
-      .field("id", static_cast<long long>(value));
+  line.field("app", q.app)
+      .field("destination", q.destination)
+      .field("searched_as", q.trace.destination)
+      .field("app_rule_number", static_cast<long long>(q.trace.rule))
+      .field("decision", decisionName(q))
+      .field("id", static_cast<long long>(q.value));
   if (step.decided) {
     line.field("rule_number", static_cast<long long>(step.rule))
         .field("list", step.include ? "include" : "exclude")
@@ -225,7 +227,7 @@ void explainJson(OutputSink& out, api::TarnPatternAnalyzer& analyzer,
   }
   out.line(line.field("fallback", step.fallback)
                .raw("positions", positions + "]")
-               .field("reason", decisionReason(trace))
+               .field("reason", decisionReason(q.trace))
                .str());
 }
 
@@ -236,9 +238,11 @@ int runExplain(const Invocation& invocation) {
   if (int code = buildAndRead(invocation.rules, document)) return code;
   OutputSink out(STDOUT_FILENO, false);
   const bool json = invocation.format == OutputFormat::kJson;
+  const std::vector<parser::Rule>& rules = document.parser.getRules();
   for (const auto& [app, destination] : invocation.pairs) {
-    (json ? explainJson : explainOne)(out, document.analyzer, document.parser.getRules(), app,
-                                      destination);
+    TracedQuery q{app, destination, {}};
+    q.decision = api::Inspect::query(document.analyzer, app, destination, q.value, &q.trace);
+    (json ? writeJson : writeText)(out, rules, q);
   }
   return out.flush() ? kExitOk : kExitIo;
 }

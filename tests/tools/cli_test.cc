@@ -1,6 +1,7 @@
 // The `tpa` tool from the outside: its exit codes, the query contract, show's
 // output, check's report and warnings, and explain, run as a child process on
-// the bundled example and on documents written for each test.
+// the bundled example and on documents written for each test; then, inside,
+// the document scan on random text and the tool's text helpers.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -16,25 +17,22 @@
 #include "api/diagnostics.h"
 #include "mapper/map.h"
 #include "run_tool.h"
+#include "testing/log_capture.h"
+#include "tools/doc_scan.h"
+#include "tools/json_escape.h"
+#include "tools/lint.h"
 
 namespace tpa::testing {
 namespace {
 
+using tools::appendJsonString;
+using tools::Finding;
+using tools::lintDocument;
+using tools::nearestRuleKey;
+using tools::StoredDestination;
+using tools::storeDestination;
+
 const std::string kRules = "examples/rules.json";
-
-// The blank-separated words of `text`, '' standing for an empty one.
-std::vector<std::string> words(const std::string& text) {
-  std::vector<std::string> out;
-  std::istringstream stream(text);
-  for (std::string word; stream >> word;) out.push_back(word == "''" ? "" : word);
-  return out;
-}
-
-// A document (or an output) written with ' for ", to keep the tables readable.
-std::string doc(std::string text) {
-  for (char& c : text) c = c == '\'' ? '"' : c;
-  return text;
-}
 
 TEST(TpaCli, ExitCodesAndMessagesFollowTheContract) {
   const std::string failed = "tpa: build failed: -4 TPA_ERROR_JSON_PARSE_MISMATCH\n";
@@ -45,10 +43,9 @@ TEST(TpaCli, ExitCodesAndMessagesFollowTheContract) {
     int code;
     std::string part;  // of standard output on success, else of standard error
   } cases[] = {
-      {"", "", 64, "missing COMMAND"},
-      {"frob", "", 64, "unknown command 'frob'"},
-      {"--help", "", 0, "usage: tpa COMMAND RULES"},
-      {"query", "", 64, "query: missing RULES"},
+      // clang-format off
+      {"", "", 64, "missing COMMAND"}, {"frob", "", 64, "unknown command 'frob'"},
+      {"--help", "", 0, "usage: tpa COMMAND RULES"}, {"query", "", 64, "query: missing RULES"},
       {"query - com.example.mail", "", 64, "APP and DEST come in pairs"},
       {"query -", "", 64, "cannot both come from standard input"},
       {"show - extra", "", 64, "show: takes RULES only"},
@@ -56,15 +53,15 @@ TEST(TpaCli, ExitCodesAndMessagesFollowTheContract) {
       {"explain --frob -", "", 64, "unknown option '--frob'"},
       {"query /nonexistent/rules.json", "", 66, "cannot read /nonexistent/rules.json"},
       {"show /", "", 66, "cannot read /: Is a directory"},
-      {"query - a b", "[{}", 2, failed},
-      {"check -", "[{}", 2, failed},
+      {"query - a b", "[{}", 2, failed}, {"check -", "[{}", 2, failed},
+      // clang-format on
       {"show -", throwing, 3, "value \"face/\" at <stdin>:1:"},
       {"check " + file.path(), "", 3, "value \"face/\" at " + file.path() + ":1:"},
   };
   for (const auto& c : cases) {
     const ToolResult r = runTool(words(c.command), c.input);
     EXPECT_EQ(r.exitCode, c.code) << c.command << "\n" << r.err;
-    EXPECT_NE((c.code == 0 ? r.out : r.err).find(c.part), std::string::npos) << c.command;
+    EXPECT_TRUE(has(c.code == 0 ? r.out : r.err, c.part)) << c.command;
     EXPECT_EQ(r.err.empty(), c.code == 0) << c.command;
     // Of the failures, only a failed check writes anything (its report) on standard output.
     EXPECT_EQ(r.out.empty(), c.code != 0 && c.command.rfind("check", 0) != 0) << c.command;
@@ -125,19 +122,17 @@ TEST(TpaShow, PrintsRulesAsReadWithDefaultsNormalisedAddressesAndEscapes) {
        "'id':1}\n{'position':2,'rule_number':2,'apps':['a\\\\b','tab\\there','line\\nbreak',"
        "'bell\\u0007','caf\xc3\xa9','del\x7f'],'include':['*'],'exclude':[''],'id':2147483647}\n"},
   };
-  for (const auto& [document, out] : cases) {
+  for (const auto& [document, out] : cases)
     EXPECT_EQ(runTool({"show", "-"}, doc(document)).out, doc(out)) << document;
-  }
 }
 
 TEST(TpaCheck, ReportsTheBuildOfTheBundledRules) {
   api::TarnPatternAnalyzer analyzer;
   ASSERT_EQ(analyzer.build(kRules, true), 0);
-  auto states = [](const mapper::Map::Machine* machine) {
-    int n = -1;
+  const mapper::Map& map = *api::Inspect::map(analyzer);
+  auto states = [](const mapper::Map::Machine* machine, int n = -1) {
     return std::to_string(machine->size(n) == 0 ? n : -1);
   };
-  const mapper::Map& map = *api::Inspect::map(analyzer);
   const ToolResult r = runTool({"check", kRules});
   EXPECT_TRUE(std::regex_match(
       r.out,
@@ -204,7 +199,7 @@ TEST(TpaCheck, WarnsOfEveryTrapWithLineAndColumn) {
   for (const auto& [code, document, lineColumn, claim] : cases) {
     TempFile file(doc(document));
     const std::string where = file.path() + ":" + lineColumn + ": warning: [" + code + "] ";
-    EXPECT_NE(runTool({"check", file.path()}).out.find(where), std::string::npos) << where;
+    EXPECT_TRUE(has(runTool({"check", file.path()}).out, where)) << where;
     const std::vector<std::string> q = words(claim);  // APP DEST DECISION VALUE
     if (q.empty()) continue;
     EXPECT_EQ(runTool({"query", file.path(), q[0], q[1]}).out, q[2] + "\t" + q[3] + "\n") << code;
@@ -226,7 +221,7 @@ TEST(TpaExplain, NamesEachStepOfTheDecision) {
       "\"#com.example.game$\" is no stored application key",
       "note: ::ffff:203.0.113.9 is an IPv4-mapped IPv6 address: IPv4 entries for 203.0.113.9",
   };
-  for (const char* part : parts) EXPECT_NE(r.out.find(part), std::string::npos) << part;
+  for (const char* part : parts) EXPECT_TRUE(has(r.out, part)) << part;
 }
 
 // Random documents over small pools, so that entries collide: explain's
@@ -264,12 +259,50 @@ TEST(TpaExplain, AgreesWithQueryAndTheLibraryOnGeneratedDocuments) {
       }
     }
     std::string verdicts, line;
-    for (std::istringstream out(runTool(args, document).out); std::getline(out, line);) {
+    for (std::istringstream out(runTool(args, document).out); std::getline(out, line);)
       if (line.rfind("  decision: ", 0) == 0) verdicts += line.substr(12) + "\n";
-    }
     EXPECT_EQ(verdicts, expected) << document;
     args[0] = "query";
     EXPECT_EQ(runTool(args, document).out, expected) << document;
+  }
+}
+
+TEST(DocScan, FindingsStayInsideRandomText) {
+  LogCapture quiet;  // the build logs every unbalanced text
+  const std::string alphabet = "{}[]\"\":,,ab id  \\\n";
+  std::mt19937 random(20240611);
+  for (int round = 0; round < 2000; ++round) {
+    std::string text;
+    for (int n = random() % 60 + 1; n > 0; --n) text += alphabet[random() % alphabet.size()];
+    for (const Finding& f : lintDocument(text)) ASSERT_LE(f.offset, text.size()) << text;
+  }
+}
+
+TEST(NearestRuleKey, SuggestsOnlyLikelyTypos) {
+  const char* cases[][2] = {{"inclde", "include"}, {"Include", "include"}, {"exlude", "exclude"},
+                            {"match-apps", "match_apps"}, {"ID", "id"}, {"ids", "id"}, {"x", ""},
+                            {"apps", ""}, {"comment", ""}, {"", ""}};
+  for (const auto& [key, meant] : cases) EXPECT_EQ(nearestRuleKey(key), meant) << key;
+}
+
+TEST(JsonEscape, EscapesQuotesBackslashesAndControlBytesOnly) {
+  std::string out;
+  appendJsonString(out, std::string("a\"b\\c\n\t\r\b\f\x01\x1f\0\x7f\xc3\xa9\xff", 17));
+  EXPECT_EQ(out, "\"a\\\"b\\\\c\\n\\t\\r\\b\\f\\u0001\\u001f\\u0000\x7f\xc3\xa9\xff\"");
+}
+
+// A destination as the map stores it: "NETWORK STORED" (network 4, 6 or 0 for
+// none), or "throws".
+TEST(StoreDestination, StoresWhatTheMapStoresOrThrows) {
+  const char* cases[][2] = {
+      {"2001:db8::/32", "6 00100000000000010000110110111000"},
+      {"10.0.0.0/40", "4 010.000.000.000"},  // the prefix is cut to 32
+      {"1.2.3.4/", "0 001.002.003.004"},     // read as an address first
+      {"2001:db8::/4294967296", "throws"},
+  };
+  for (const auto& [written, stored] : cases) {
+    const StoredDestination d = storeDestination(written);
+    EXPECT_EQ(d.threw ? "throws" : std::to_string(d.network) + " " + d.stored, stored) << written;
   }
 }
 

@@ -15,16 +15,6 @@
 namespace tpa::testing {
 namespace {
 
-// A document (or an output) written with ' for ", to keep the tables readable.
-std::string doc(std::string text) {
-  for (char& c : text) c = c == '\'' ? '"' : c;
-  return text;
-}
-
-bool has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 TEST(TpaDiff, ReportsEachKindOfChangeWithReasonsAndExitStatus) {
   const std::string base = "[{'match_apps':['m'],'include':['*.x.test','10.0.0.0/8'],'id':'1'}]";
   const struct {
@@ -73,11 +63,8 @@ TEST(TpaDiff, ReportsEachKindOfChangeWithReasonsAndExitStatus) {
     if (!c.options.empty()) args.insert(args.begin() + 1, c.options);
     if (!c.queries.empty()) args.push_back(queries.path());
     ToolResult r = runTool(args);
-    for (std::string* out : {&r.out, &r.err}) {
-      for (std::size_t at; (at = out->find(after.path())) != std::string::npos;) {
-        out->replace(at, after.path().size(), "NEW");
-      }
-    }
+    r.out = replaced(r.out, after.path(), "NEW");
+    r.err = replaced(r.err, after.path(), "NEW");
     EXPECT_EQ(r.exitCode, c.code) << c.after << "\n" << r.err;
     for (const std::string& part : c.parts) {
       EXPECT_TRUE(has(c.code > 1 ? r.err : r.out, part)) << c.after << "\n" << r.out << r.err;
@@ -90,8 +77,7 @@ TEST(TpaFormat, CheckAndExplainWriteJsonLinesAndAnnotations) {
   const std::string message =
       R"('*' not only at the start: the text before the last '*' is ignored, so \"cdn.*\" )"
       "matches every destination of this rule";
-  std::string plain = message;
-  for (std::size_t at; (at = plain.find('\\')) != std::string::npos;) plain.erase(at, 1);
+  const std::string plain = replaced(message, "\\", "");
   const struct {
     std::vector<std::string> args;
     std::string out;
@@ -110,13 +96,7 @@ TEST(TpaFormat, CheckAndExplainWriteJsonLinesAndAnnotations) {
        R"x(include list, wildcard ending in \"$01\" (only include matched)"})x"
        "\n"},
   };
-  for (const auto& c : cases) {
-    std::string out = runTool(c.args).out;
-    for (std::size_t at; (at = out.find(rules.path())) != std::string::npos;) {
-      out.replace(at, rules.path().size(), "F");
-    }
-    EXPECT_EQ(out, c.out);
-  }
+  for (const auto& c : cases) EXPECT_EQ(replaced(runTool(c.args).out, rules.path(), "F"), c.out);
 }
 
 TEST(TpaImport, ReadsEachListFormat) {
@@ -142,14 +122,7 @@ TEST(TpaImport, ReadsEachListFormat) {
   };
   for (const auto& c : cases) {
     TempFile list(c.list);
-    std::vector<std::string> args = {"import"};
-    for (std::size_t at = 0, next; at < c.options.size(); at = next + 1) {
-      next = std::min(c.options.find(' ', at), c.options.size());
-      args.push_back(c.options.substr(at, next - at));
-    }
-    args.push_back(c.format);
-    args.push_back(list.path());
-    const ToolResult r = runTool(args);
+    const ToolResult r = runTool(words("import " + c.options + " " + c.format + " " + list.path()));
     EXPECT_EQ(r.exitCode, 0) << r.err;
     EXPECT_EQ(r.out, doc(c.document)) << c.format;
     EXPECT_TRUE(has(r.err, c.report)) << r.err;
@@ -168,14 +141,13 @@ struct ListedName {
 const ListedName* meant(const std::vector<ListedName>& list, const std::string& query) {
   const ListedName* best = nullptr;
   for (const ListedName& l : list) {
-    const bool covers = l.name == query || (query.size() > l.name.size() &&
-                                            query.compare(query.size() - l.name.size() - 1,
-                                                          std::string::npos, "." + l.name) == 0);
-    if (!covers) continue;
-    if (best == nullptr || l.name.size() > best->name.size() ||
-        (l.name.size() == best->name.size() && l.exception)) {
-      best = &l;
-    }
+    const std::string under = "." + l.name;
+    const bool covers = l.name == query || (query.size() > under.size() &&
+                                            query.compare(query.size() - under.size(),
+                                                          std::string::npos, under) == 0);
+    const std::size_t bestSize = best == nullptr ? 0 : best->name.size();
+    const bool nearer = l.name.size() > bestSize || (l.name.size() == bestSize && l.exception);
+    if (covers && nearer) best = &l;
   }
   return best;
 }

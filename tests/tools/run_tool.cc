@@ -12,6 +12,24 @@
 
 namespace tpa::testing {
 
+std::string doc(std::string text) {
+  for (char& c : text) c = c == '\'' ? '"' : c;
+  return text;
+}
+
+std::vector<std::string> words(const std::string& text) {
+  std::vector<std::string> out;
+  std::istringstream stream(text);
+  for (std::string word; stream >> word;) out.push_back(word == "''" ? "" : word);
+  return out;
+}
+
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+  for (std::size_t at; (at = text.find(from)) != std::string::npos;)
+    text.replace(at, from.size(), to);
+  return text;
+}
+
 bool writeAll(int fd, const std::string& text) {
   for (std::size_t done = 0; done < text.size();) {
     const ssize_t n = write(fd, text.data() + done, text.size() - done);

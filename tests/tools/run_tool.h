@@ -1,7 +1,8 @@
 // Test helper: runs the built `tpa` executable (its path in TPA_TOOL, which
 // ctest sets) as a child process. runTool feeds a string to its standard input
 // through a pipe and collects the exit code and both outputs (through
-// temporary files, so nothing can block).
+// temporary files, so nothing can block). Also the text helpers the tool
+// tests' tables share.
 #ifndef TPA_TESTS_TOOLS_RUN_TOOL_H_
 #define TPA_TESTS_TOOLS_RUN_TOOL_H_
 
@@ -22,6 +23,19 @@ ToolResult runTool(const std::vector<std::string>& args, const std::string& inpu
 
 // Starts `tpa args...` with `in`, `out` and `err` as its standard descriptors.
 pid_t startTool(const std::vector<std::string>& args, int in, int out, int err);
+
+// A document (or an output) written with ' for ", to keep the tables readable.
+std::string doc(std::string text);
+
+// The blank-separated words of `text`, '' standing for an empty one.
+std::vector<std::string> words(const std::string& text);
+
+// `text` with every `from` replaced by `to` (a temporary path by a short name).
+std::string replaced(std::string text, const std::string& from, const std::string& to);
+
+inline bool has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
 
 // Writes all of `text` to `fd`; false once the reader has gone.
 bool writeAll(int fd, const std::string& text);

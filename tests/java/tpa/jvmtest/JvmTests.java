@@ -23,10 +23,10 @@ public final class JvmTests {
   private static final String NATIVE_TAG = "tarnnwfilternativehandler";
   private static final int AF_INET = 2;
   // Two rules: com.example.mail's own (rule 1, id 7) and the any-application rule (id 9).
-  static final String EXAMPLE = json(
-      "[{'match_apps': ['com.example.mail'], 'include': ['cdn.shop.test'],"
-          + " 'exclude': ['ads.other.test'], 'id': '7'}, {'match_apps': ['#LAMBDA-APP'],"
-          + " 'include': ['none.invalid'], 'exclude': ['ads.shop.test'], 'id': '9'}]");
+  static final String EXAMPLE =
+      ("[{'match_apps': ['com.example.mail'], 'include': ['cdn.shop.test'], 'exclude':"
+          + " ['ads.other.test'], 'id': '7'}, {'match_apps': ['#LAMBDA-APP'], 'include':"
+          + " ['none.invalid'], 'exclude': ['ads.shop.test'], 'id': '9'}]").replace('\'', '"');
 
   private int passed, failed, skipped;
 
@@ -64,8 +64,7 @@ public final class JvmTests {
     test("build before configure is -1", () -> checkEquals(-1, dnsService.nativeBuild("[]"), ""));
     test("the example document through build and query", this::exampleDocument);
     test("a failed build keeps the old rules; configure drops them", this::failedBuildKeepsOldRules);
-    test("original address of family 10 is empty", this::originalAddressOfIpv6);
-    test("original address of untracked descriptors is zero", this::originalAddressOfUntracked);
+    test("original address: empty for family 10, zero untracked", this::originalAddressOfUntracked);
     test("original address of a redirected connection", this::originalAddressOfRedirected);
     test("set network marks the socket", this::setNetworkMarksSocket);
     test("ip options are logged", this::ipOptionsAreLogged);
@@ -104,15 +103,6 @@ public final class JvmTests {
     }
   }
 
-  private void build(String document) {
-    checkEquals(0, dnsService.nativeBuild(document), "build of " + document);
-  }
-
-  // A rules document written with ' for ".
-  static String json(String text) {
-    return text.replace('\'', '"');
-  }
-
   private static List<String> captured() {
     return List.of(TestNatives.stopLogCapture());
   }
@@ -149,7 +139,7 @@ public final class JvmTests {
   }
 
   private void failedBuildKeepsOldRules() {
-    build(EXAMPLE);
+    checkEquals(0, dnsService.nativeBuild(EXAMPLE), "build");
     expectQuery(true, "com.example.mail", "cdn.shop.test"); // fills the caches
     checkEquals(-4, udpService.nativeBuild("[{\"include\": [\"cdn.shop.test\"]"), "unbalanced");
     checkEquals(-1, tcpService.nativeBuild(null), "build(null)");
@@ -172,22 +162,20 @@ public final class JvmTests {
         + port));
   }
 
-  private void originalAddressOfIpv6() {
-    TestNatives.startLogCapture();
-    checkEquals("", tcpServer.nativeGetOriginalSockAddress(10, 0), "family 10");
-    checkEquals("", tcpV6Server.nativeGetOriginalSockAddress(10, -1), "family 10");
-    checkEquals(List.of(), captured(), "log: getsockopt is not called");
-  }
-
   private void expectUntracked(int fd, String what) {
     TestNatives.startLogCapture();
     checkEquals("0.0.0.0|0", tcpServer.nativeGetOriginalSockAddress(AF_INET, fd), what);
     checkEquals(originalAddressLog(-1, "0.0.0.0", 0), captured(), "log of " + what);
   }
 
-  // No descriptor, a file, a listening and a UDP socket: none has an original destination.
-  // (With connection tracking, a plain connected TCP socket reports its real one.)
+  // Family 10 is not looked up (nor logged). No descriptor, a file, a listening and a UDP socket:
+  // none has an original destination. (With connection tracking, a plain connected TCP socket
+  // reports its real one.)
   private void originalAddressOfUntracked() throws Exception {
+    TestNatives.startLogCapture();
+    checkEquals("", tcpServer.nativeGetOriginalSockAddress(10, 0), "family 10");
+    checkEquals("", tcpV6Server.nativeGetOriginalSockAddress(10, -1), "family 10");
+    checkEquals(List.of(), captured(), "log: getsockopt is not called");
     expectUntracked(-1, "no descriptor");
     try (FileInputStream file = new FileInputStream("/dev/null")) {
       expectUntracked(TestNatives.fdOf(file.getFD()), "a file");

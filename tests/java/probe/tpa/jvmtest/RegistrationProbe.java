@@ -1,10 +1,8 @@
 package tpa.jvmtest;
 
-/**
- * Loads the library in a JVM of its own, where the test driver chooses what the class path
- * offers (a proxy class missing, or one declaring too few natives), then shows whether the
- * registrations after a failed one still work.
- */
+// Loads the library in a JVM of its own, where the test driver chooses what the class path offers
+// (a proxy class missing, or one declaring too few natives), then shows whether the registrations
+// after a failed one still work.
 public final class RegistrationProbe {
   private RegistrationProbe() {}
 

@@ -1,9 +1,7 @@
 package com.velmora.android.tarn.app.networkfilter.dns;
 
-/**
- * Stand-in for the service's DNS proxy service: declares exactly the native methods that the
- * library registers on it.
- */
+// Stand-in for the service's DNS proxy service: declares exactly the native methods that the
+// library registers on it.
 public class DefaultDnsProxyService {
   public native void nativeConfigure(String first, String second);
 

@@ -1,9 +1,7 @@
 package com.velmora.android.tarn.app.networkfilter.tcp;
 
-/**
- * Stand-in for the service's IPv6 TCP proxy server: declares exactly the native methods that the
- * library registers on it.
- */
+// Stand-in for the service's IPv6 TCP proxy server: declares exactly the native methods that the
+// library registers on it.
 public class DefaultTcpV6ProxyServer {
   public native String nativeGetOriginalSockAddress(int family, int fd);
 

@@ -1,9 +1,7 @@
 package com.velmora.android.tarn.app.networkfilter.udp;
 
-/**
- * Stand-in for the service's IPv4 UDP proxy server: declares exactly the native methods that the
- * library registers on it.
- */
+// Stand-in for the service's IPv4 UDP proxy server: declares exactly the native methods that the
+// library registers on it.
 public class DefaultUdpProxyServer {
   public native void nativeSetNetworForSocketFd(int fd, int netId);
 

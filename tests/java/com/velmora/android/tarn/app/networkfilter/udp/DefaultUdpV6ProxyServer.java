@@ -1,9 +1,7 @@
 package com.velmora.android.tarn.app.networkfilter.udp;
 
-/**
- * Stand-in for the service's IPv6 UDP proxy server: declares exactly the native methods that the
- * library registers on it.
- */
+// Stand-in for the service's IPv6 UDP proxy server: declares exactly the native methods that the
+// library registers on it.
 public class DefaultUdpV6ProxyServer {
   public native void nativeSetNetworForSocketFd(int fd, int netId);
 

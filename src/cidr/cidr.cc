@@ -93,6 +93,9 @@ bool scanDottedQuad(const std::string& s, Dotted& d) {
 // inet_pton(AF_INET6) over the text [begin, begin + length), which need not be
 // NUL-terminated. Short texts (every valid one) are copied to the stack.
 bool parseIPv6(const char* begin, std::size_t length, in6_addr* addr) {
+  // Every IPv6 text has a colon; most destinations are names, and the
+  // parser would read a name's leading hex digits first.
+  if (std::memchr(begin, ':', length) == nullptr) return false;
   char buffer[64];
   if (length < sizeof buffer) {
     std::memcpy(buffer, begin, length);
@@ -103,9 +106,7 @@ bool parseIPv6(const char* begin, std::size_t length, in6_addr* addr) {
   return inet_pton(AF_INET6, copy.c_str(), addr) == 1;
 }
 
-bool parseIPv6(const std::string& s, in6_addr* addr) {
-  return inet_pton(AF_INET6, s.c_str(), addr) == 1;
-}
+bool parseIPv6(const std::string& s, in6_addr* addr) { return parseIPv6(s.data(), s.size(), addr); }
 
 // The eight bit characters of every byte value, most significant first.
 struct ByteBits {

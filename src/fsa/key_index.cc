@@ -62,20 +62,25 @@ std::uint64_t filed(std::uint64_t h) {
 }  // namespace
 
 void WildcardTails::HashSet::insert(std::uint64_t h, bool flag) {
-  if (2 * (used_ + 1) > slots_.size()) {
-    std::vector<std::uint64_t> old(slots_.empty() ? 16 : 2 * slots_.size(), 0);
-    old.swap(slots_);
-    shift_ = 64;
-    for (std::size_t size = slots_.size(); size > 1; size /= 2) --shift_;
-    for (const std::uint64_t e : old) {
-      if (e != 0) place(e & ~std::uint64_t{1}, (e & 1) != 0);
-    }
-  }
+  if (2 * (used_ + 1) > slots_.size()) rehash(slots_.empty() ? 16 : 2 * slots_.size());
   place(filed(h), flag);
 }
 
+void WildcardTails::HashSet::fit() {
+  if (!slots_.empty()) rehash(used_ + used_ / 2 + 1);
+}
+
+void WildcardTails::HashSet::rehash(std::size_t size) {
+  std::vector<std::uint64_t> old(size, 0);
+  old.swap(slots_);
+  used_ = 0;
+  for (const std::uint64_t e : old) {
+    if (e != 0) place(e & ~std::uint64_t{1}, (e & 1) != 0);
+  }
+}
+
 void WildcardTails::HashSet::place(std::uint64_t want, bool flag) {
-  for (std::size_t i = home(want);; i = (i + 1) & (slots_.size() - 1)) {
+  for (std::size_t i = home(want);; i = next(i)) {
     std::uint64_t& e = slots_[i];
     if (e == 0) {
       e = want | (flag ? 1 : 0);
@@ -92,7 +97,7 @@ void WildcardTails::HashSet::place(std::uint64_t want, bool flag) {
 std::uint64_t WildcardTails::HashSet::find(std::uint64_t h) const {
   if (slots_.empty()) return 0;
   const std::uint64_t want = filed(h);
-  for (std::size_t i = home(want);; i = (i + 1) & (slots_.size() - 1)) {
+  for (std::size_t i = home(want);; i = next(i)) {
     const std::uint64_t e = slots_[i];
     if (e == 0 || (e | 1) == (want | 1)) return e;
   }
@@ -108,14 +113,21 @@ void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey
     const int first = static_cast<int>(static_cast<const unsigned char*>(star) - text);
     if (first < k.end) starred.push_back(StoredKey{k.end, k.end - first});
   }
+  if (starred.empty()) return;
+  lastPairs_.assign(65536 / 64, 0);
   for (const StoredKey& t : starred) {
     lastChar_[text[t.end]] = true;
+    if (t.length >= 2) {
+      const unsigned pair = text[t.end - 1] << 8 | text[t.end];
+      lastPairs_[pair >> 6] |= std::uint64_t{1} << (pair & 63);
+    }
     std::uint64_t h = 0, power = 1;
     for (int length = 1; length <= t.length; ++length) {
       const int i = t.end + 1 - length;
       h += text[i] * power;
       power *= kBase;
       const bool tail = text[i - 1] == '*';
+      if (tail && length == 1) singleCharacterTail_ = true;
       if (length <= kEnding) {
         endings_.insert(h, tail);
         continue;
@@ -127,6 +139,8 @@ void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey
       lengths_[static_cast<std::size_t>(length)] |= (tail ? kTailLength : 0) | (checkpoint ? kCheckpoint : 0);
     }
   }
+  endings_.fit();
+  longer_.fit();
 }
 
 bool WildcardTails::anyPieceIsTail(const char* key, int n) const {
@@ -137,6 +151,7 @@ bool WildcardTails::anyPieceIsTail(const char* key, int n) const {
   long budget = 4L * n + 64;
   for (int j = 0; j < n; ++j) {
     if (!lastChar_[k[j]]) continue;
+    if (!singleCharacterTail_ && (j == 0 || !endsPair(k[j - 1], k[j]))) continue;
     std::uint64_t h = 0, power = 1;
     // A piece that ends no tail has no longer piece that is a tail: the
     // endings, and past them the checkpoints, stop the search early.

@@ -89,7 +89,8 @@ class WildcardTails {
   bool anyPieceIsTail(const char* key, int n) const;
 
   std::size_t bytes() const {
-    return (endings_.capacity() + longer_.capacity()) * sizeof(std::uint64_t) + lengths_.capacity();
+    return (endings_.capacity() + longer_.capacity() + lastPairs_.capacity()) * sizeof(std::uint64_t) +
+           lengths_.capacity();
   }
 
  private:
@@ -102,27 +103,31 @@ class WildcardTails {
   static constexpr std::uint8_t kTailLength = 1;  // in lengths_
   static constexpr std::uint8_t kCheckpoint = 2;
 
-  // A power-of-two set of 64-bit hashes, at most half full (it doubles when
-  // it would be more); 0 is empty, and each hash carries one flag in its low
-  // bit.
+  // A set of 64-bit hashes with linear probing: at most half full while it
+  // grows (it doubles), two thirds once fitted. 0 is empty, and each hash
+  // carries one flag in its low bit.
   class HashSet {
    public:
     // Throws std::bad_alloc.
     void insert(std::uint64_t h, bool flag);
+    // Shrinks the table to what its entries need. Throws std::bad_alloc.
+    void fit();
     // The entry of h (the flag in its low bit), or 0.
     std::uint64_t find(std::uint64_t h) const;
     std::size_t capacity() const { return slots_.capacity(); }
     bool empty() const { return slots_.empty(); }
 
    private:
+    // The hashes are polynomials in the characters: mixed before use.
     std::size_t home(std::uint64_t h) const {
-      return static_cast<std::size_t>((h * 0x9e3779b97f4a7c15u) >> shift_);
+      return static_cast<std::size_t>((((h * 0x9e3779b97f4a7c15u) >> 32) * slots_.size()) >> 32);
     }
+    std::size_t next(std::size_t i) const { return i + 1 == slots_.size() ? 0 : i + 1; }
+    void rehash(std::size_t size);
     void place(std::uint64_t filed, bool flag);
 
     std::vector<std::uint64_t> slots_;
     std::size_t used_ = 0;
-    int shift_ = 64;
   };
 
   static constexpr std::uint64_t kBase = 0x100000001b3u;
@@ -136,6 +141,15 @@ class WildcardTails {
   HashSet longer_;
   std::vector<std::uint8_t> lengths_;
   bool lastChar_[256] = {};  // the last characters of the tails
+  // The last two characters of the tails of two or more, a bit per pair; a
+  // query position that ends no such pair is skipped at once, unless some
+  // tail has a single character.
+  std::vector<std::uint64_t> lastPairs_;
+  bool singleCharacterTail_ = false;
+  bool endsPair(unsigned char a, unsigned char b) const {
+    const unsigned pair = a << 8 | b;
+    return (lastPairs_[pair >> 6] >> (pair & 63)) & 1;
+  }
 };
 
 }  // namespace tpa::fsa

@@ -140,7 +140,7 @@ void checkRandom(const std::string& alphabet, unsigned seed, double room) {
       switch (rng() % 6) {
         case 0: text += keys.emplace_back(earlier); break;  // again, with another value
         case 1: text += keys.emplace_back(earlier.substr(rng() % earlier.size())); break;
-        default: text += keys.emplace_back((rng() % 3 ? "#" : "#*.") + random(40) + "$");
+        default: text += keys.emplace_back((rng() % 3 ? "#" : "#*.") + random(40) + "$" + random(1));
       }
     }
     Automaton sa, frozen;

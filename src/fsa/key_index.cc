@@ -116,6 +116,7 @@ void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey
   if (starred.empty()) return;
   lastPairs_.assign(65536 / 64, 0);
   for (const StoredKey& t : starred) {
+    if (!lastChar_[text[t.end]]) lastChars_.push_back(static_cast<char>(text[t.end]));
     lastChar_[text[t.end]] = true;
     if (t.length >= 2) {
       const unsigned pair = text[t.end - 1] << 8 | text[t.end];
@@ -146,31 +147,46 @@ void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey
 bool WildcardTails::anyPieceIsTail(const char* key, int n) const {
   if (endings_.empty()) return false;
   const auto* k = reinterpret_cast<const unsigned char*>(key);
-  const int longest = std::max(kEnding, static_cast<int>(lengths_.size()) - 1);
   // Past a few probes per character the partial lookup itself is cheaper.
   long budget = 4L * n + 64;
-  for (int j = 0; j < n; ++j) {
-    if (!lastChar_[k[j]]) continue;
-    if (!singleCharacterTail_ && (j == 0 || !endsPair(k[j - 1], k[j]))) continue;
-    std::uint64_t h = 0, power = 1;
-    // A piece that ends no tail has no longer piece that is a tail: the
-    // endings, and past them the checkpoints, stop the search early.
-    for (int length = 1, last = std::min(j + 1, longest); length <= last; ++length) {
-      h += k[j + 1 - length] * power;
-      power *= kBase;
-      if (--budget < 0) return true;
-      if (length <= kEnding) {
-        const std::uint64_t e = endings_.find(h);
-        if (e == 0) break;
-        if (e & 1) return true;
-        continue;
+  if (lastChars_.size() <= 2) {
+    // Typically the two list flags: found by memchr instead of a table per byte.
+    for (const char c : lastChars_) {
+      for (const void* at = std::memchr(k, c, static_cast<std::size_t>(n)); at != nullptr;) {
+        const int j = static_cast<int>(static_cast<const unsigned char*>(at) - k);
+        if (tailEndsAt(k, j, budget)) return true;
+        at = std::memchr(k + j + 1, c, static_cast<std::size_t>(n - j - 1));
       }
-      const std::uint8_t kind = lengths_[static_cast<std::size_t>(length)];
-      if (kind == 0) continue;
-      const std::uint64_t e = longer_.find(h);
-      if (e & 1) return true;
-      if (e == 0 && (kind & kCheckpoint) != 0) break;
     }
+    return false;
+  }
+  for (int j = 0; j < n; ++j) {
+    if (lastChar_[k[j]] && tailEndsAt(k, j, budget)) return true;
+  }
+  return false;
+}
+
+bool WildcardTails::tailEndsAt(const unsigned char* k, int j, long& budget) const {
+  if (!singleCharacterTail_ && (j == 0 || !endsPair(k[j - 1], k[j]))) return false;
+  const int longest = std::max(kEnding, static_cast<int>(lengths_.size()) - 1);
+  std::uint64_t h = 0, power = 1;
+  // A piece that ends no tail has no longer piece that is a tail: the
+  // endings, and past them the checkpoints, stop the search early.
+  for (int length = 1, last = std::min(j + 1, longest); length <= last; ++length) {
+    h += k[j + 1 - length] * power;
+    power *= kBase;
+    if (--budget < 0) return true;
+    if (length <= kEnding) {
+      const std::uint64_t e = endings_.find(h);
+      if (e == 0) return false;
+      if (e & 1) return true;
+      continue;
+    }
+    const std::uint8_t kind = lengths_[static_cast<std::size_t>(length)];
+    if (kind == 0) continue;
+    const std::uint64_t e = longer_.find(h);
+    if (e & 1) return true;
+    if (e == 0 && (kind & kCheckpoint) != 0) return false;
   }
   return false;
 }

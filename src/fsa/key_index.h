@@ -23,6 +23,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <vector>
 
 namespace tpa::fsa {
@@ -140,7 +141,11 @@ class WildcardTails {
   HashSet endings_;
   HashSet longer_;
   std::vector<std::uint8_t> lengths_;
+  // True (or out of budget) when a piece of k ending at j is a kept tail.
+  bool tailEndsAt(const unsigned char* k, int j, long& budget) const;
+
   bool lastChar_[256] = {};  // the last characters of the tails
+  std::string lastChars_;    // the same, listed
   // The last two characters of the tails of two or more, a bit per pair; a
   // query position that ends no such pair is skipped at once, unless some
   // tail has a single character.

@@ -213,16 +213,21 @@ TEST(Map, TracedQueryBypassesTheMemoAndRecordsTheFallback) {
 TEST(Map, MemoAnswersAsTheMachines) {
   std::mt19937 rng(11);
   Fixture plain(3), traced(3);
-  const List names = {"a.test", "b.a.test", "*.a.test", "10.1.2.3", "010.001.000.000/16", "c.test"};
-  for (int r = 0; r < 6; ++r) {
-    const List apps = {"app" + std::to_string(r)}, in = {names[rng() % 6]}, out = {names[r]};
+  // Networks, and a name made of bits that a network search can end on.
+  const List names = {"a.test",         "b.a.test",       "*.a.test", "10.1.2.3",
+                      "010.001.000.000/16", "192.168.0.0/24", "0101",     "c.test"};
+  for (int r = 0; r < 8; ++r) {
+    const List apps = {"app" + std::to_string(r)}, in = {names[rng() % 8]}, out = {names[r]};
     plain.put(r, apps, in, out, r + 10);
     traced.put(r, apps, in, out, r + 10);
   }
   plain.map.freeze();  // and the frozen machines as the online ones
   for (int i = 0; i < 20000; ++i) {
-    const std::string app = "app" + (rng() % 8 ? std::to_string(rng() % 7) : "");  // app1+5=app+15
-    const std::string to = std::to_string(rng() % 150) + (rng() % 2 ? ".a.test" : ".1.2.3");
+    const std::string app = "app" + (rng() % 8 ? std::to_string(rng() % 9) : "");  // app1+5=app+15
+    const std::string n = std::to_string(rng() % 150);
+    const std::string to = rng() % 3 == 0 ? n + ".a.test"
+                           : rng() % 2    ? n + ".1.2.3"
+                                          : "192.168." + std::to_string(rng() % 3) + "." + n;
     tpa::mapper::QueryTrace t;
     ASSERT_EQ(text(traced.map.get(app, to, &t)), plain.ask(app, to)) << app << " " << to;
     if (i % 5000 == 4999) plain.map.clearCache(), traced.map.clearCache();

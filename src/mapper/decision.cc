@@ -192,8 +192,8 @@ DomainSearchResult findNetwork(int rule, Machine& machine, std::uint8_t flag, Qu
 
 // Searches one list of one rule number: the whole key, then the network
 // prefix of an address, then a wildcard entry.
-DomainSearchResult find(int rule, Machine& machine, std::uint8_t flag, QueryBuffers& b,
-                        ListTrace* trace) {
+DomainSearchResult find(int rule, Machine& machine, const BitNames* bitNames, std::uint8_t flag,
+                        QueryBuffers& b, ListTrace* trace) {
   transformDomainInto(b.key.first, b.destination, rule, flag);
   b.key.second = machine::kFullKey;
   const int n = static_cast<int>(b.key.first.size());
@@ -208,7 +208,8 @@ DomainSearchResult find(int rule, Machine& machine, std::uint8_t flag, QueryBuff
     return DomainSearchResult();
   }
   if (whole) return settle(trace, MatchKind::kWholeKey, DomainSearchResult(true, n, value, n));
-  if (b.address) {
+  // A traced query searches the bits whatever they are, to show the search.
+  if (b.address && (trace != nullptr || bitNames == nullptr || bitNames->anyPrefixOf(b.bits.first))) {
     const DomainSearchResult network = findNetwork(rule, machine, flag, b, trace);
     if (network.found) return settle(trace, MatchKind::kNetworkPrefix, network);
   }
@@ -244,7 +245,8 @@ Verdict weigh(const DomainSearchResult& include, const DomainSearchResult& exclu
 
 // Weighs both lists under `rule`; when neither matches, the any-application
 // rules (rule 0) are tried once more.
-Decision lookup(int rule, Machine& include, Machine& exclude, QueryBuffers& b, QueryTrace* trace) {
+Decision lookup(int rule, Machine& include, Machine& exclude, const BitNames* includeBits,
+                const BitNames* excludeBits, QueryBuffers& b, QueryTrace* trace) {
   for (int r = rule;; r = TPA_RULE_NUMBER_ZERO) {
     StepTrace* step = nullptr;
     if (trace != nullptr) {
@@ -252,9 +254,9 @@ Decision lookup(int rule, Machine& include, Machine& exclude, QueryBuffers& b, Q
       step->rule = r;
     }
     const DomainSearchResult in =
-        find(r, include, TPA_DECISION_INCLUDE, b, traced(step, &StepTrace::include));
+        find(r, include, includeBits, TPA_DECISION_INCLUDE, b, traced(step, &StepTrace::include));
     const DomainSearchResult out =
-        find(r, exclude, TPA_DECISION_EXCLUDE, b, traced(step, &StepTrace::exclude));
+        find(r, exclude, excludeBits, TPA_DECISION_EXCLUDE, b, traced(step, &StepTrace::exclude));
     const Verdict verdict = weigh(in, out);
     if (step != nullptr) step->verdict = verdict;
     switch (verdict) {
@@ -281,6 +283,60 @@ Decision finish(QueryTrace* trace, const Decision& d) {
 }
 
 }  // namespace
+
+// --- BitNames ---------------------------------------------------------------
+
+std::uint64_t BitNames::mix(std::uint64_t h, std::size_t length) {
+  h ^= length * 0x9e3779b97f4a7c15u;
+  h *= 0xbf58476d1ce4e5b9u;
+  h ^= h >> 31;
+  return h == 0 ? 1 : h;
+}
+
+void BitNames::add(const std::string& text) {
+  if (text.size() < 2) return;
+  std::uint64_t h = 0;
+  for (const char c : text) {
+    if (c != '0' && c != '1') return;
+    h = step(h, c);
+  }
+  const std::uint64_t key = mix(h, text.size());
+  if (2 * (used_ + 1) > table_.size()) {
+    std::vector<std::uint64_t> old(table_.empty() ? 64 : 2 * table_.size(), 0);
+    old.swap(table_);
+    for (const std::uint64_t k : old) {
+      std::size_t i = k & (table_.size() - 1);
+      while (table_[i] != 0) i = (i + 1) & (table_.size() - 1);
+      table_[i] = k;
+    }
+  }
+  std::size_t i = key & (table_.size() - 1);
+  for (; table_[i] != 0; i = (i + 1) & (table_.size() - 1)) {
+    if (table_[i] == key) return;
+  }
+  table_[i] = key;
+  ++used_;
+  if (lengths_.size() <= text.size()) lengths_.resize(text.size() + 1);
+  lengths_[text.size()] = true;
+}
+
+bool BitNames::contains(std::uint64_t key) const {
+  for (std::size_t i = key & (table_.size() - 1);; i = (i + 1) & (table_.size() - 1)) {
+    if (table_[i] == key) return true;
+    if (table_[i] == 0) return false;
+  }
+}
+
+bool BitNames::anyPrefixOf(const std::string& bits) const {
+  if (used_ == 0 || bits.size() < 3) return false;
+  const std::size_t last = std::min(bits.size() - 1, lengths_.size() - 1);
+  std::uint64_t h = step(0, bits[0]);
+  for (std::size_t length = 2; length <= last; ++length) {
+    h = step(h, bits[length - 1]);
+    if (lengths_[length] && contains(mix(h, length))) return true;
+  }
+  return false;
+}
 
 // --- DecisionMemo -----------------------------------------------------------
 
@@ -383,6 +439,16 @@ MapDecisionMaker::MapDecisionMaker(Machine& apps, Machine& include, Machine& exc
                                    QueryBuffers& buffers)
     : apps_(apps), include_(include), exclude_(exclude), buffers_(buffers) {}
 
+MapDecisionMaker::MapDecisionMaker(Machine& apps, Machine& include, Machine& exclude,
+                                   QueryBuffers& buffers, const BitNames& includeBits,
+                                   const BitNames& excludeBits)
+    : apps_(apps),
+      include_(include),
+      exclude_(exclude),
+      buffers_(buffers),
+      includeBits_(&includeBits),
+      excludeBits_(&excludeBits) {}
+
 Decision MapDecisionMaker::decide(const std::string& app, const std::string& destination,
                                   QueryTrace* trace) {
   QueryBuffers& b = buffers_;
@@ -402,7 +468,7 @@ Decision MapDecisionMaker::decide(const std::string& app, const std::string& des
     trace->appFellToZero = !whole;
     trace->destination = b.destination;
   }
-  return finish(trace, lookup(rule, include_, exclude_, b, trace));
+  return finish(trace, lookup(rule, include_, exclude_, includeBits_, excludeBits_, b, trace));
 }
 
 }  // namespace tpa::mapper

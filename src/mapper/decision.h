@@ -77,6 +77,31 @@ struct QueryBuffers {
   BitsSearch bitsSearches[2];
 };
 
+// The stored destinations of one domain machine that are bit strings (two or
+// more '0' and '1' characters, as every network identifier is): the only
+// texts a network-prefix search can end on. An address none of whose bit
+// prefixes is one needs no search of its bits. Filled while a Map is put,
+// then only read.
+class BitNames {
+ public:
+  // Keeps `text` if it is such a string. Throws std::bad_alloc.
+  void add(const std::string& text);
+  // Whether some prefix of `bits` (a bit string) of 2 to size - 1 characters
+  // is kept (or shares a kept one's hash).
+  bool anyPrefixOf(const std::string& bits) const;
+
+ private:
+  static std::uint64_t step(std::uint64_t h, char c) { return h * 0x100000001b3u + static_cast<unsigned char>(c); }
+  static std::uint64_t mix(std::uint64_t h, std::size_t length);
+  bool contains(std::uint64_t key) const;
+
+  // Mixed hashes of the kept strings with their lengths, a power-of-two
+  // table at most half full (0: empty), and the lengths kept.
+  std::vector<std::uint64_t> table_;
+  std::size_t used_ = 0;
+  std::vector<bool> lengths_;
+};
+
 // Whole decisions of recent queries, keyed by (application, destination), so
 // that a repeated query skips the machines. Set-associative: sets of kWays
 // entries, the least recently used entry of a set replaced; pairs longer than
@@ -138,6 +163,10 @@ class MapDecisionMaker {
   MapDecisionMaker(Machine& apps, Machine& include, Machine& exclude);
   // Uses the caller's buffers instead of its own.
   MapDecisionMaker(Machine& apps, Machine& include, Machine& exclude, QueryBuffers& buffers);
+  // Also told the bit strings stored in each domain machine, so that an
+  // address that cannot match a network skips the search of its bits.
+  MapDecisionMaker(Machine& apps, Machine& include, Machine& exclude, QueryBuffers& buffers,
+                   const BitNames& includeBits, const BitNames& excludeBits);
   MapDecisionMaker(const MapDecisionMaker&) = delete;
   MapDecisionMaker& operator=(const MapDecisionMaker&) = delete;
 
@@ -152,6 +181,8 @@ class MapDecisionMaker {
   Machine& exclude_;
   QueryBuffers ownBuffers_;  // unused when the caller lends buffers
   QueryBuffers& buffers_;
+  const BitNames* includeBits_ = nullptr;  // null: every address is searched
+  const BitNames* excludeBits_ = nullptr;
 };
 
 }  // namespace tpa::mapper

@@ -57,10 +57,11 @@ int addAnyAppBranch(Machine& apps, Key& key) {
 }
 
 // Stores one list of one rule; stops at the first failing key.
-int addDomains(Machine& machine, const std::vector<std::string>& domains, int ruleNumber,
-               std::uint8_t flag, int id, std::string& text, Key& key) {
+int addDomains(Machine& machine, BitNames& bitNames, const std::vector<std::string>& domains,
+               int ruleNumber, std::uint8_t flag, int id, std::string& text, Key& key) {
   for (const std::string& d : domains) {
     storedDestination(d, text);
+    bitNames.add(text);
     key.second = !text.empty() && text[0] == '*' ? machine::kPartialKey : machine::kFullKey;
     transformDomainInto(key.first, text, ruleNumber, flag);
     const int result = machine.put(key, id);
@@ -133,6 +134,8 @@ int Map::construct(int appsSize, int includeSize, int excludeSize) {
   include_->construct(includeSize, capacity_);
   exclude_->construct(excludeSize, capacity_);
   reserve(buffers_);
+  includeBits_ = BitNames();
+  excludeBits_ = BitNames();
   memo_.clear();
   queried_ = false;
   memoUsable_ = true;
@@ -163,9 +166,10 @@ int Map::put(int ruleNumber, const std::vector<std::string>& apps,
   const int domainRule = apps.size() == 1 && isAnyApp(apps[0]) ? TPA_RULE_NUMBER_ZERO : ruleNumber;
   std::string& text = buffers_.destination;
   const int result =
-      addDomains(*include_, include, domainRule, TPA_DECISION_INCLUDE, id, text, key);
+      addDomains(*include_, includeBits_, include, domainRule, TPA_DECISION_INCLUDE, id, text, key);
   if (result != error::TPA_ERROR_NONE) return result;
-  return addDomains(*exclude_, exclude, domainRule, TPA_DECISION_EXCLUDE, id, text, key);
+  return addDomains(*exclude_, excludeBits_, exclude, domainRule, TPA_DECISION_EXCLUDE, id, text,
+                    key);
 }
 
 void Map::freeze() {
@@ -200,7 +204,7 @@ Decision Map::get(const std::string& app, const std::string& destination, QueryT
     Decision d;
     if (memo && memo_.find(app, destination, d)) return d;
     queried_ = true;
-    MapDecisionMaker maker(*apps_, *include_, *exclude_, buffers_);
+    MapDecisionMaker maker(*apps_, *include_, *exclude_, buffers_, includeBits_, excludeBits_);
     d = maker.decide(app, destination, trace);
     if (memo) memo_.remember(d);
     return d;
@@ -212,7 +216,7 @@ Decision Map::get(const std::string& app, const std::string& destination, QueryT
   try {
     if (trace != nullptr) *trace = QueryTrace();
     CacheBypass bypass(*apps_, *include_, *exclude_);
-    MapDecisionMaker maker(*apps_, *include_, *exclude_, buffers_);
+    MapDecisionMaker maker(*apps_, *include_, *exclude_, buffers_, includeBits_, excludeBits_);
     return maker.decide(app, destination, trace);
   } catch (const std::bad_alloc&) {
     return Decision();  // not even the query's own keys could be framed

@@ -78,6 +78,9 @@ class Map {
   std::unique_ptr<Machine> apps_;     // tansformApp keys -> rule number
   std::unique_ptr<Machine> include_;  // transformDomain(d, rule, 1) -> id
   std::unique_ptr<Machine> exclude_;  // transformDomain(d, rule, 0) -> id
+  // The bit strings among the destinations stored in include_ and exclude_.
+  BitNames includeBits_;
+  BitNames excludeBits_;
   // Key buffers reused by put and get, so that a query answered from the
   // caches allocates nothing. Only ever used by one call at a time.
   mutable QueryBuffers buffers_;

@@ -60,19 +60,22 @@ int FrozenAutomaton::tryFindPartial(const char* key, int n, Value& out) const {
   int best = INT32_MIN;
   if (n >= 1) {
     // Every suffix of an occurring suffix occurs: search the boundary. A
-    // miss shares a few characters with the text and every probe that
-    // succeeds is read whole, so the probes start short and grow slowly.
+    // wildcard's tail that ends the key, once read, is one that occurs,
+    // and often the longest. Else a miss shares a few characters with the
+    // text and every probe that succeeds is read whole, so the probes start
+    // short and grow slowly.
     int lo = 0;      // a suffix of this length occurs
     int hi = n + 1;  // and none of this length (n + 1: not known yet)
-    for (int probe = std::min(n, 8), growth = 2;; growth *= 2) {
-      if (occurs(key, n - probe, n)) {
-        lo = probe;
-        if (probe == n) break;
-        probe = std::min(n, probe + growth);
-      } else {
+    const int tail = tails_.longestTailSuffix(key, n);
+    if (tail > 0 && tail <= n && occurs(key, n - tail, n)) lo = tail;
+    for (int probe = lo > 0 ? std::min(n, lo + 1) : std::min(n, 8), growth = 2; lo < n;
+         growth *= 2) {
+      if (!occurs(key, n - probe, n)) {
         hi = probe;
         break;
       }
+      lo = probe;
+      probe = std::min(n, probe + growth);
     }
     while (hi - lo > 1) {
       const int mid = lo + (hi - lo) / 2;

@@ -161,34 +161,50 @@ bool WildcardTails::anyPieceIsTail(const char* key, int n) const {
     return false;
   }
   for (int j = 0; j < n; ++j) {
-    if (lastChar_[k[j]] && tailEndsAt(k, j, budget)) return true;
+    if (tailEndsAt(k, j, budget)) return true;
   }
   return false;
 }
 
 bool WildcardTails::tailEndsAt(const unsigned char* k, int j, long& budget) const {
-  if (!singleCharacterTail_ && (j == 0 || !endsPair(k[j - 1], k[j]))) return false;
+  return tailsEndingAt(k, j, budget, true) != 0;
+}
+
+int WildcardTails::longestTailSuffix(const char* key, int n) const {
+  if (endings_.empty() || n < 1) return 0;
+  long budget = n + 64;
+  const int longest = tailsEndingAt(reinterpret_cast<const unsigned char*>(key), n - 1, budget, false);
+  return longest < 0 ? 0 : longest;
+}
+
+int WildcardTails::tailsEndingAt(const unsigned char* k, int j, long& budget, bool first) const {
+  if (!lastChar_[k[j]]) return 0;
+  if (!singleCharacterTail_ && (j == 0 || !endsPair(k[j - 1], k[j]))) return 0;
   const int longest = std::max(kEnding, static_cast<int>(lengths_.size()) - 1);
+  int found = 0;
   std::uint64_t h = 0, power = 1;
   // A piece that ends no tail has no longer piece that is a tail: the
   // endings, and past them the checkpoints, stop the search early.
   for (int length = 1, last = std::min(j + 1, longest); length <= last; ++length) {
     h += k[j + 1 - length] * power;
     power *= kBase;
-    if (--budget < 0) return true;
+    if (--budget < 0) return -1;
+    std::uint64_t e;
     if (length <= kEnding) {
-      const std::uint64_t e = endings_.find(h);
-      if (e == 0) return false;
-      if (e & 1) return true;
-      continue;
+      e = endings_.find(h);
+      if (e == 0) break;
+    } else {
+      const std::uint8_t kind = lengths_[static_cast<std::size_t>(length)];
+      if (kind == 0) continue;
+      e = longer_.find(h);
+      if (e == 0 && (kind & kCheckpoint) != 0) break;
     }
-    const std::uint8_t kind = lengths_[static_cast<std::size_t>(length)];
-    if (kind == 0) continue;
-    const std::uint64_t e = longer_.find(h);
-    if (e & 1) return true;
-    if (e == 0 && (kind & kCheckpoint) != 0) return false;
+    if (e & 1) {
+      found = length;
+      if (first) break;
+    }
   }
-  return false;
+  return found;
 }
 
 }  // namespace tpa::fsa

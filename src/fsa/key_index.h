@@ -89,6 +89,10 @@ class WildcardTails {
   // character); false proves that none is.
   bool anyPieceIsTail(const char* key, int n) const;
 
+  // The longest kept tail that is a suffix of key[0, n) (or shares a kept
+  // one's hash), 0 for none: a hint, to be checked, of a suffix that occurs.
+  int longestTailSuffix(const char* key, int n) const;
+
   std::size_t bytes() const {
     return (endings_.capacity() + longer_.capacity() + lastPairs_.capacity()) * sizeof(std::uint64_t) +
            lengths_.capacity();
@@ -143,6 +147,9 @@ class WildcardTails {
   std::vector<std::uint8_t> lengths_;
   // True (or out of budget) when a piece of k ending at j is a kept tail.
   bool tailEndsAt(const unsigned char* k, int j, long& budget) const;
+  // The length of the longest kept tail (of the first found when `first`)
+  // that is a piece of k ending at j; 0 for none, -1 out of budget.
+  int tailsEndingAt(const unsigned char* k, int j, long& budget, bool first) const;
 
   bool lastChar_[256] = {};  // the last characters of the tails
   std::string lastChars_;    // the same, listed

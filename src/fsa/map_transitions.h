@@ -46,6 +46,8 @@ class MapTransitions {
     maps_[static_cast<std::size_t>(to)] = maps_[static_cast<std::size_t>(from)];
   }
 
+  void prefetch(int) const {}
+
   template <typename F>
   void forEachTarget(int state, F f) {
     for (auto& edge : maps_[static_cast<std::size_t>(state)]) f(edge.second);

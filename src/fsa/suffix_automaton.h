@@ -415,8 +415,16 @@ class SuffixAutomaton {
         builder.addEdge(c, frozenIndex(targetOf(target)));
       });
     };
-    for (int i = 0; i <= textStates_; ++i) visit(i);
-    for (int i = capacity_ - 1; i >= firstClone; --i) visit(i);
+    // The runs lie anywhere in the pool: each is asked for a few visits ahead.
+    constexpr int kAhead = 8;
+    for (int i = 0; i <= textStates_; ++i) {
+      if (i + kAhead <= textStates_) transitions_.prefetch(i + kAhead);
+      visit(i);
+    }
+    for (int i = capacity_ - 1; i >= firstClone; --i) {
+      if (i - kAhead >= firstClone) transitions_.prefetch(i - kAhead);
+      visit(i);
+    }
     std::vector<StoredKey> keys, wholeKeys;
     storedKeys(builder.text(), keys, wholeKeys);
     return builder.finish(keys, wholeKeys);

@@ -11,9 +11,10 @@
 //   key longer than the suffix it read? Such a state is reached by '*' and a
 //   piece y of the query read behind it, and reports the key ending at the
 //   first occurrence of "*" + y; that key is longer than y, so "*" + y is its
-//   suffix. The tails that follow a '*' up to the end of a stored key, and
-//   their suffixes, are kept as hashes: a query none of whose pieces ends
-//   like a tail cannot match a wildcard. A hash collision only costs a walk.
+//   suffix. The tails that follow a '*' up to the end of a stored key are
+//   kept as hashes, with enough of their endings to stop a search early: a
+//   query none of whose pieces is a tail cannot match a wildcard. A hash
+//   collision only costs a walk.
 //
 // Both are built once from the finished text and then only read; const
 // members may run concurrently. Lookups allocate nothing and never throw.
@@ -129,7 +130,7 @@ class WildcardTails {
     }
     std::size_t next(std::size_t i) const { return i + 1 == slots_.size() ? 0 : i + 1; }
     void rehash(std::size_t size);
-    void place(std::uint64_t filed, bool flag);
+    void place(std::uint64_t entry, bool flag);
 
     std::vector<std::uint64_t> slots_;
     std::size_t used_ = 0;
@@ -142,15 +143,19 @@ class WildcardTails {
   // endings_: every tail's endings of up to kEnding characters, flagged when
   // one is a whole tail; longer_: the longer tails (flagged) and checkpoint
   // endings; lengths_[l]: what longer_ holds of l characters.
-  HashSet endings_;
-  HashSet longer_;
-  std::vector<std::uint8_t> lengths_;
   // True (or out of budget) when a piece of k ending at j is a kept tail.
   bool tailEndsAt(const unsigned char* k, int j, long& budget) const;
   // The length of the longest kept tail (of the first found when `first`)
   // that is a piece of k ending at j; 0 for none, -1 out of budget.
   int tailsEndingAt(const unsigned char* k, int j, long& budget, bool first) const;
+  bool endsPair(unsigned char a, unsigned char b) const {
+    const unsigned pair = a << 8 | b;
+    return (lastPairs_[pair >> 6] >> (pair & 63)) & 1;
+  }
 
+  HashSet endings_;
+  HashSet longer_;
+  std::vector<std::uint8_t> lengths_;
   bool lastChar_[256] = {};  // the last characters of the tails
   std::string lastChars_;    // the same, listed
   // The last two characters of the tails of two or more, a bit per pair; a
@@ -158,10 +163,6 @@ class WildcardTails {
   // tail has a single character.
   std::vector<std::uint64_t> lastPairs_;
   bool singleCharacterTail_ = false;
-  bool endsPair(unsigned char a, unsigned char b) const {
-    const unsigned pair = a << 8 | b;
-    return (lastPairs_[pair >> 6] >> (pair & 63)) & 1;
-  }
 };
 
 }  // namespace tpa::fsa

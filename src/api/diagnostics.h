@@ -26,6 +26,12 @@ class Inspect {
                    const std::string& destination, int& value, mapper::QueryTrace* trace);
   static int query(TarnPatternAnalyzer& analyzer, const std::string& app,
                    const std::string& destination, int& value, mapper::QueryTrace* trace);
+
+  // Builds put the include lists on a second thread when both that machine's
+  // and the others' symbols reach this many (65,536 unless set): 0 for every
+  // build, a larger number than any document for none. For tests, which
+  // compare the two; set it while no build runs.
+  static void setTwoThreadMinimum(long long symbols);
 };
 
 }  // namespace tpa::api

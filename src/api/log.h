@@ -11,6 +11,10 @@
 
 #include <android/log.h>
 
+#include <string>
+#include <utility>
+#include <vector>
+
 #include "api/log_message.h"
 
 namespace tpa::log {
@@ -24,6 +28,41 @@ inline constexpr char kLineEnd[] = "\n";
 inline constexpr int kDebug = ANDROID_LOG_DEBUG;  // 3
 inline constexpr int kError = ANDROID_LOG_ERROR;  // 6
 inline constexpr int kFatal = ANDROID_LOG_FATAL;  // 7
+
+// A message kept instead of written (see Deferral).
+struct Message {
+  int priority;
+  const char* tag;  // one of the tags above
+  std::string text;
+};
+
+// While one lives on a thread, write() keeps that thread's messages in it
+// instead of writing them. A Map put on two threads at once writes them
+// afterwards, and only those that a build on one thread would have written.
+// At most one per thread at a time; not shared between threads.
+class Deferral {
+ public:
+  Deferral();
+  ~Deferral();
+  Deferral(const Deferral&) = delete;
+  Deferral& operator=(const Deferral&) = delete;
+
+  // The kept messages, in the order they came; none are kept after.
+  std::vector<Message> take() { return std::move(messages_); }
+
+ private:
+  friend void write(int priority, const char* tag, const char* format, ...);
+  std::vector<Message> messages_;
+  Deferral* previous_;  // the thread's deferral before this one, if any
+};
+
+// __android_log_print, unless a Deferral on this thread keeps the message
+// (which may throw std::bad_alloc).
+void write(int priority, const char* tag, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+// Writes messages a Deferral kept, in order.
+void write(const std::vector<Message>& kept);
 
 // The text after the last '/' of `path`, up to its last '.': the name under
 // which a source file signs its reports ("src/json/json.cc" -> "json").

@@ -105,9 +105,8 @@ int FrozenAutomaton::tryFindPartial(const char* key, int n, Value& out) const {
 
 bool FrozenAutomaton::findWholeKey(const char* key, int n, Value& out) const {
   // Each filed key ends a text state that carries it, of its own length.
-  const std::int32_t end = wholeKeys_.find(text_.data(), key, n, [&](std::int32_t e) {
-    return valueOf(e + 1).storedKeyLength == n;
-  });
+  const std::int32_t end = wholeKeys_.find(
+      text_.data(), key, n, [&](std::int32_t e) { return valueOf(e + 1).storedKeyLength == n; });
   if (end < 0) return false;
   out = valueOf(end + 1);
   return true;
@@ -123,8 +122,8 @@ bool FrozenAutomaton::mayFindWildcard(const char* key, int n) const {
 
 std::size_t FrozenAutomaton::bytes() const {
   return sizeof(*this) + text_.capacity() + hasEdges_.bytes() + edgeStart_.capacity() * 4 +
-         runs_.capacity() + valued_.bytes() +
-         values_.capacity() * sizeof(Value) + wholeKeys_.bytes() + tails_.bytes();
+         runs_.capacity() + valued_.bytes() + values_.capacity() * sizeof(Value) +
+         wholeKeys_.bytes() + tails_.bytes();
 }
 
 // --- FrozenAutomaton::Builder -----------------------------------------------
@@ -176,7 +175,8 @@ void FrozenAutomaton::Builder::flushRun() {
   for (const auto& edge : run_) f.runs_.push_back(edge.first);
   for (const auto& edge : run_) {
     for (unsigned b = 0; b < f.targetWidth_; ++b) {
-      f.runs_.push_back(static_cast<unsigned char>(static_cast<std::uint32_t>(edge.second) >> (8 * b)));
+      f.runs_.push_back(
+          static_cast<unsigned char>(static_cast<std::uint32_t>(edge.second) >> (8 * b)));
     }
   }
   run_.clear();

@@ -143,8 +143,8 @@ class FrozenAutomaton {
   // Invariants: states are [0, stateCount_); state s + 1 is the target of s
   // on text_[s] for s < text_.size(), and that transition is not in the runs.
   std::vector<unsigned char> text_;
-  std::int32_t root_[256];                // start state's targets, -1 for none
-  RankedBits hasEdges_;                   // states (other than 0) with stored runs
+  std::int32_t root_[256];  // start state's targets, -1 for none
+  RankedBits hasEdges_;     // states (other than 0) with stored runs
   // Per state with runs, +1: edges before its run, so that run r holds
   // edges [edgeStart_[r], edgeStart_[r + 1]).
   std::vector<std::uint32_t> edgeStart_;
@@ -153,10 +153,10 @@ class FrozenAutomaton {
   std::vector<unsigned char> runs_;
   unsigned targetWidth_ = 4;  // 3 while every state number fits
   std::size_t edgeBytes() const { return 1 + targetWidth_; }
-  RankedBits valued_;                     // states whose value is not (0, -1)
-  std::vector<Value> values_;             // per valued state, in state order
-  WholeKeyIndex wholeKeys_;               // keys whose full lookup reports them
-  WildcardTails tails_;                   // of every key with a '*'
+  RankedBits valued_;          // states whose value is not (0, -1)
+  std::vector<Value> values_;  // per valued state, in state order
+  WholeKeyIndex wholeKeys_;    // keys whose full lookup reports them
+  WildcardTails tails_;        // of every key with a '*'
   int stateCount_ = 1;
 };
 

@@ -137,7 +137,8 @@ void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey
       if (!tail && !checkpoint) continue;
       longer_.insert(h, tail);
       if (lengths_.size() <= static_cast<std::size_t>(length)) lengths_.resize(length + 1, 0);
-      lengths_[static_cast<std::size_t>(length)] |= (tail ? kTailLength : 0) | (checkpoint ? kCheckpoint : 0);
+      lengths_[static_cast<std::size_t>(length)] |=
+          (tail ? kTailLength : 0) | (checkpoint ? kCheckpoint : 0);
     }
   }
   endings_.fit();
@@ -173,7 +174,8 @@ bool WildcardTails::tailEndsAt(const unsigned char* k, int j, long& budget) cons
 int WildcardTails::longestTailSuffix(const char* key, int n) const {
   if (endings_.empty() || n < 1) return 0;
   long budget = n + 64;
-  const int longest = tailsEndingAt(reinterpret_cast<const unsigned char*>(key), n - 1, budget, false);
+  const int longest =
+      tailsEndingAt(reinterpret_cast<const unsigned char*>(key), n - 1, budget, false);
   return longest < 0 ? 0 : longest;
 }
 

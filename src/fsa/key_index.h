@@ -67,7 +67,8 @@ class WholeKeyIndex {
   };
   static std::uint64_t hash(const unsigned char* key, int n);
   // Whether text[end - n + 1, end] is key[0, n).
-  static bool endsWith(const unsigned char* text, std::int32_t end, const unsigned char* key, int n) {
+  static bool endsWith(const unsigned char* text, std::int32_t end, const unsigned char* key,
+                       int n) {
     return end + 1 >= n && std::memcmp(text + (end + 1 - n), key, static_cast<std::size_t>(n)) == 0;
   }
   std::size_t home(std::uint64_t h) const {
@@ -95,7 +96,8 @@ class WildcardTails {
   int longestTailSuffix(const char* key, int n) const;
 
   std::size_t bytes() const {
-    return (endings_.capacity() + longer_.capacity() + lastPairs_.capacity()) * sizeof(std::uint64_t) +
+    return (endings_.capacity() + longer_.capacity() + lastPairs_.capacity()) *
+               sizeof(std::uint64_t) +
            lengths_.capacity();
   }
 

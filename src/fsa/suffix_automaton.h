@@ -120,8 +120,8 @@ class SuffixAutomaton {
   }
   [[nodiscard]] int add(const char* key, std::size_t size, T userDefinedValue) {
     if (!values_ && !frozen_) {
-      __android_log_print(log::kError, log::kEngineTag, "[SA] states_ array is not allocated. %s",
-                          log::kLineEnd);
+      log::write(log::kError, log::kEngineTag, "[SA] states_ array is not allocated. %s",
+                 log::kLineEnd);
       return error::TPA_ERROR_OOM;
     }
     const int n = static_cast<int>(size);
@@ -142,9 +142,8 @@ class SuffixAutomaton {
     const auto c = static_cast<unsigned char>(ch);
     const int cur = count_++;
     if (cur >= capacity_) {
-      __android_log_print(log::kFatal, log::kEngineTag,
-                          "[FATAL] [SA] cur [%d] is out of bounds. Allocated: [%d] \n", cur,
-                          capacity_);
+      log::write(log::kFatal, log::kEngineTag,
+                 "[FATAL] [SA] cur [%d] is out of bounds. Allocated: [%d] \n", cur, capacity_);
       return error::TPA_ERROR_ARRAY_OUT_OF_INDEX;
     }
     const int at = ++textStates_;  // the slot of the new state
@@ -165,9 +164,9 @@ class SuffixAutomaton {
       } else {
         const int clone = count_++;
         if (clone >= capacity_) {
-          __android_log_print(log::kFatal, log::kEngineTag,
-                              "[FATAL] [SA] cloned [%d] is out of bounds. Allocated: [%d] \n",
-                              clone, capacity_);
+          log::write(log::kFatal, log::kEngineTag,
+                     "[FATAL] [SA] cloned [%d] is out of bounds. Allocated: [%d] \n", clone,
+                     capacity_);
           return error::TPA_ERROR_ARRAY_OUT_OF_INDEX;
         }
         const int cloneAt = capacity_ - 1 - clones_++;
@@ -312,7 +311,9 @@ class SuffixAutomaton {
   static std::int32_t edge(int target, bool solid) {
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(target) | (solid ? kSolidBit : 0u));
   }
-  static int targetOf(std::int32_t e) { return static_cast<int>(static_cast<std::uint32_t>(e) & ~kSolidBit); }
+  static int targetOf(std::int32_t e) {
+    return static_cast<int>(static_cast<std::uint32_t>(e) & ~kSolidBit);
+  }
   static bool solid(std::int32_t e) { return (static_cast<std::uint32_t>(e) & kSolidBit) != 0; }
   static constexpr std::uint32_t kSolidBit = 0x80000000u;
 
@@ -462,7 +463,8 @@ class SuffixAutomaton {
       const StoredKey key{i - 1, keyLength};
       keys.push_back(key);
       const int s = keyState(i, keyLength, text);
-      if (values_[static_cast<std::size_t>(s)].storedKeyLength == keyLength) wholeKeys.push_back(key);
+      if (values_[static_cast<std::size_t>(s)].storedKeyLength == keyLength)
+        wholeKeys.push_back(key);
     }
   }
 
@@ -483,15 +485,15 @@ class SuffixAutomaton {
   // length and link in transitions_ under index i, its value in values_[i].
   Transitions transitions_;
   PodArray<StoredValue> values_;
-  int last_ = 0;             // state of the whole text; 0 <= last_ < count_
+  int last_ = 0;  // state of the whole text; 0 <= last_ < count_
   // States in use, counted as the overflow checks and their messages count
   // them (a failed extend still counts its state). They are kept in two
   // runs of slots: the state of text position e in slot e + 1, the k-th
   // clone in slot capacity_ - 1 - k, so that the frozen form's numbering
   // (text states first, in text order) is a formula, not a table.
   int count_ = 1;
-  int textStates_ = 0;  // slots 1 .. textStates_ hold the text's states
-  int clones_ = 0;      // slots capacity_ - clones_ .. capacity_ - 1 hold the clones
+  int textStates_ = 0;       // slots 1 .. textStates_ hold the text's states
+  int clones_ = 0;           // slots capacity_ - clones_ .. capacity_ - 1 hold the clones
   int requestedLength_ = 0;  // construct's argument after raising 0 and 1 to 3
   int capacity_ = 0;         // states allocated: 2 * requestedLength_
   // Once frozen: the only form, transitions_ and values_ released.

@@ -209,7 +209,8 @@ DomainSearchResult find(int rule, Machine& machine, const BitNames* bitNames, st
   }
   if (whole) return settle(trace, MatchKind::kWholeKey, DomainSearchResult(true, n, value, n));
   // A traced query searches the bits whatever they are, to show the search.
-  if (b.address && (trace != nullptr || bitNames == nullptr || bitNames->anyPrefixOf(b.bits.first))) {
+  if (b.address &&
+      (trace != nullptr || bitNames == nullptr || bitNames->anyPrefixOf(b.bits.first))) {
     const DomainSearchResult network = findNetwork(rule, machine, flag, b, trace);
     if (network.found) return settle(trace, MatchKind::kNetworkPrefix, network);
   }

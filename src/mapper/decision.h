@@ -91,7 +91,9 @@ class BitNames {
   bool anyPrefixOf(const std::string& bits) const;
 
  private:
-  static std::uint64_t step(std::uint64_t h, char c) { return h * 0x100000001b3u + static_cast<unsigned char>(c); }
+  static std::uint64_t step(std::uint64_t h, char c) {
+    return h * 0x100000001b3u + static_cast<unsigned char>(c);
+  }
   static std::uint64_t mix(std::uint64_t h, std::size_t length);
   bool contains(std::uint64_t key) const;
 
@@ -129,7 +131,7 @@ class DecisionMemo {
   static constexpr std::size_t kMaxSets = 4096;  // a power of two
   static constexpr std::size_t kWays = 4;
   static constexpr std::size_t kHitsPerGrowth = 16;  // replacements per hit that still grow
-  static constexpr std::size_t kMaxKey = 256;  // characters of application and destination
+  static constexpr std::size_t kMaxKey = 256;        // characters of application and destination
 
   struct Entry {
     std::string key;             // application followed by destination
@@ -149,7 +151,7 @@ class DecisionMemo {
   // Since the table last grew or was judged: kept entries replaced, and hits.
   std::size_t replaced_ = 0;
   std::size_t hits_ = 0;
-  std::string probe_;           // key of the last find(); its room is reused
+  std::string probe_;  // key of the last find(); its room is reused
   std::uint64_t probeHash_ = 0;
   std::size_t probeAppLength_ = 0;
   bool probeKept_ = false;   // probe_ may be filed: it is not too long

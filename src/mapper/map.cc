@@ -40,18 +40,17 @@ int addAnyAppBranch(Machine& apps, Key& key) {
   int matched = 0;
   int result = apps.findFull(key, value, matched);
   if (result != error::TPA_ERROR_NONE) {
-    __android_log_print(log::kFatal, log::kEngineTag,
-                        "[FATAL] [MAP] FindFull failed. Does not have any app %s", log::kLineEnd);
+    log::write(log::kFatal, log::kEngineTag,
+               "[FATAL] [MAP] FindFull failed. Does not have any app %s", log::kLineEnd);
     return result;
   }
   if (matched != 0) return error::TPA_ERROR_NONE;
   result = apps.put(key, TPA_RULE_NUMBER_ZERO);
   if (result != error::TPA_ERROR_NONE) {
-    __android_log_print(log::kFatal, log::kEngineTag,
-                        "[FATAL] [MAP] could not add anyApp branch in apps machine%s",
-                        log::kLineEnd);
-    __android_log_print(log::kFatal, log::kEngineTag,
-                        "[FATAL] [MAP] AddAnyApp failed. Could not add any app %s", log::kLineEnd);
+    log::write(log::kFatal, log::kEngineTag,
+               "[FATAL] [MAP] could not add anyApp branch in apps machine%s", log::kLineEnd);
+    log::write(log::kFatal, log::kEngineTag,
+               "[FATAL] [MAP] AddAnyApp failed. Could not add any app %s", log::kLineEnd);
   }
   return result;
 }
@@ -151,6 +150,17 @@ int Map::put(int ruleNumber, const std::vector<std::string>& apps,
     memo_.clear();
   }
   Key& key = buffers_.key;
+  int result = putApps(ruleNumber, apps, key);
+  if (result != error::TPA_ERROR_NONE) return result;
+  const int domainRule = domainRuleOf(ruleNumber, apps);
+  std::string& text = buffers_.destination;
+  result = putList(true, domainRule, include, id, text, key);
+  if (result != error::TPA_ERROR_NONE) return result;
+  return putList(false, domainRule, exclude, id, text, key);
+}
+
+int Map::putApps(int ruleNumber, const std::vector<std::string>& apps, Key& key) {
+  if (!apps_) return error::TPA_ERROR_OOM;
   for (const std::string& app : apps) {
     int result;
     if (isAnyApp(app)) {
@@ -162,14 +172,20 @@ int Map::put(int ruleNumber, const std::vector<std::string>& apps,
     }
     if (result != error::TPA_ERROR_NONE) return result;
   }
+  return error::TPA_ERROR_NONE;
+}
+
+int Map::putList(bool include, int domainRule, const std::vector<std::string>& list, int id,
+                 std::string& text, Key& key) {
+  Machine* machine = include ? include_.get() : exclude_.get();
+  if (machine == nullptr) return error::TPA_ERROR_OOM;
+  return addDomains(*machine, include ? includeBits_ : excludeBits_, list, domainRule,
+                    include ? TPA_DECISION_INCLUDE : TPA_DECISION_EXCLUDE, id, text, key);
+}
+
+int Map::domainRuleOf(int ruleNumber, const std::vector<std::string>& apps) {
   // Checked again here although the builder already numbers such rules 0.
-  const int domainRule = apps.size() == 1 && isAnyApp(apps[0]) ? TPA_RULE_NUMBER_ZERO : ruleNumber;
-  std::string& text = buffers_.destination;
-  const int result =
-      addDomains(*include_, includeBits_, include, domainRule, TPA_DECISION_INCLUDE, id, text, key);
-  if (result != error::TPA_ERROR_NONE) return result;
-  return addDomains(*exclude_, excludeBits_, exclude, domainRule, TPA_DECISION_EXCLUDE, id, text,
-                    key);
+  return apps.size() == 1 && isAnyApp(apps[0]) ? TPA_RULE_NUMBER_ZERO : ruleNumber;
 }
 
 void Map::freeze() {

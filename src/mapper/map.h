@@ -51,6 +51,19 @@ class Map {
                         const std::vector<std::string>& include,
                         const std::vector<std::string>& exclude, int id);
 
+  // put in two halves, for a build on two threads: the applications and the
+  // exclude list of each rule on one, the include list on the other, each
+  // with its own key buffers (a machine is only ever touched by one of
+  // them). `domainRule` is domainRuleOf(ruleNumber, apps). For a Map being
+  // built: unlike put, these leave the memo alone.
+  [[nodiscard]] int putApps(int ruleNumber, const std::vector<std::string>& apps,
+                            std::pair<std::string, int>& key);
+  [[nodiscard]] int putList(bool include, int domainRule, const std::vector<std::string>& list,
+                            int id, std::string& text, std::pair<std::string, int>& key);
+  // The number a rule's destinations are filed under: 0 when its only
+  // application is LAMBDA_STRING, else its rule number.
+  static int domainRuleOf(int ruleNumber, const std::vector<std::string>& apps);
+
   // Freezes the three machines once every rule is put: their automata take
   // a fraction of the memory and answer as before; no rule can be put after.
   void freeze();

@@ -89,7 +89,7 @@ TEST(TpaQuery, AnswersEachLineBeforeReadingTheNext) {
   close(in[0]);
   close(out[1]);
   alarm(60);  // a tool that held its answer back would wait here for more input
-  ASSERT_TRUE(writeAll(in[1], "com.example.mail\timap.example.com\n"));
+  ASSERT_EQ(write(in[1], "com.example.mail\timap.example.com\n", 34), 34);
   char answer[64] = {};
   EXPECT_GT(read(out[0], answer, sizeof answer - 1), 0);
   EXPECT_STREQ(answer, "include\t100\n");
@@ -131,6 +131,7 @@ TEST(TpaCheck, ReportsTheBuildOfTheBundledRules) {
 // Every warning, where it points and, where it makes a claim about decisions,
 // a query ("APP DEST ANSWER") that shows the claim with the real library.
 TEST(TpaCheck, WarnsOfEveryTrapWithLineAndColumn) {
+  // clang-format off
   const char* cases[][4] = {
       // code, document, where, query proving the claim
       {"comma-in-value", "[\n{'id':'1',\n'include':'x,y'}]", "3:13", "a other.test include 1"},
@@ -141,8 +142,7 @@ TEST(TpaCheck, WarnsOfEveryTrapWithLineAndColumn) {
       {"stray-text", "[{'include':['x', true]}]", "1:19", ""},
       {"missing-comma", "[{'id':'1','match_apps':['a'] 'x'}]", "1:31", "x z include 1"},
       {"nested-object", "[{'x':{'include':['y']}}]", "1:7", ""},
-      {"deep-object", "[[{'id':'1'}]]", "1:3", ""},
-      {"top-level-object", "{'id':'1'}", "1:1", ""},
+      {"deep-object", "[[{'id':'1'}]]", "1:3", ""}, {"top-level-object", "{'id':'1'}", "1:1", ""},
       {"second-array", "[{'id':'1'}] [{'id':'2'}]", "1:14", ""},
       {"string-outside-object", "['a', {'id':'1'}]", "1:2", ""},
       {"duplicate-key", "[{'id':'1','include':['x'],'include':['y']}]", "1:29", "a y include 1"},
@@ -168,17 +168,15 @@ TEST(TpaCheck, WarnsOfEveryTrapWithLineAndColumn) {
       {"wildcard-misplaced", "[{'id':'1','include':['cdn.*']}]", "1:24", "a other.org include 1"},
       {"wildcard-no-dot", "[{'id':'1','include':['*x.test']}]", "1:24", "a badx.test include 1"},
       {"wildcard-shadowed", "[{'include':['*.b','a.b']}]", "1:15", "a xa.b exclude -1"},
-      {"network-shadowed", "[{'include':['8.0.0.0/8','8.1.0.0/16']}]", "1:15",
-       "a 8.2.3.4 exclude -1"},
+      {"network-shadowed", "[{'include':['8.0.0.0/8','8.1.0.0/16']}]", "1:15", "a 8.2.3.4 exclude -1"},
       {"missing-id", "[{'match_apps':['a']}]", "1:2", "a x include 2147483647"},
       {"duplicate-id", "[{'id':'1'},{'id':'1'}]", "1:20", ""},
       {"id-atoi", "[{'id':'12abc'}]", "1:9", "a x include 12"},
       {"lambda-mixed", "[{'match_apps':['#LAMBDA-APP','a']}]", "1:18", "b x exclude -1"},
-      {"app-in-several-rules", "[{'match_apps':['a'],'include':['x']},{'match_apps':['a']}]",
-       "1:55", "a y exclude -1"},
-      {"include-and-exclude", "[{'id':'1','include':['x'],'exclude':['x']}]", "1:40",
-       "a x include 1"},
+      {"app-in-several-rules", "[{'match_apps':['a'],'include':['x']},{'match_apps':['a']}]", "1:55", "a y exclude -1"},
+      {"include-and-exclude", "[{'id':'1','include':['x'],'exclude':['x']}]", "1:40", "a x include 1"},
   };
+  // clang-format on
   for (const auto& [code, document, lineColumn, claim] : cases) {
     TempFile file(doc(document));
     const std::string where = file.path() + ":" + lineColumn + ": warning: [" + code + "] ";

@@ -136,10 +136,14 @@ TEST(JsonReader, ReadsFilesOpenedAtTheirEndEvenEmptyAndReportsOneNotOpen) {
             capture.records());
 }
 
-// The text may not outgrow the length the table was made for.
-TEST(Dawg, RefusesToGrowPastItsSize) {
+// Without a table nothing goes in and nothing is found; with one, the text may
+// not outgrow the length the table was made for.
+TEST(Dawg, RefusesTextBeforeItsTableAndPastItsSize) {
   dawg d(3);
+  EXPECT_EQ(tpa::error::TPA_ERROR_OOM, d.insert("abc"));
+  EXPECT_FALSE(d.has(""));
   ASSERT_EQ(tpa::error::TPA_ERROR_NONE, d.construct());
+  EXPECT_TRUE(d.has("") && !d.has("a"));
   EXPECT_EQ(tpa::error::TPA_ERROR_ARRAY_OUT_OF_INDEX, d.insert("abcdefghijklmnop"));
   EXPECT_TRUE(d.has("abc") && !d.has("abcd"));
 }

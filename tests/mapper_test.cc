@@ -94,10 +94,6 @@ TEST(Decision, DefaultIsExcludeAndResultsCompareLengthsNotValues) {
     EXPECT_EQ(std::tuple(eq, !eq, gt, lt), std::tuple(a == other, a != other, a > other, a < other))
         << other.matchedLength << "/" << other.storedLength;
   }
-  DomainSearchResult copy;
-  copy = a;
-  EXPECT_EQ(std::tuple(true, 5, 1, 10),
-            std::tuple(copy.found, copy.matchedLength, copy.value, copy.storedLength));
 }
 
 TEST(Map, ClearCacheAnswersMinusOneAndABareMapNothing) {

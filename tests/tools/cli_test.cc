@@ -101,9 +101,6 @@ TEST(TpaQuery, AnswersEachLineBeforeReadingTheNext) {
 
 TEST(TpaShow, PrintsRulesAsReadWithDefaultsNormalisedAddressesAndEscapes) {
   const std::string cases[][2] = {
-      {"[]",
-       "{'position':1,'rule_number':0,'apps':['#LAMBDA-APP'],'include':['*'],'exclude':[''],"
-       "'id':2147483647}\n"},
       {"[{'match_apps':['#LAMBDA-APP','a'],'include':[],'id': 7,"
        "'exclude':['2001:db8::/32','10.1.2.3','10.20.0.0/16']}]",
        "{'position':1,'rule_number':1,'apps':['#LAMBDA-APP','a'],'include':[''],'exclude':"

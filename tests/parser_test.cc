@@ -100,9 +100,6 @@ TEST(JsonParser, ReadsDocumentsIntoRules) {
        R"("10.0.0.0/8"], "exclude": ["ads.example.com"]}, {"include": ["2001:db8::/32"]}])",
        "com.example.mail,|*.example.com,010.000.000.000/08,|ads.example.com,|1|18|51|18|"
        "#LAMBDA-APP,|00100000000000010000110110111000,|,|max|13|35|3|"},
-      // Raw values, as the reader hands them over: "[]" cut whole is "", after a blank it stays.
-      {R"([{"include":[]}])", "#LAMBDA-APP,|,|,|max|13|3|3|"},
-      {R"([{"include": []}])", "#LAMBDA-APP,| [],|,|max|13|6|3|"},
       {"[{},{},{},{},{},{},{},{},{},{}]", ten},  // rule 10 has two digits
   };
   // clang-format on

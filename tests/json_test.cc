@@ -50,6 +50,7 @@ TEST(JsonReader, ScansDocumentsEventByEvent) {
   const std::vector<Case> cases = {
       {R"([ {"match_apps": ["a", "b"], "include": ["x"]} ])", 0,
        {"{include=<x>match_apps=<a><b>@include}"}, ""},
+      {"[]", 0, {""}, ""},                                           // announces no objects
       {R"([{"include":[]}])", 0, {"{include=<>@include}"}, ""},      // "[]" cut whole is empty
       {R"([{"include": []}])", 0, {"{include=< []>@include}"}, ""},  // after a blank it stays
       {R"([{"id": 7}])", 0, {"{id=< 7>@id}"}, ""},                   // unquoted keeps its blank
@@ -189,24 +190,31 @@ TEST(Dawg, AgreesWithBruteForceOnRandomTexts) {
   }
 }
 
-// The reader never sets a second key nor counts, but the reports are the
-// object's own contract: a key while one is current is ignored, and a key
-// count that differs from the entries is -1.
+// The reader never sets a second key nor counts; the reports are the
+// object's own contract.
 TEST(JsonObject, ReportsASecondKeyAndAKeyCountThatDisagreesWithTheEntries) {
   LogCapture capture;
   json_object o, copy;
   std::string a = "a", b = "b", v = "1";
   o.set_key(a);
-  o.set_key(b);
   EXPECT_EQ(-1, o.count_properties());  // a key without a value has no entry yet
+  o.set_key(b);                         // reported; the first key stays
+  o.set_val(v);
+  o.next();
+  o.set_key(a);
   o.set_val(v);
   copy = o;
-  EXPECT_EQ(1, copy.count_properties());
-  EXPECT_EQ((Strings{"1"}), copy.properties["a"]);
+  EXPECT_EQ(-1, copy.count_properties());  // the same key twice: two keys, one entry
+  EXPECT_EQ((Strings{"1", "1"}), copy.properties["a"]);
+  o.clear();
+  EXPECT_EQ(0, o.count_properties());
+  EXPECT_TRUE(o.get_vals().empty() && o.properties.count("") == 1);  // the empty key's entry
   const char* tag = "TarnPatternAnalyzer";
-  EXPECT_EQ((Logs{{6, tag, "[json_object] [56] [set_key] Reason: [current key must be empty]"},
-                  {6, tag, "[json_object] [77] [count_properties] Reason: [size of properteis "
-                           "array must match count of properties]"}}),
+  const LogRecord mismatch{6, tag, "[json_object] [77] [count_properties] Reason: [size of "
+                                   "properteis array must match count of properties]"};
+  EXPECT_EQ((Logs{mismatch,
+                  {6, tag, "[json_object] [56] [set_key] Reason: [current key must be empty]"},
+                  mismatch}),
             capture.records());
 }
 

@@ -34,6 +34,18 @@ TEST(Machine, EveryOperationButConstructAndClearNeedsBothParts) {
   EXPECT_EQ(-1, machine.clearCache());
 }
 
+TEST(Machine, ConstructZeroZeroGivesSixStatesAndAOneEntryCache) {
+  KeyedMachine machine;
+  machine.construct(0, 0);
+  int size = -1;
+  ASSERT_EQ(0, machine.size(size));
+  EXPECT_EQ(0, size);
+  EXPECT_EQ(6, machine.automaton()->capacity());
+  Find(machine, "#a$");
+  Find(machine, "#b$");
+  EXPECT_EQ(1u, machine.cache()->listSize());
+}
+
 TEST(Machine, FullAndPartialAnswersAreCachedApart) {
   KeyedMachine machine;
   machine.construct(16, 10);

@@ -99,20 +99,16 @@ TEST(TpaQuery, AnswersEachLineBeforeReadingTheNext) {
   alarm(0);
 }
 
-TEST(TpaShow, PrintsRulesAsReadWithDefaultsNormalisedAddressesAndEscapes) {
-  const std::string cases[][2] = {
-      {"[{'match_apps':['#LAMBDA-APP','a'],'include':[],'id': 7,"
-       "'exclude':['2001:db8::/32','10.1.2.3','10.20.0.0/16']}]",
-       "{'position':1,'rule_number':1,'apps':['#LAMBDA-APP','a'],'include':[''],'exclude':"
-       "['00100000000000010000110110111000','010.001.002.003','010.020.000.000/16'],'id':7}\n"},
-      {"[{'id':'1'},{'match_apps':['a\\b', 'tab\there', 'line\nbreak', 'bell\x07', 'caf\xc3\xa9', "
-       "'del\x7f']}]",
-       "{'position':1,'rule_number':0,'apps':['#LAMBDA-APP'],'include':['*'],'exclude':[''],"
-       "'id':1}\n{'position':2,'rule_number':2,'apps':['a\\\\b','tab\\there','line\\nbreak',"
-       "'bell\\u0007','caf\xc3\xa9','del\x7f'],'include':['*'],'exclude':[''],'id':2147483647}\n"},
-  };
-  for (const auto& [document, out] : cases)
-    EXPECT_EQ(runTool({"show", "-"}, doc(document)).out, doc(out)) << document;
+// Positions, rule numbers and defaults as the parser made them; values
+// escaped only where JSON needs it.
+TEST(TpaShow, PrintsRulesAsReadWithDefaultsAndEscapes) {
+  const std::string document = "[{'id':'1'},{'match_apps':['a\\b', 'tab\there', 'line\nbreak', "
+                               "'bell\x07', 'caf\xc3\xa9', 'del\x7f']}]";
+  EXPECT_EQ(runTool({"show", "-"}, doc(document)).out,
+            doc("{'position':1,'rule_number':0,'apps':['#LAMBDA-APP'],'include':['*'],"
+                "'exclude':[''],'id':1}\n{'position':2,'rule_number':2,'apps':['a\\\\b',"
+                "'tab\\there','line\\nbreak','bell\\u0007','caf\xc3\xa9','del\x7f'],"
+                "'include':['*'],'exclude':[''],'id':2147483647}\n"));
 }
 
 TEST(TpaCheck, ReportsTheBuildOfTheBundledRules) {

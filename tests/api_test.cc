@@ -1,5 +1,5 @@
-// The plain log writer, then the facade: validation, rule numbering,
-// all-or-nothing rebuilds, the lock.
+// Two rare codes and the plain log writer, then the facade:
+// validation, rule numbering, all-or-nothing rebuilds, the lock.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -22,6 +22,13 @@ namespace {
 using tpa::api::Builder;
 using tpa::api::TarnPatternAnalyzer;
 using namespace tpa::testing;  // ask, Answer and the example
+
+// The two codes that no other test meets, one under its misspelt name.
+TEST(Constants, RareCodesKeepTheirValuesAndTheMisspeltName) {
+  EXPECT_EQ(-3, tpa::error::TPA_ERROR_SA_INVALID_CAPACITTY);
+  EXPECT_EQ(-5, tpa::error::TPA_ERROR_KEY_NOT_FOUND);
+  EXPECT_STREQ("TPA_ERROR_SA_INVALID_CAPACITTY", tpa::error::name(-3));
+}
 
 TEST(Log, LogMessageWritesExactlyTheFormattedTextToStdout) {
   ::testing::internal::CaptureStdout();

@@ -200,7 +200,8 @@ std::pair<std::string, std::string> modelDotted(const std::string& s) {
   // sscanf where the host's C library is the 64-bit reference, else its
   // portable equivalent, which the Decimal tables hold to the 64-bit answers.
   const std::vector<int> scanned = scan(s.c_str(), kHostIsReference);
-  const int n = scanned[0], *v = &scanned[1];
+  const int n = scanned[0];
+  const int* v = &scanned[1];
   if (n != 4 && n != 5) return {s, ""};
   char text[64];  // without a prefix, the same text up to its '/'
   std::snprintf(text, sizeof text, "%03d.%03d.%03d.%03d/%02d", v[0], v[1], v[2], v[3],

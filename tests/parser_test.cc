@@ -144,6 +144,7 @@ TEST(JsonParser, RepeatedArraysAreBoundedByTheirCost) {
     return text;
   };
   JsonParser parser;
+  EXPECT_FALSE(parser.overBudget());  // nothing refused yet
   ASSERT_EQ(0, parser.parse(arrays(363), false));
   EXPECT_EQ(66066u, parser.getRules().size());
   EXPECT_EQ(66066 * 13, parser.grossAppBytesCount());

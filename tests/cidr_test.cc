@@ -35,16 +35,11 @@ constexpr bool kHostIsReference = false;
 
 constexpr int U = 77;  // a part the scan left untouched
 
-// The count, then the five parts.
-std::vector<int> scan(const char* text) {
+// The count, then the five parts, as scanned by the library or by the host's sscanf.
+std::vector<int> scan(const char* text, bool host = false) {
   int p[5] = {U, U, U, U, U};
-  const int n = scanDottedDecimals(text, p);
-  return {n, p[0], p[1], p[2], p[3], p[4]};
-}
-
-std::vector<int> hostScan(const char* text) {
-  int p[5] = {U, U, U, U, U};
-  const int n = std::sscanf(text, "%d.%d.%d.%d/%d", &p[0], &p[1], &p[2], &p[3], &p[4]);
+  const int n = host ? std::sscanf(text, "%d.%d.%d.%d/%d", &p[0], &p[1], &p[2], &p[3], &p[4])
+                     : scanDottedDecimals(text, p);
   return {n, p[0], p[1], p[2], p[3], p[4]};
 }
 
@@ -112,7 +107,7 @@ TEST(Decimal, MatchesTheHostCLibraryOnRandomText) {
     const tpa::cidr::DecimalReading r = readDecimal(s.c_str());
     ASSERT_EQ(std::tuple(std::atoi(s.c_str()), end, fits), std::tuple(r.value, r.end, r.fitsInt))
         << s;
-    ASSERT_EQ(hostScan(s.c_str()), scan(s.c_str())) << s;
+    ASSERT_EQ(scan(s.c_str(), true), scan(s.c_str())) << s;
   }
 }
 
@@ -204,10 +199,9 @@ TEST(Cidr, MatchesABitModelOnRandomAddresses) {
 std::pair<std::string, std::string> modelDotted(const std::string& s) {
   // sscanf where the host's C library is the 64-bit reference, else its
   // portable equivalent, which the Decimal tables hold to the 64-bit answers.
-  int v[5] = {0, 0, 0, 0, 0};
-  const int n = kHostIsReference ? std::sscanf(s.c_str(), "%d.%d.%d.%d/%d", &v[0], &v[1], &v[2],
-                                               &v[3], &v[4])
-                                 : scanDottedDecimals(s.c_str(), v);
+  const std::vector<int> scanned = scan(s.c_str(), kHostIsReference);
+  const int n = scanned[0];
+  const int* v = &scanned[1];
   if (n != 4 && n != 5) return {s, ""};
   char text[64];  // without a prefix, the same text up to its '/'
   std::snprintf(text, sizeof text, "%03d.%03d.%03d.%03d/%02d", v[0], v[1], v[2], v[3],

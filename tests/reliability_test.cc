@@ -60,13 +60,10 @@ TEST(Hostile, DocumentsBuildAsReadOrFailAndKeepTheOldRules) {
       {R"([{"match_apps": [")" + mutf8 + R"("], "include": [")" + mutf8 + R"("], "id": "9"}])", 0,
        mutf8, mutf8, {1, 9}},
       {R"([{"include": [")" + big + R"("], "id": "3"}])", 0, "a", big, {1, 3}},
-      {R"([{"include": [")" + big + R"("], "id": "3"}])", 0, "a", big.substr(1), kNoRule},
       // Each further top-level array announces every object again (k arrays
       // of one object make k(k+1)/2 rules), read as written within the
       // parser's budget of repeated rules and refused past it.
       {repeat(R"([{"include": ["x.test"], "id": "3"}])", 300), 0, "a", "x.test", {1, 3}},
-      {repeat("[{}]", 363), 0, "a", "x.test", {1, 2147483647}},
-      {repeat("[{}]", 20000), tpa::error::TPA_ERROR_OOM, "", "", {}},
       {repeat(R"([{"include": ["x.test"], "id": "3"}])", 8000), tpa::error::TPA_ERROR_OOM, "", "", {}},
       // The include automaton is sized without the flag after each key:
       // "#a$01", "#$01", "#$01" need 21 states of 20.
@@ -122,11 +119,16 @@ TEST(Concurrency, QueriesDuringRebuildsSeeOldOrNewRules) {
       R"( "id": "1"}, {"include": ["*.wild.test"], "id": "3"}])",
       R"([{"match_apps": ["app.a", "app.c"], "include": ["stable.test", "2001:db8::/32"],)"
       R"( "exclude": ["flip.test"], "id": "2"}, {"exclude": ["*.wild.test"], "id": "4"}])"};
+  const auto answers = [&](TarnPatternAnalyzer& analyzer) {
+    std::vector<Answer> out;
+    for (const auto& [app, to] : queries) out.push_back(ask(analyzer, app, to));
+    return out;
+  };
   std::vector<Answer> expected[2];
   for (int g = 0; g < 2; ++g) {
     TarnPatternAnalyzer reference;
     ASSERT_EQ(0, reference.build(docs[g], false));
-    for (const auto& [app, to] : queries) expected[g].push_back(ask(reference, app, to));
+    expected[g] = answers(reference);
   }
   LogCapture quiet;
   TarnPatternAnalyzer analyzer;
@@ -153,9 +155,7 @@ TEST(Concurrency, QueriesDuringRebuildsSeeOldOrNewRules) {
   done = true;
   for (std::thread& t : readers) t.join();
   EXPECT_EQ(0, wrong.load());
-  for (std::size_t q = 0; q < queries.size(); ++q) {
-    EXPECT_EQ(expected[0][q], ask(analyzer, queries[q].first, queries[q].second)) << q;
-  }
+  EXPECT_EQ(expected[0], answers(analyzer));
 }
 
 }  // namespace

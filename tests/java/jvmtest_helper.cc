@@ -19,23 +19,15 @@ namespace {
 
 std::unique_ptr<tpa::testing::LogCapture> capture;
 
-// The descriptor of a java.io.FileDescriptor, or of an NIO channel (through
-// its getFDVal(), which JNI may call whatever the module system says).
-jint descriptorOf(JNIEnv* env, jobject object) {
-  jclass descriptorClass = env->FindClass("java/io/FileDescriptor");
-  if (env->IsInstanceOf(object, descriptorClass)) {
-    return env->GetIntField(object, env->GetFieldID(descriptorClass, "fd", "I"));
-  }
-  jmethodID getFDVal = env->GetMethodID(env->GetObjectClass(object), "getFDVal", "()I");
-  return getFDVal != nullptr ? env->CallIntMethod(object, getFDVal) : -1;
-}
-
 }  // namespace
 
 extern "C" {
 
-JNIEXPORT jint JNICALL Java_tpa_jvmtest_TestNatives_fdOf(JNIEnv* env, jclass, jobject object) {
-  return descriptorOf(env, object);
+// The descriptor of an NIO channel, through its getFDVal(), which JNI may
+// call whatever the module system says.
+JNIEXPORT jint JNICALL Java_tpa_jvmtest_TestNatives_fdOf(JNIEnv* env, jclass, jobject channel) {
+  jmethodID getFDVal = env->GetMethodID(env->GetObjectClass(channel), "getFDVal", "()I");
+  return getFDVal != nullptr ? env->CallIntMethod(channel, getFDVal) : -1;
 }
 
 JNIEXPORT jint JNICALL Java_tpa_jvmtest_TestNatives_socketMark(JNIEnv*, jclass, jint fd) {

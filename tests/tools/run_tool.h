@@ -1,8 +1,7 @@
 // Test helper: runs the built `tpa` executable (its path in TPA_TOOL, which
-// ctest sets) as a child process. runTool feeds a string to its standard input
-// through a pipe and collects the exit code and both outputs (through
-// temporary files, so nothing can block). Also the text helpers the tool
-// tests' tables share.
+// ctest sets) as a child process. runTool gives it a string as standard input
+// and collects the exit code and both outputs, all through temporary files.
+// Also the text helpers the tool tests' tables share.
 #ifndef TPA_TESTS_TOOLS_RUN_TOOL_H_
 #define TPA_TESTS_TOOLS_RUN_TOOL_H_
 
@@ -36,9 +35,6 @@ std::string replaced(std::string text, const std::string& from, const std::strin
 inline bool has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
-
-// Writes all of `text` to `fd`; false once the reader has gone.
-bool writeAll(int fd, const std::string& text);
 
 // A fresh temporary file holding `text`, removed with the object.
 class TempFile {

@@ -8,8 +8,8 @@ final class TestNatives {
 
   private TestNatives() {}
 
-  // The descriptor of a java.io.FileDescriptor or of an NIO channel.
-  static native int fdOf(Object descriptorOrChannel);
+  // The descriptor of an NIO channel.
+  static native int fdOf(Object channel);
 
   // The socket's SO_MARK, or -errno.
   static native int socketMark(int fd);

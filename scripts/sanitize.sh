@@ -5,7 +5,8 @@
 #       Sanitizer, LeakSanitizer included, in build-asan/. The JVM is not
 #       instrumented, so the JVM tests run with the sanitizer runtime preloaded
 #       (LD_PRELOAD of clang's libclang_rt.asan); see docs/reliability.md.
-# tsan  the concurrency tests under ThreadSanitizer, in build-tsan/.
+# tsan  the concurrency tests and the two-thread build under ThreadSanitizer,
+#       in build-tsan/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

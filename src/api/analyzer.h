@@ -3,7 +3,9 @@
 // queries against it. A TarnPatternAnalyzer wraps one Builder behind a lock so
 // that rules can be rebuilt and queried from any thread: a rebuild is
 // all-or-nothing, and the old map answers until a new one is complete.
-// Builder is not thread-safe; TarnPatternAnalyzer's build and query are.
+// Builder is not thread-safe; TarnPatternAnalyzer's build and query are. A
+// build of a large document puts its include lists on a second thread of its
+// own, joined before build returns.
 #ifndef TPA_API_ANALYZER_H_
 #define TPA_API_ANALYZER_H_
 

@@ -124,8 +124,10 @@ TEST(Map, DecisionTable) {
       // 10.1.2.3 runs 16 bits into rule 2's network: rule 1's /8 is not tried
       {{{1, {"app"}, {"010.000.000.000/08"}, {}, 1}, {2, {"other"}, {"010.001.000.000/16"}, {}, 2}},
        "app 10.1.2.3: exclude -1|other 10.1.2.3: include 2|app 10.128.0.1: include 1"},
-      // a run of one bit is no network, nor is a run of the whole address
+      // a run of one bit is no network, nor is a run of the whole address, nor one that ends
+      // where a key does (the "11" of "$11" comes first, so the name "11" is no network here)
       {{{1, {"one"}, {"128.000.000.000/01"}, {}, 1}}, "one 129.0.0.1: exclude -1"},
+      {{{1, {"a"}, {"x.t", "11"}, {}, 7}}, "a 192.0.0.1: exclude -1|a 11: include 7"},
       {{{2, {"whole"}, {"010.001.002.000/24", "a01:203::/64"}, {}, 2}},
        "whole 10.1.2.3: exclude -1|whole 10.1.2.200: include 2"},
       // an any-application rule stores under 0 whatever its number, unless it has other apps

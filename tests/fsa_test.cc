@@ -38,9 +38,9 @@ TEST(SuffixAutomaton, ConstructRaisesSmallLengthsToThree) {
             capture.records());
   Value out;
   // Lookups answer as on an empty automaton.
-  EXPECT_EQ((std::vector<int>{0, 0, INT_MIN}),
+  EXPECT_EQ((std::vector<int>{0, 0, INT_MIN, 0}),
             (std::vector<int>{none.tryFindPartial("#a$", out), none.tryFindPartial("a", out),
-                              none.tryFindPartial("", out)}));
+                              none.tryFindPartial("", out), none.tryFindFull("#a$", out)}));
 }
 
 TEST(SuffixAutomaton, OverflowLogsFatalAndEveryLaterExtendFails) {

@@ -232,8 +232,8 @@ bool formatFromName(const std::string& name, bool github, OutputFormat& format) 
 bool takeOption(Command command, const std::vector<std::string>& args, std::size_t& i,
                 Invocation& invocation, bool& bad) {
   std::string value;
-  const bool formatted =
-      command == Command::kCheck || command == Command::kExplain || command == Command::kDiff;
+  const bool formatted = command == Command::kCheck || command == Command::kExplain ||
+                         command == Command::kDiff || command == Command::kImport;
   if (formatted && optionValue(args, i, "--format", value)) {
     bad = !formatFromName(value, command != Command::kExplain, invocation.format);
     return !bad;
@@ -241,6 +241,7 @@ bool takeOption(Command command, const std::vector<std::string>& args, std::size
   if (command != Command::kImport) return false;
   if (optionValue(args, i, "--apps", value)) {
     invocation.apps = value;
+    invocation.appsGiven = true;
   } else if (optionValue(args, i, "--id", value)) {
     invocation.id = value;
   } else if (args[i] == "--include" || args[i] == "--exclude") {

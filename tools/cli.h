@@ -40,6 +40,7 @@ struct Invocation {
   // import only: --apps (comma-separated; empty: every application), --id,
   // and --exclude (the listed names go to the exclude list).
   std::string apps;
+  bool appsGiven = false;  // "--apps=" names no application: an error, not "every"
   std::string id = "1";
   bool excludeNames = false;
 };

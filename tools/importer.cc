@@ -1,0 +1,199 @@
+#include "tools/importer.h"
+
+#include <set>
+#include <utility>
+
+#include "api/constants.h"
+#include "tools/build_guard.h"
+#include "tools/doc_scan.h"
+#include "tools/json_escape.h"
+
+namespace tpa::tools {
+namespace {
+
+// Matches no destination: names under .invalid never resolve.
+constexpr char kNothing[] = "nothing.tpa-import.invalid";
+// Asks for every application when the rule names none.
+constexpr char kAnyApp[] = "tpa.import.any-application";
+
+void appendList(std::string& out, const char* key, const std::vector<std::string>& list) {
+  out += ",\n  \"";
+  out += key;
+  out += "\": [";
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    out += i == 0 ? "\n    " : ",\n    ";
+    appendJsonString(out, list[i]);
+  }
+  out += "]";
+}
+
+// Adds `count` names under ".invalid", which no destination ever has, to
+// each list that holds names.
+void pad(ImportOutcome& outcome, std::size_t count) {
+  for (std::vector<std::string>* list : {&outcome.include, &outcome.exclude}) {
+    if (list->empty()) continue;
+    for (std::size_t i = 0; i < count; ++i) {
+      list->push_back("padding-" + std::to_string(outcome.padding++) +
+                      "-0123456789abcdefghijklmnopqrstuvwxyz.tpa-import.invalid");
+    }
+  }
+}
+
+// The written wildcards ("*.M" -> M) with, for each, the last characters of
+// the labels that names of the lists have right above M: a name under M that
+// ends its label in such a character shares a longer tail with that name,
+// and the wildcard search may follow it.
+std::vector<std::pair<std::string, std::set<char>>> wildcardProbes(
+    const ListMeaning& meaning, const std::vector<MeaningEntry>& entries) {
+  std::vector<std::pair<std::string, std::set<char>>> out;
+  std::unordered_map<std::string_view, std::size_t> at;
+  for (const MeaningEntry& e : entries) {
+    if (e.text.compare(0, 2, "*.") != 0) continue;
+    out.push_back({e.text.substr(2), {}});
+  }
+  for (std::size_t i = 0; i < out.size(); ++i) at.emplace(out[i].first, i);
+  meaning.forEachName([&](const std::string& name, ListPlace) {
+    for (std::size_t dot = name.find('.'); dot != std::string::npos;
+         dot = name.find('.', dot + 1)) {
+      const auto it = at.find(std::string_view(name).substr(dot + 1));
+      if (it != at.end() && dot > 0) out[it->second].second.insert(name[dot - 1]);
+    }
+  });
+  return out;
+}
+
+const char* decisionWord(bool include) { return include ? "include" : "exclude"; }
+
+}  // namespace
+
+void Importer::readLine(std::string_view line, ListPlace place, std::vector<LineNote>& notes) {
+  lineRules_.clear();
+  readListLine(options_.format, line, lineRules_, notes);
+  for (const ListRule& rule : lineRules_) {
+    ++rulesRead_;
+    if (!meaning_.add(rule, place)) ++duplicates_;
+  }
+}
+
+// Listed names go to one list, the names an exception takes back to the
+// other. With --exclude the other list is the include list: while it is
+// empty the reader's default "*" includes every other name; once it holds
+// names, a second rule for every application does, which only works when
+// the imported rule has applications of its own.
+void Importer::splitEntries(ImportOutcome& outcome,
+                            const std::vector<MeaningEntry>& entries) const {
+  for (const MeaningEntry& e : entries) {
+    const bool toExclude = e.listed == options_.excludeNames;
+    if (!toExclude && options_.excludeNames && options_.apps.empty()) {
+      dropException(outcome, e);
+      continue;
+    }
+    (toExclude ? outcome.exclude : outcome.include).push_back(e.text);
+  }
+  if (!options_.excludeNames && outcome.include.empty()) outcome.include.push_back(kNothing);
+  outcome.everyOtherName = options_.excludeNames && !outcome.include.empty();
+}
+
+// Without applications of its own the rule is the any-application rule, and
+// no second rule can include what it leaves undecided.
+void Importer::dropException(ImportOutcome& outcome, const MeaningEntry& e) const {
+  const bool below = e.text.compare(0, 2, "*.") == 0;
+  const std::string name = below ? e.text.substr(2) : e.text;
+  ++outcome.exceptionsDropped;
+  outcome.warnings.push_back(
+      {e.place,
+       {"exception-needs-apps",
+        (below ? "the names under " + quoted(name) + " get" : quoted(name) + " gets") +
+            " exclude; the list means include: an --exclude import writes exceptions only "
+            "for the applications of --apps"},
+       name,
+       below});
+}
+
+std::string Importer::document(const ImportOutcome& outcome) const {
+  std::string out = "[{\"id\": \"" + options_.id + "\"";
+  if (!options_.apps.empty()) {
+    out += ",\n  \"match_apps\": ";
+    appendJsonStringArray(out, options_.apps);
+  }
+  if (!outcome.include.empty()) appendList(out, "include", outcome.include);
+  if (!outcome.exclude.empty()) appendList(out, "exclude", outcome.exclude);
+  out += "}";
+  if (outcome.everyOtherName) out += ",\n {\"id\": \"" + options_.id + "\"}";
+  return out + "]";
+}
+
+ImportOutcome Importer::finish() {
+  ImportOutcome outcome;
+  const std::vector<MeaningEntry> entries = meaning_.entries();
+  splitEntries(outcome, entries);
+  // The analyzer sizes each automaton from the document's symbol counts,
+  // which leave out one character of every key; many short keys that share
+  // their ends can need more states than that. Names under ".invalid" add
+  // room without changing any decision.
+  api::TarnPatternAnalyzer analyzer;
+  for (std::size_t count = 1; count <= 4096; count *= 2) {
+    outcome.document = document(outcome);
+    const BuildOutcome built = buildGuarded(analyzer, outcome.document);
+    if (!built.threw && built.code == error::TPA_ERROR_NONE) {
+      outcome.built = true;
+      break;
+    }
+    if (built.threw || built.code != error::TPA_ERROR_ARRAY_OUT_OF_INDEX) break;
+    pad(outcome, count);
+  }
+  if (outcome.built) askBack(outcome, analyzer, entries);
+  return outcome;
+}
+
+// Asks the built document about every name of the lists and about a probe
+// under each wildcard for every label ending the lists put right above it.
+void Importer::askBack(ImportOutcome& outcome, api::TarnPatternAnalyzer& analyzer,
+                       const std::vector<MeaningEntry>& entries) const {
+  const std::string app = options_.apps.empty() ? kAnyApp : options_.apps[0];
+  const int listedDecision = options_.excludeNames ? 0 : 1;
+  auto gives = [&](const std::string& name) {
+    int value = 0;
+    return analyzer.query(app, name, value) == listedDecision;
+  };
+  std::set<std::string> reported;  // copies: warnings grows below
+  for (const ImportWarning& w : outcome.warnings) reported.insert(w.name);
+  meaning_.forEachName([&](const std::string& name, ListPlace place) {
+    const bool meant = meaning_.listed(name);
+    if (gives(name) == meant || reported.count(name) != 0) return;
+    ++outcome.namesLost;
+    outcome.warnings.push_back(
+        {place,
+         {"meaning-lost", quoted(name) + " gets " + decisionWord(meant == options_.excludeNames) +
+                              "; the list means " + decisionWord(meant != options_.excludeNames)},
+         name});
+  });
+  std::unordered_map<std::string_view, ListPlace> placeOf;
+  for (const MeaningEntry& e : entries) placeOf.emplace(e.text, e.place);
+  for (const auto& [name, ends] : wildcardProbes(meaning_, entries)) {
+    std::set<char> all = ends;
+    all.insert('e');  // the plain probe "tpa-probe.NAME"
+    bool hidden = false;
+    for (char c : all) {
+      const std::string probe =
+          c == 'e' ? "tpa-probe." + name : "tpa-probe-" + std::string(1, c) + "." + name;
+      const bool meant = meaning_.listed(probe);
+      if (gives(probe) == meant) continue;
+      hidden = true;
+      outcome.warnings.push_back(
+          {placeOf.at("*." + name),
+           {"wildcard-hidden",
+            "names under " + quoted(name) + " whose label before it ends in '" +
+                std::string(1, c) + "' (such as " + quoted(probe) + ") get " +
+                decisionWord(meant == options_.excludeNames) + "; the list means " +
+                decisionWord(meant != options_.excludeNames) +
+                ": the analyzer's wildcard search follows the longer tail of a name of the "
+                "same list under it"},
+           name,
+           true});
+    }
+    if (hidden) ++outcome.wildcardsHidden;
+  }
+}
+
+}  // namespace tpa::tools

@@ -1,12 +1,7 @@
-// tpa diff, tpa import and the machine-readable formats, run as a child
-// process: each kind of change shows up in diff, each list format imports,
-// and imported lists round-trip: every name they keep gets the decision the
-// list meant, checked on generated lists of names that are suffixes of each
-// other.
+// tpa diff and the machine-readable formats, run as a child process: each
+// kind of change shows up in diff. tpa import has its own import_test.
 #include <gtest/gtest.h>
 
-#include <map>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -87,76 +82,6 @@ TEST(TpaFormat, CheckAndExplainWriteJsonLines) {
        "\n"},
   };
   for (const auto& c : cases) EXPECT_EQ(replaced(runTool(c.args).out, rules.path(), "F"), c.out);
-}
-
-TEST(TpaImport, ReadsEachListFormat) {
-  const struct {
-    std::string format, options, list, document, report;
-  } cases[] = {
-      {"hosts", "",
-       "# comment\n127.0.0.1 localhost\n0.0.0.0 Ads.Example.COM. t.test # x\n"
-       "0.0.0.0 ads.example.com a,b.test 1.2.3.4\n",
-       "[{'id': '1',\n  'include': [\n    'ads.example.com',\n    't.test']}]\n",
-       "left out \"a,b.test\": a comma ends a value in the reader"},
-      {"domains", "--exclude --id=9 --apps=p,q", "! comment\nx.test\n\ny.test\n",
-       "[{'id': '9',\n  'match_apps': ['p','q'],\n  'exclude': [\n    'x.test',\n"
-       "    'y.test']}]\n",
-       "0 include and 2 exclude entries"},
-      {"adblock", "",
-       "[Adblock Plus 2.0]\n||e.test^\n@@||g.e.test^\n||a.g.e.test^\n||s.e.test^\n"
-       "/banner/*\n||p.test/x^\n||q.test^$third-party\n",
-       "[{'id': '1',\n  'include': [\n    'e.test',\n    '*.e.test'],\n  'exclude': [\n"
-       "    'g.e.test',\n    '*.g.e.test']}]\n",
-       "left out 0 unreadable, 1 shadowing, 0 in both lists; dropped 0 duplicates, 1 covered, 0 "
-       "local names; skipped 3 other rules"},
-  };
-  for (const auto& c : cases) {
-    TempFile list(c.list);
-    const ToolResult r = runTool(words("import " + c.options + " " + c.format + " " + list.path()));
-    EXPECT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_EQ(r.out, doc(c.document)) << c.format;
-    EXPECT_TRUE(has(r.err, c.report)) << r.err;
-  }
-}
-
-// Generated AdBlock lists of "||NAME^" rules whose names are suffixes of each
-// other, imported (odd rounds into the exclude list, @@ names into the other)
-// and asked back: a name and a fresh name under it get the decision of the
-// nearest listed name (@@ wins a tie), unless the import left that one out.
-TEST(TpaImport, GeneratedListsRoundTripThroughCheckAndQuery) {
-  const char* labels[] = {"a", "b", "aa", "ba", "ab"};
-  for (unsigned round = 1; round <= 20; ++round) {
-    std::mt19937 rng(round);
-    std::map<std::string, bool> listed;  // name: listed with @@
-    std::string text;
-    for (int i = 0; i < 30; ++i) {
-      std::string name = "t";
-      for (int depth = 1 + rng() % 4; depth > 0; --depth) name = labels[rng() % 5] + ("." + name);
-      const bool exception = rng() % 3 == 0;
-      listed[name] = listed[name] || exception;
-      text += (exception ? "@@||" : "||") + name + "^\n";
-    }
-    const bool flipped = round % 2 == 1;
-    TempFile list(text);
-    const ToolResult imported = runTool({"import", "--apps=app", "--id=4",
-                                         flipped ? "--exclude" : "--include", "adblock", list.path()});
-    ASSERT_EQ(imported.exitCode, 0) << imported.err;
-    TempFile rules(imported.out);
-    const std::string report = runTool({"check", rules.path()}).out;
-    EXPECT_TRUE(has(report, "result: 0 TPA_ERROR_NONE\n") && has(report, "warnings: 0\n"))
-        << imported.out << report;
-    std::string queries, expected;
-    for (const auto& [name, unused] : listed) {
-      for (const std::string& q : {name, "fresh." + name}) {
-        std::string nearest = q;
-        while (listed.count(nearest) == 0) nearest.erase(0, nearest.find('.') + 1);
-        if (has(imported.err, "left out \"" + nearest + "\"")) continue;
-        queries += "app\t" + q + "\n";
-        expected += std::string(listed[nearest] != flipped ? "exclude" : "include") + "\t4\n";
-      }
-    }
-    EXPECT_EQ(runTool({"query", rules.path()}, queries).out, expected) << imported.out;
-  }
 }
 
 }  // namespace

@@ -1,0 +1,267 @@
+// tpa import: each list format's lines taken or reported where they stand,
+// ids and applications refused when they cannot mean what they say (run as a
+// child process), and, in process, random AdBlock lists whose every name and
+// fresh names under them get through the built document the decision the
+// list means, or are covered by a reported line.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "api/analyzer.h"
+#include "run_tool.h"
+#include "tools/importer.h"
+
+namespace tpa::testing {
+namespace {
+
+using tools::ImportOptions;
+using tools::ImportOutcome;
+using tools::Importer;
+using tools::ListFormat;
+
+struct Asked {
+  std::string app, name, answer;
+};
+
+// Imports `list` with `options` and asks the document each question.
+void expectAnswers(const std::string& options, const std::string& format, const std::string& list,
+                   const std::vector<Asked>& asked) {
+  TempFile file(list);
+  const ToolResult imported = runTool(words("import " + options + " " + format + " " + file.path()));
+  ASSERT_EQ(imported.exitCode, 0) << imported.err;
+  TempFile rules(imported.out);
+  std::string queries, expected;
+  for (const Asked& a : asked) {
+    queries += a.app + "\t" + a.name + "\n";
+    expected += a.answer + "\n";
+  }
+  EXPECT_EQ(runTool({"query", rules.path()}, queries).out, expected)
+      << list << imported.out << imported.err;
+}
+
+TEST(TpaImport, KeepsTheMeaningOfAdblockLists) {
+  const struct {
+    std::string options, list;
+    std::vector<Asked> asked;
+  } cases[] = {
+      // Only exceptions: nothing is listed, not "everything".
+      {"--apps=com.kid", "@@||bank.example^\n",
+       {{"com.kid", "anything.example", "exclude\t-1"}, {"com.kid", "bank.example", "exclude\t-1"}}},
+      {"--apps=com.kid --exclude", "@@||bank.example^\n",
+       {{"com.kid", "anything.example", "include\t1"}}},
+      // An --exclude import decides every name, exceptions or not.
+      {"--apps=com.kid --exclude", "||ads.example^\n@@||ok.example^\n",
+       {{"com.kid", "random.example", "include\t1"},
+        {"com.kid", "x.ads.example", "exclude\t1"},
+        {"com.kid", "ok.example", "include\t1"}}},
+      // An exception beats a block of any length, unless the block is $important.
+      {"", "@@||ads.example^\n||sub.ads.example^\n",
+       {{"a", "sub.ads.example", "exclude\t-1"}, {"a", "x.sub.ads.example", "exclude\t-1"}}},
+      {"", "||ads.example^$important\n@@||ads.example^\n",
+       {{"a", "ads.example", "include\t1"}, {"a", "x.ads.example", "include\t1"}}},
+      {"--apps=p --exclude", "||ads.example^\n@@||ok.ads.example^\n||bad.ok.ads.example^$important\n",
+       {{"p", "ads.example", "exclude\t1"},
+        {"p", "q.ads.example", "exclude\t1"},
+        {"p", "ok.ads.example", "include\t1"},
+        {"p", "x.ok.ads.example", "include\t1"},
+        {"p", "x.bad.ok.ads.example", "exclude\t1"},
+        {"p", "elsewhere.example", "include\t1"}}},
+  };
+  for (const auto& c : cases) expectAnswers(c.options, "adblock", c.list, c.asked);
+}
+
+TEST(TpaImport, ReportsEveryLineNotTakenWhereItStands) {
+  const struct {
+    std::string format, list;
+    std::vector<std::string> reports;  // "LINE: warning: [code]"
+  } cases[] = {
+      {"adblock",
+       "||a.test^$third-party\n||b.test^|\n||*.c.test^\n/ads[0-9]/\nd.test##.banner\n"
+       "0.0.0.0 e.test\nf.test\n@@||g.test^$important\n",
+       {"1: warning: [adblock-option] option $third-party", "2: warning: [adblock-not-domain]",
+        "3: warning: [adblock-wildcard]", "4: warning: [adblock-regex]",
+        "5: warning: [adblock-cosmetic]", "6: warning: [adblock-hosts-line]",
+        "7: warning: [adblock-bare-name]", "8: warning: [adblock-option] option $important"}},
+      {"hosts", "only-a-name.test\nfoo.example bar.example\n0.0.0.0\n0.0.0.0 a,b.test *.w.test\n",
+       {"1: warning: [hosts-no-address]", "2: warning: [hosts-no-address]",
+        "3: warning: [hosts-no-name]", "4: warning: [unreadable] \"a,b.test\": a comma",
+        "4: warning: [wildcard-in-hosts]"}},
+      {"domains", "a.*.test\n10.1.2.3\nx..test\n",
+       {"1: warning: [wildcard-misplaced]", "2: warning: [unreadable] \"10.1.2.3\": an address",
+        "3: warning: [unreadable] \"x..test\": empty label"}},
+  };
+  for (const auto& c : cases) {
+    TempFile list(c.list + "||ok.test^\nok.test\n0.0.0.0 ok.test\n");
+    const ToolResult r = runTool({"import", c.format, list.path()});
+    for (const std::string& report : c.reports) {
+      EXPECT_TRUE(has(r.err, list.path() + ":" + report)) << report << "\n" << r.err;
+    }
+  }
+}
+
+TEST(TpaImport, WritesNamesAsTheDocumentMeansThem) {
+  const struct {
+    std::string format, list, document;
+  } cases[] = {
+      {"domains", "\xEF\xBB\xBF" "first.test\n*.wild.example\nB\xC3\xBC" "cher.Example.\n",
+       "[{'id': '1',\n  'include': [\n    'first.test',\n    '*.wild.example',\n"
+       "    'xn--bcher-kva.example']}]\n"},
+      {"adblock", "\xEF\xBB\xBF||first.test^\r\n||fa\xC3\x9F.de^\n",
+       "[{'id': '1',\n  'include': [\n    'first.test',\n    '*.first.test',\n"
+       "    'xn--fa-hia.de',\n    '*.xn--fa-hia.de']}]\n"},
+      {"hosts", "# c\n127.0.0.1 localhost\n0.0.0.0 a.test b.test # x\n::1 a.test\n",
+       "[{'id': '1',\n  'include': [\n    'a.test',\n    'b.test']}]\n"},
+  };
+  for (const auto& c : cases) {
+    TempFile list(c.list);
+    const ToolResult r = runTool({"import", c.format, list.path()});
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_EQ(r.out, doc(c.document)) << c.format << "\n" << r.err;
+    EXPECT_FALSE(has(r.err, "warning")) << r.err;
+  }
+}
+
+TEST(TpaImport, RefusesIdsAndApplicationsThatCannotMeanWhatTheySay) {
+  const char* cases[] = {"--id=-1", "--id=0", "--id=-5", "--id=007", "--id=+3", "--id=3x",
+                         "--id=2147483647", "--id=99999999999", "--apps=", "--apps=a,,b",
+                         "--apps=a,", "--apps=#LAMBDA-APP", "--apps=a b"};
+  TempFile list("a.test\n");
+  for (const char* option : cases) {
+    const ToolResult r = runTool({"import", option, "domains", list.path()});
+    EXPECT_EQ(r.exitCode, 64) << option;
+    EXPECT_TRUE(has(r.err, "Run 'tpa import --help' for usage.")) << option << r.err;
+  }
+  EXPECT_EQ(runTool({"import", "--id=2147483646", "domains", list.path()}).exitCode, 0);
+}
+
+TEST(TpaImport, WritesWarningsAsJsonLinesAndAnnotations) {
+  TempFile list("||a.test^\n||b.test^$popup\n");
+  const ToolResult json = runTool({"import", "--format=json", "adblock", list.path()});
+  EXPECT_TRUE(has(json.err, "{\"file\":\"" + list.path() +
+                                "\",\"line\":2,\"code\":\"adblock-option\",\"message\":\"option "
+                                "$popup is not representable"))
+      << json.err;
+  EXPECT_TRUE(has(json.err, "{\"summary\":{\"include_entries\":2,\"exclude_entries\":0,"))
+      << json.err;
+  const ToolResult github = runTool({"import", "--format=github", "adblock", list.path()});
+  EXPECT_TRUE(has(github.err, "::warning file=" + list.path() +
+                                  ",line=2,col=1::[adblock-option] option $popup"))
+      << github.err;
+}
+
+// ---- The model: random AdBlock lists over a small universe of names -------
+
+// A rule of a generated list: its name, and 0 block, 1 exception, 2 important.
+struct Generated {
+  std::string name;
+  int kind;
+};
+
+// The list's meaning by brute force: an $important block covering the name
+// lists it; otherwise a block does unless an exception covers it too.
+bool modelListed(const std::vector<Generated>& rules, const std::string& name) {
+  bool block = false, exception = false, important = false;
+  for (const Generated& r : rules) {
+    const bool covers = name == r.name || (name.size() > r.name.size() &&
+                                           name.compare(name.size() - r.name.size() - 1,
+                                                        std::string::npos, "." + r.name) == 0);
+    if (!covers) continue;
+    block = block || r.kind == 0;
+    exception = exception || r.kind == 1;
+    important = important || r.kind == 2;
+  }
+  return important || (block && !exception);
+}
+
+std::vector<std::string> universe() {
+  std::vector<std::string> names;
+  const char* labels[] = {"a", "b", "c", "ab", "ba"};
+  for (const char* one : labels) {
+    names.push_back(std::string(one) + ".t");
+    for (const char* two : labels) {
+      names.push_back(std::string(two) + "." + one + ".t");
+      for (const char* three : labels) names.push_back(std::string(three) + "." + two + "." + one + ".t");
+    }
+  }
+  return names;
+}
+
+// Whether a reported line accounts for `name` deciding otherwise.
+bool covered(const ImportOutcome& outcome, const std::string& name) {
+  for (const tools::ImportWarning& w : outcome.warnings) {
+    if (!w.below && w.name == name) return true;
+    if (w.below && name.size() > w.name.size() &&
+        name.compare(name.size() - w.name.size() - 1, std::string::npos, "." + w.name) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Imports one generated list and checks every name of the universe and a
+// fresh name under each. Returns the number of decisions only a report covers.
+std::size_t checkOneList(unsigned seed, bool exclude, bool withApps) {
+  static const std::vector<std::string> names = universe();
+  std::mt19937 rng(seed);
+  std::vector<Generated> rules;
+  std::string text;
+  for (int i = 0, n = 1 + static_cast<int>(rng() % 12); i < n; ++i) {
+    const Generated g{names[rng() % names.size()], static_cast<int>(rng() % 5) % 3};
+    rules.push_back(g);
+    text += (g.kind == 1 ? "@@||" : "||") + g.name + (g.kind == 2 ? "^$important\n" : "^\n");
+  }
+  ImportOptions options;
+  options.format = ListFormat::kAdblock;
+  options.excludeNames = exclude;
+  if (withApps) options.apps = {"app"};
+  Importer importer(options);
+  std::vector<tools::LineNote> notes;
+  std::uint32_t line = 0;
+  for (std::size_t start = 0; start < text.size();) {
+    const std::size_t end = text.find('\n', start);
+    importer.readLine(std::string_view(text).substr(start, end - start), {0, ++line}, notes);
+    start = end + 1;
+  }
+  EXPECT_TRUE(notes.empty());
+  const ImportOutcome outcome = importer.finish();
+  EXPECT_TRUE(outcome.built) << text;
+  api::TarnPatternAnalyzer analyzer;
+  EXPECT_EQ(analyzer.build(outcome.document, false), 0) << outcome.document;
+  std::size_t excused = 0;
+  for (const std::string& base : names) {
+    for (const std::string& name : {base, "fresh." + base, "xa." + base}) {
+      int value = 0;
+      const bool include = analyzer.query("app", name, value) == 1;
+      const bool listed = modelListed(rules, name);
+      if (include == (listed != exclude)) continue;
+      ++excused;
+      EXPECT_TRUE(covered(outcome, name))
+          << "seed " << seed << ": " << name << " should be " << (listed ? "listed" : "unlisted")
+          << "\n" << text << outcome.document;
+    }
+  }
+  return excused;
+}
+
+// Fixed seeds in CI; TPA_IMPORT_SEED=N runs 2000 lists from seed N instead.
+TEST(TpaImportModel, EveryDecisionIsTheListsOrReported) {
+  const char* fresh = std::getenv("TPA_IMPORT_SEED");
+  const unsigned first = fresh ? static_cast<unsigned>(std::strtoul(fresh, nullptr, 10)) : 1;
+  const unsigned count = fresh ? 2000 : 300;
+  std::size_t excused = 0, decided = 0;
+  for (unsigned seed = first; seed < first + count; ++seed) {
+    excused += checkOneList(seed, seed % 2 == 0, seed % 3 != 0);
+    decided += 3 * universe().size();
+    if (::testing::Test::HasFailure()) break;
+  }
+  // The reports are the exception: nearly every decision is the list's own.
+  EXPECT_LT(excused * 20, decided) << excused << " of " << decided;
+  RecordProperty("excused", static_cast<int>(excused));
+}
+
+}  // namespace
+}  // namespace tpa::testing

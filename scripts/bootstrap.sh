@@ -2,6 +2,8 @@
 # Installs the Debian packages the build needs when they are missing:
 #   android-liblog-dev  the platform's liblog, linked as on the device
 #   libmarisa-dev       the succinct-trie peer of the benchmarks
+#   libidn2-dev         tpa import's conversion of Unicode names (UTS-46);
+#                       the tool links it, the library does not
 #   iptables, iproute2  the socket helpers' JVM tests: loopback up and a
 #                       redirected connection in a private network namespace
 # Everything else (compilers, CMake, Ninja, GoogleTest, Google Benchmark,
@@ -14,6 +16,7 @@ arch=$(dpkg --print-architecture)
 need=()
 dpkg -s "android-liblog-dev:$arch" >/dev/null 2>&1 || need+=("android-liblog-dev:$arch")
 dpkg -s "libmarisa-dev:$arch" >/dev/null 2>&1 || need+=("libmarisa-dev:$arch")
+dpkg -s "libidn2-dev:$arch" >/dev/null 2>&1 || need+=("libidn2-dev:$arch")
 command -v iptables >/dev/null 2>&1 || dpkg -s iptables >/dev/null 2>&1 || need+=(iptables)
 command -v ip >/dev/null 2>&1 || dpkg -s iproute2 >/dev/null 2>&1 || need+=(iproute2)
 

@@ -5,7 +5,8 @@
 # aarch64  64-bit ARM (arm64-v8a), in build-aarch64/
 # armhf    32-bit ARM (armeabi-v7a: 32-bit long and pointers), in build-armhf/
 # Installs what is missing from Debian: the cross compilers, qemu-user, and
-# the target's liblog, GoogleTest and C++ runtime from the multiarch archive
+# the target's liblog, GoogleTest, libidn2 (the tool's import) and C++ runtime
+# from the multiarch archive
 # (adding the arm64 and armhf architectures to dpkg). Release
 # build without debug information, no JNI, benchmarks or fuzzers; tests
 # labelled slow are skipped under emulation.
@@ -30,7 +31,7 @@ install_missing() {
     d=$(debian_arch "$a")
     command -v "$(triplet "$a")-g++" >/dev/null 2>&1 || need+=("g++-$(triplet "$a")")
     dpkg --print-foreign-architectures | grep -qx "$d" || foreign+=("$d")
-    for p in android-liblog-dev libgtest-dev libgmock-dev libstdc++6; do
+    for p in android-liblog-dev libgtest-dev libgmock-dev libidn2-dev libstdc++6; do
       dpkg -s "$p:$d" >/dev/null 2>&1 || need+=("$p:$d")
     done
   done

@@ -16,7 +16,7 @@ cd "$(dirname "$0")/.."
 seconds=${1:-20}
 shift || true
 targets=("$@")
-[ ${#targets[@]} -eq 0 ] && targets=(fuzz_json_parser fuzz_build_query fuzz_address)
+[ ${#targets[@]} -eq 0 ] && targets=(fuzz_json_parser fuzz_build_query fuzz_address fuzz_import)
 
 scripts/bootstrap.sh
 cmake --preset fuzz >/dev/null
@@ -49,6 +49,8 @@ seed() {
   case $target in
     fuzz_json_parser) rules_documents "$dir" ;;
     fuzz_address) cp fuzz/corpus/address/* "$dir"/ ;;
+    # A first byte that picks the list format and the options, then a list.
+    fuzz_import) cp fuzz/corpus/import/* "$dir"/ ;;
     fuzz_build_query)
       local docs f i=0
       docs=$(mktemp -d)

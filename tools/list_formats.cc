@@ -64,6 +64,11 @@ std::string unreadable(const std::string& name) {
 
 bool toAscii(std::string& name, LineNote& why) {
   if (std::all_of(name.begin(), name.end(), [](char c) { return (c & 0x80) == 0; })) return true;
+  // The conversion reads a C string: a NUL would end the name early.
+  if (name.find('\0') != std::string::npos) {
+    why = {"unreadable", quoted(name) + ": not a host name (a NUL byte)"};
+    return false;
+  }
   char* ascii = nullptr;
   const int rc = idn2_to_ascii_8z(name.c_str(), &ascii, IDN2_NONTRANSITIONAL | IDN2_NFC_INPUT);
   if (rc != IDN2_OK) {
@@ -201,11 +206,12 @@ bool listFormatFromName(const std::string& name, ListFormat& format) {
 }
 
 bool normalizeName(std::string& name, LineNote& why) {
+  // After the conversion: UTS-46 maps the ideographic full stop to '.'.
+  if (!toAscii(name, why)) return false;
   while (!name.empty() && name.back() == '.') name.pop_back();
   for (char& c : name) {
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
   }
-  if (!toAscii(name, why)) return false;
   if (const std::string reason = unreadable(name); !reason.empty()) {
     why = {"unreadable", quoted(name) + ": " + reason};
     return false;

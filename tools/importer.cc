@@ -48,8 +48,7 @@ std::vector<std::pair<std::string, std::set<char>>> wildcardProbes(
   std::vector<std::pair<std::string, std::set<char>>> out;
   std::unordered_map<std::string_view, std::size_t> at;
   for (const MeaningEntry& e : entries) {
-    if (e.text.compare(0, 2, "*.") != 0) continue;
-    out.push_back({e.text.substr(2), {}});
+    if (e.wildcard) out.push_back({*e.name, {}});
   }
   for (std::size_t i = 0; i < out.size(); ++i) at.emplace(out[i].first, i);
   meaning.forEachName([&](const std::string& name, ListPlace) {
@@ -88,7 +87,7 @@ void Importer::splitEntries(ImportOutcome& outcome,
       dropException(outcome, e);
       continue;
     }
-    (toExclude ? outcome.exclude : outcome.include).push_back(e.text);
+    (toExclude ? outcome.exclude : outcome.include).push_back(e.text());
   }
   if (!options_.excludeNames && outcome.include.empty()) outcome.include.push_back(kNothing);
   outcome.everyOtherName = options_.excludeNames && !outcome.include.empty();
@@ -97,8 +96,8 @@ void Importer::splitEntries(ImportOutcome& outcome,
 // Without applications of its own the rule is the any-application rule, and
 // no second rule can include what it leaves undecided.
 void Importer::dropException(ImportOutcome& outcome, const MeaningEntry& e) const {
-  const bool below = e.text.compare(0, 2, "*.") == 0;
-  const std::string name = below ? e.text.substr(2) : e.text;
+  const bool below = e.wildcard;
+  const std::string& name = *e.name;
   ++outcome.exceptionsDropped;
   outcome.warnings.push_back(
       {e.place,
@@ -168,9 +167,12 @@ void Importer::askBack(ImportOutcome& outcome, api::TarnPatternAnalyzer& analyze
                               "; the list means " + decisionWord(meant != options_.excludeNames)},
          name});
   });
-  std::unordered_map<std::string_view, ListPlace> placeOf;
-  for (const MeaningEntry& e : entries) placeOf.emplace(e.text, e.place);
+  std::unordered_map<std::string_view, ListPlace> placeOf;  // wildcard entries by name
+  for (const MeaningEntry& e : entries) {
+    if (e.wildcard) placeOf.emplace(*e.name, e.place);
+  }
   for (const auto& [name, ends] : wildcardProbes(meaning_, entries)) {
+    if (reported.count(name) != 0) continue;  // left out, and said so
     std::set<char> all = ends;
     all.insert('e');  // the plain probe "tpa-probe.NAME"
     bool hidden = false;
@@ -181,7 +183,7 @@ void Importer::askBack(ImportOutcome& outcome, api::TarnPatternAnalyzer& analyze
       if (gives(probe) == meant) continue;
       hidden = true;
       outcome.warnings.push_back(
-          {placeOf.at("*." + name),
+          {placeOf.at(name),
            {"wildcard-hidden",
             "names under " + quoted(name) + " whose label before it ends in '" +
                 std::string(1, c) + "' (such as " + quoted(probe) + ") get " +

@@ -41,10 +41,10 @@ std::vector<MeaningEntry> ListMeaning::entries() const {
     const std::uint8_t kinds = above(n.name);
     const bool around = listedBy(kinds);
     if (const bool self = listedBy(kinds | n.self); self != around) {
-      out.push_back({n.name, self, n.place});
+      out.push_back({&n.name, false, self, n.place});
     }
     if (const bool under = listedBy(kinds | n.under); under != around) {
-      out.push_back({"*." + n.name, under, n.place});
+      out.push_back({&n.name, true, under, n.place});
     }
   }
   return out;

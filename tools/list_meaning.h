@@ -33,11 +33,14 @@ struct ListPlace {
   std::uint32_t line = 0;
 };
 
-// One entry of the document: a name, or "*." and a name.
+// One entry of the document: a name, or "*." and a name. Views the name
+// its ListMeaning holds, so it lives no longer than that.
 struct MeaningEntry {
-  std::string text;
-  bool listed = false;  // in the list of listed names, else in the other one
-  ListPlace place;      // the first rule on the name
+  const std::string* name = nullptr;
+  bool wildcard = false;  // "*." + name
+  bool listed = false;    // in the list of listed names, else in the other one
+  ListPlace place;        // the first rule on the name
+  [[nodiscard]] std::string text() const { return wildcard ? "*." + *name : *name; }
 };
 
 class ListMeaning {

@@ -103,6 +103,13 @@ class Reporter {
     onScreen_ = true;
   }
 
+  // A step that takes a while on a large list, shown until the next output.
+  void stage(const char* what, std::size_t names) {
+    if (!terminal_) return;
+    std::fprintf(stderr, "\rtpa: import: %s (%zu names)", what, names);
+    onScreen_ = true;
+  }
+
   void clearProgress() {
     if (onScreen_) std::fputs("\r\033[K", stderr);
     onScreen_ = false;
@@ -220,7 +227,9 @@ int runImport(const Invocation& invocation) {
     std::fprintf(stderr, "tpa: import: the lists give no name to import\n");
     return kExitBadQuery;
   }
+  reporter.stage("building the document and asking every name back", importer.meaning().size());
   const ImportOutcome outcome = importer.finish();
+  reporter.clearProgress();
   for (const ImportWarning& w : outcome.warnings) {
     reporter.note(displayName(invocation.operands[w.place.file]), w.place.line, w.note);
   }

@@ -74,6 +74,30 @@ TEST(TpaImport, KeepsTheMeaningOfAdblockLists) {
   for (const auto& c : cases) expectAnswers(c.options, "adblock", c.list, c.asked);
 }
 
+// A wildcard with a name of its own list under it, across an exception:
+// names under "a.test" whose label ends in 'b' follow the longer tail
+// "b.a.test" and miss "*.a.test". The tool finds it by asking back.
+TEST(TpaImport, ReportsTheNamesWhoseMeaningTheDocumentCannotKeep) {
+  TempFile list("||a.test^\n@@||b.a.test^\n||c.b.a.test^$important\n||xb.a.test^\n");
+  const ToolResult r = runTool({"import", "adblock", list.path()});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_TRUE(has(r.err, list.path() + ":1: warning: [wildcard-hidden] names under \"a.test\" "
+                                       "whose label before it ends in 'b' (such as "
+                                       "\"tpa-probe-b.a.test\") get exclude; the list means "
+                                       "include"))
+      << r.err;
+  EXPECT_TRUE(has(r.err, list.path() + ":4: warning: [meaning-lost] \"xb.a.test\" gets exclude; "
+                                       "the list means include"))
+      << r.err;
+  EXPECT_TRUE(has(r.err, "meaning not kept for 1 names of the lists, for the names of 0 exception "
+                         "entries and for some names under 1 wildcards"))
+      << r.err;
+  const ToolResult dropped = runTool({"import", "--exclude", "adblock", list.path()});
+  EXPECT_TRUE(has(dropped.err, list.path() + ":2: warning: [exception-needs-apps] the names under "
+                                             "\"b.a.test\" get exclude"))
+      << dropped.err;
+}
+
 TEST(TpaImport, ReportsEveryLineNotTakenWhereItStands) {
   const struct {
     std::string format, list;
@@ -113,7 +137,7 @@ TEST(TpaImport, WritesNamesAsTheDocumentMeansThem) {
       {"adblock", "\xEF\xBB\xBF||first.test^\r\n||fa\xC3\x9F.de^\n",
        "[{'id': '1',\n  'include': [\n    'first.test',\n    '*.first.test',\n"
        "    'xn--fa-hia.de',\n    '*.xn--fa-hia.de']}]\n"},
-      {"hosts", "# c\n127.0.0.1 localhost\n0.0.0.0 a.test b.test # x\n::1 a.test\n",
+      {"hosts", "# c\n127.0.0.1 localhost\n0.0.0.0 A.Test b.test # x\n::1 a.test\n",
        "[{'id': '1',\n  'include': [\n    'a.test',\n    'b.test']}]\n"},
   };
   for (const auto& c : cases) {
@@ -126,14 +150,30 @@ TEST(TpaImport, WritesNamesAsTheDocumentMeansThem) {
 }
 
 TEST(TpaImport, RefusesIdsAndApplicationsThatCannotMeanWhatTheySay) {
-  const char* cases[] = {"--id=-1", "--id=0", "--id=-5", "--id=007", "--id=+3", "--id=3x",
-                         "--id=2147483647", "--id=99999999999", "--apps=", "--apps=a,,b",
-                         "--apps=a,", "--apps=#LAMBDA-APP", "--apps=a b"};
+  const struct {
+    const char* option;
+    const char* why;
+  } cases[] = {
+      {"--id=-1", "-1 is the value of a query no rule decided"},
+      {"--id=0", "\"0\" is not read back as written"},
+      {"--id=-5", "\"-5\" is not read back as written"},
+      {"--id=007", "\"007\" is not read back as written"},
+      {"--id=+3", "not read back"},
+      {"--id=3x", "not read back"},
+      {"--id=2147483647", "2147483647 is that of a rule without one"},
+      {"--id=99999999999", "the ids end at 2147483646"},
+      {"--apps=", "--apps= names no application"},
+      {"--apps=a,,b", "--apps has an empty application name"},
+      {"--apps=a,", "--apps has an empty application name"},
+      {"--apps=#LAMBDA-APP", "cannot be written as it is"},
+      {"--apps=a b", "cannot be written as it is"},
+  };
   TempFile list("a.test\n");
-  for (const char* option : cases) {
-    const ToolResult r = runTool({"import", option, "domains", list.path()});
-    EXPECT_EQ(r.exitCode, 64) << option;
-    EXPECT_TRUE(has(r.err, "Run 'tpa import --help' for usage.")) << option << r.err;
+  for (const auto& c : cases) {
+    const ToolResult r = runTool({"import", c.option, "domains", list.path()});
+    EXPECT_EQ(r.exitCode, 64) << c.option;
+    EXPECT_TRUE(has(r.err, c.why) && has(r.err, "Run 'tpa import --help' for usage."))
+        << c.option << r.err;
   }
   EXPECT_EQ(runTool({"import", "--id=2147483646", "domains", list.path()}).exitCode, 0);
 }

@@ -247,11 +247,19 @@ bool covered(const ImportOutcome& outcome, const std::string& name) {
 // fresh name under each. Returns the number of decisions only a report covers.
 std::size_t checkOneList(unsigned seed, bool exclude, bool withApps, bool domains) {
   static const std::vector<std::string> names = universe();
+  // Rules on fewer names nest more often: labels a, b and ab only.
+  static const std::vector<std::string> ruled = [] {
+    std::vector<std::string> out;
+    for (const std::string& n : names) {
+      if (n.find('c') == std::string::npos && n.find("ba") == std::string::npos) out.push_back(n);
+    }
+    return out;
+  }();
   std::mt19937 rng(seed);
   std::vector<Generated> rules;
   std::string text;
   for (int i = 0, n = 1 + static_cast<int>(rng() % 12); i < n; ++i) {
-    const Generated g{names[rng() % names.size()],
+    const Generated g{ruled[rng() % ruled.size()],
                       domains ? 3 + static_cast<int>(rng() % 2) : static_cast<int>(rng() % 5) % 3};
     rules.push_back(g);
     if (domains) {

@@ -3,7 +3,7 @@
 // decision, builds it with the library and asks the library back for every
 // listed name and for probes under every wildcard, so that each name whose
 // meaning the document cannot keep is reported. One owner; not thread-safe
-// (a build quiets nothing, but the analyzer it builds is its own).
+// (the analyzer it builds and asks is its own).
 #ifndef TPA_TOOLS_IMPORTER_H_
 #define TPA_TOOLS_IMPORTER_H_
 

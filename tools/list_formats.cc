@@ -130,6 +130,10 @@ void readDomains(std::string_view line, std::vector<ListRule>& rules,
   }
 }
 
+LineNote onlyNameRules() {
+  return {"adblock-not-domain", "only ||NAME^ rules (a name and every name under it) are taken"};
+}
+
 // Why an AdBlock rule without "||NAME^" is left out.
 LineNote unanchored(std::string_view rule) {
   const std::vector<std::string_view> all = words(rule);
@@ -141,8 +145,27 @@ LineNote unanchored(std::string_view rule) {
     return {"adblock-bare-name",
             "a bare name in an AdBlock list matches every address that contains it; "
             "write ||NAME^ for the name and the names under it"};
-  return {"adblock-not-domain",
-          "only ||NAME^ rules (a name and every name under it) are taken"};
+  return onlyNameRules();
+}
+
+// Takes the options after '$' into `rule`; false, with a note, for one that
+// no list of names can say.
+bool takeOptions(std::string_view options, ListRule& rule, std::vector<LineNote>& notes) {
+  for (std::size_t start = 0; start < options.size();) {
+    std::size_t comma = options.find(',', start);
+    if (comma == std::string_view::npos) comma = options.size();
+    const std::string_view option = options.substr(start, comma - start);
+    start = comma + 1;
+    if (option == "important" && rule.kind == kBlock) {
+      rule.kind = kImportant;
+      continue;
+    }
+    notes.push_back({"adblock-option", "option $" + std::string(option) +
+                                           " is not representable: a document lists names for "
+                                           "every request"});
+    return false;
+  }
+  return true;
 }
 
 void readAdblock(std::string_view line, std::vector<ListRule>& rules,
@@ -160,33 +183,17 @@ void readAdblock(std::string_view line, std::vector<ListRule>& rules,
     line.remove_prefix(2);
   }
   const std::size_t dollar = line.rfind('$');
-  std::string_view options = dollar == std::string_view::npos ? "" : line.substr(dollar + 1);
-  std::string_view pattern = line.substr(0, dollar);
-  for (std::size_t start = 0; start < options.size();) {
-    std::size_t comma = options.find(',', start);
-    if (comma == std::string_view::npos) comma = options.size();
-    const std::string_view option = options.substr(start, comma - start);
-    start = comma + 1;
-    if (option == "important" && rule.kind == kBlock) {
-      rule.kind = kImportant;
-      continue;
-    }
-    return notes.push_back({"adblock-option", "option $" + std::string(option) +
-                                                  " is not representable: a document lists "
-                                                  "names for every request"});
+  if (dollar != std::string_view::npos && !takeOptions(line.substr(dollar + 1), rule, notes)) {
+    return;
   }
-  if (!startsWith(pattern, "||") || pattern.size() < 4 || pattern.back() != '^')
-    return notes.push_back(pattern.size() > 3 && startsWith(pattern, "||")
-                               ? LineNote{"adblock-not-domain",
-                                          "only ||NAME^ rules (a name and every name under it) "
-                                          "are taken"}
-                               : unanchored(pattern));
+  const std::string_view pattern = line.substr(0, dollar);
+  if (!startsWith(pattern, "||")) return notes.push_back(unanchored(pattern));
+  if (pattern.size() < 4 || pattern.back() != '^') return notes.push_back(onlyNameRules());
   const std::string_view name = pattern.substr(2, pattern.size() - 3);
   if (name.find('*') != std::string_view::npos)
     return notes.push_back({"adblock-wildcard", "a '*' inside the name is not representable"});
   if (name.find_first_of("/^|:?=&") != std::string_view::npos)
-    return notes.push_back(
-        {"adblock-not-domain", "only ||NAME^ rules (a name and every name under it) are taken"});
+    return notes.push_back(onlyNameRules());
   take(name, rule, rules, notes);
 }
 

@@ -27,13 +27,23 @@ struct Asked {
   std::string app, name, answer;
 };
 
-// Imports `list` with `options` and asks the document each question.
+// Imports `list` with `options` and asks the document each question. `tpa
+// check` may find only what the import said itself: the id a second rule
+// shares on purpose, and the wildcards it reported as hidden.
 void expectAnswers(const std::string& options, const std::string& format, const std::string& list,
                    const std::vector<Asked>& asked) {
   TempFile file(list);
   const ToolResult imported = runTool(words("import " + options + " " + format + " " + file.path()));
   ASSERT_EQ(imported.exitCode, 0) << imported.err;
   TempFile rules(imported.out);
+  const std::string report = runTool({"check", rules.path()}).out;
+  for (std::size_t at = report.find("warning: ["); at != std::string::npos;
+       at = report.find("warning: [", at + 1)) {
+    const std::string code = report.substr(at + 10, report.find(']', at) - at - 10);
+    EXPECT_TRUE((code == "duplicate-id" && has(imported.out, "},\n {")) ||
+                (code == "wildcard-shadowed" && has(imported.err, "[wildcard-hidden]")))
+        << imported.out << imported.err << report;
+  }
   std::string queries, expected;
   for (const Asked& a : asked) {
     queries += a.app + "\t" + a.name + "\n";

@@ -63,6 +63,13 @@ std::vector<std::pair<std::string, std::set<char>>> wildcardProbes(
 
 const char* decisionWord(bool include) { return include ? "include" : "exclude"; }
 
+// "SUBJECT gets D; the list means D'" for names the list means to be listed
+// (`meant`) or not, which the document decides the other way.
+std::string misdecided(const std::string& subject, bool plural, bool meant, bool excludeNames) {
+  return subject + (plural ? " get " : " gets ") + decisionWord(meant == excludeNames) +
+         "; the list means " + decisionWord(meant != excludeNames);
+}
+
 }  // namespace
 
 void Importer::readLine(std::string_view line, ListPlace place, std::vector<LineNote>& notes) {
@@ -102,9 +109,8 @@ void Importer::dropException(ImportOutcome& outcome, const MeaningEntry& e) cons
   outcome.warnings.push_back(
       {e.place,
        {"exception-needs-apps",
-        (below ? "the names under " + quoted(name) + " get" : quoted(name) + " gets") +
-            " exclude; the list means include: an --exclude import writes exceptions only "
-            "for the applications of --apps"},
+        misdecided(below ? "the names under " + quoted(name) : quoted(name), below, false, true) +
+            ": an --exclude import writes exceptions only for the applications of --apps"},
        name,
        below});
 }
@@ -145,13 +151,13 @@ ImportOutcome Importer::finish() {
   return outcome;
 }
 
-// Asks the built document about every name of the lists and about a probe
-// under each wildcard for every label ending the lists put right above it.
+// Asks the built document about every name of the lists, then about probes
+// under each wildcard.
 void Importer::askBack(ImportOutcome& outcome, api::TarnPatternAnalyzer& analyzer,
                        const std::vector<MeaningEntry>& entries) const {
   const std::string app = options_.apps.empty() ? kAnyApp : options_.apps[0];
   const int listedDecision = options_.excludeNames ? 0 : 1;
-  auto gives = [&](const std::string& name) {
+  const std::function<bool(const std::string&)> gives = [&](const std::string& name) {
     int value = 0;
     return analyzer.query(app, name, value) == listedDecision;
   };
@@ -163,8 +169,7 @@ void Importer::askBack(ImportOutcome& outcome, api::TarnPatternAnalyzer& analyze
     ++outcome.namesLost;
     outcome.warnings.push_back(
         {place,
-         {"meaning-lost", quoted(name) + " gets " + decisionWord(meant == options_.excludeNames) +
-                              "; the list means " + decisionWord(meant != options_.excludeNames)},
+         {"meaning-lost", misdecided(quoted(name), false, meant, options_.excludeNames)},
          name});
   });
   std::unordered_map<std::string_view, ListPlace> placeOf;  // wildcard entries by name
@@ -173,28 +178,33 @@ void Importer::askBack(ImportOutcome& outcome, api::TarnPatternAnalyzer& analyze
   }
   for (const auto& [name, ends] : wildcardProbes(meaning_, entries)) {
     if (reported.count(name) != 0) continue;  // left out, and said so
-    std::set<char> all = ends;
-    all.insert('e');  // the plain probe "tpa-probe.NAME"
-    bool hidden = false;
-    for (char c : all) {
-      const std::string probe =
-          c == 'e' ? "tpa-probe." + name : "tpa-probe-" + std::string(1, c) + "." + name;
-      const bool meant = meaning_.listed(probe);
-      if (gives(probe) == meant) continue;
-      hidden = true;
-      outcome.warnings.push_back(
-          {placeOf.at(name),
-           {"wildcard-hidden",
-            "names under " + quoted(name) + " whose label before it ends in '" +
-                std::string(1, c) + "' (such as " + quoted(probe) + ") get " +
-                decisionWord(meant == options_.excludeNames) + "; the list means " +
-                decisionWord(meant != options_.excludeNames) +
-                ": the analyzer's wildcard search follows the longer tail of a name of the "
-                "same list under it"},
-           name,
-           true});
-    }
-    if (hidden) ++outcome.wildcardsHidden;
+    const std::size_t before = outcome.warnings.size();
+    askUnder(outcome, name, ends, placeOf.at(name), gives);
+    if (outcome.warnings.size() != before) ++outcome.wildcardsHidden;
+  }
+}
+
+// One probe under the wildcard "*.NAME" for each label ending in `ends`, and
+// "tpa-probe.NAME" (ending in 'e') for the names no list name is near.
+void Importer::askUnder(ImportOutcome& outcome, const std::string& name, std::set<char> ends,
+                        ListPlace place,
+                        const std::function<bool(const std::string&)>& gives) const {
+  ends.insert('e');
+  for (char c : ends) {
+    const std::string probe =
+        c == 'e' ? "tpa-probe." + name : "tpa-probe-" + std::string(1, c) + "." + name;
+    const bool meant = meaning_.listed(probe);
+    if (gives(probe) == meant) continue;
+    outcome.warnings.push_back(
+        {place,
+         {"wildcard-hidden",
+          misdecided("names under " + quoted(name) + " whose label before it ends in '" +
+                         std::string(1, c) + "' (such as " + quoted(probe) + ")",
+                     true, meant, options_.excludeNames) +
+              ": the analyzer's wildcard search follows the longer tail of a name of the same "
+              "list under it"},
+         name,
+         true});
   }
 }
 

@@ -8,6 +8,8 @@
 #define TPA_TOOLS_IMPORTER_H_
 
 #include <cstddef>
+#include <functional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -67,6 +69,9 @@ class Importer {
   [[nodiscard]] std::string document(const ImportOutcome& outcome) const;
   void askBack(ImportOutcome& outcome, api::TarnPatternAnalyzer& analyzer,
                const std::vector<MeaningEntry>& entries) const;
+  // `gives`: whether the document lists a name.
+  void askUnder(ImportOutcome& outcome, const std::string& name, std::set<char> ends,
+                ListPlace place, const std::function<bool(const std::string&)>& gives) const;
 
   ImportOptions options_;
   ListMeaning meaning_;

@@ -5,11 +5,10 @@
 # aarch64  64-bit ARM (arm64-v8a), in build-aarch64/
 # armhf    32-bit ARM (armeabi-v7a: 32-bit long and pointers), in build-armhf/
 # Installs what is missing from Debian: the cross compilers, qemu-user, and
-# the target's liblog, GoogleTest, libidn2 (the tool's import) and C++ runtime
-# from the multiarch archive
-# (adding the arm64 and armhf architectures to dpkg). Release
-# build without debug information, no JNI, benchmarks or fuzzers; tests
-# labelled slow are skipped under emulation.
+# the target's liblog, GoogleTest, libidn2 (the tool's import) and C++
+# runtime from the multiarch archive (adding the arm64 and armhf
+# architectures to dpkg). Release build without debug information, no JNI,
+# benchmarks or fuzzers; tests labelled slow are skipped under emulation.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

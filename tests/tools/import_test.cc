@@ -135,6 +135,8 @@ TEST(TpaImport, ReportsEveryLineNotTakenWhereItStands) {
       EXPECT_TRUE(has(r.err, list.path() + ":" + report)) << report << "\n" << r.err;
     }
   }
+  const ToolResult piped = runTool({"import", "domains", "-"}, "a.test\nb\"c.test\n");
+  EXPECT_TRUE(has(piped.err, "<stdin>:2: warning: [unreadable]")) << piped.err;
 }
 
 TEST(TpaImport, WritesNamesAsTheDocumentMeansThem) {

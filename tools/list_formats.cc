@@ -56,7 +56,8 @@ std::string unreadable(const std::string& name) {
   }
   if (name.front() == '.' || name.find("..") != std::string::npos) return "empty label";
   const StoredDestination stored = storeDestination(name);
-  if (stored.threw || stored.stored != name) {
+  if (stored.threw) return "an address form that makes the build throw (" + stored.what + ")";
+  if (stored.stored != name) {
     return "an address, which the document stores as " + quoted(stored.stored);
   }
   return "";

@@ -1,6 +1,7 @@
 #include "tools/importer.h"
 
 #include <set>
+#include <unordered_set>
 #include <utility>
 
 #include "api/constants.h"
@@ -61,6 +62,81 @@ std::vector<std::pair<std::string, std::set<char>>> wildcardProbes(
   return out;
 }
 
+// The written wildcards: "*.NAME" -> NAME, and whether the exclude list
+// holds it.
+using WildcardLists = std::unordered_map<std::string_view, bool>;
+
+// Whether the nearest written wildcard at or above `name` is in the exclude
+// list (`toExclude`); false when there is none.
+bool nearestWildcard(std::string_view name, const WildcardLists& wildcards, bool& toExclude) {
+  for (;;) {
+    if (const auto it = wildcards.find(name); it != wildcards.end()) {
+      toExclude = it->second;
+      return true;
+    }
+    const std::size_t dot = name.find('.');
+    if (dot == std::string_view::npos) return false;
+    name.remove_prefix(dot + 1);
+  }
+}
+
+// Appends the entries that catch the names whose longest tail is `tail`.
+// "*TAIL" would also catch TAIL itself, and in the include list it takes
+// TAIL from a whole entry of the exclude list (the longer stored key wins):
+// then one entry per character that can stand before it, and so on.
+void appendTailEntries(const std::string& tail, bool toExclude,
+                       const std::unordered_set<std::string_view>& excluded,
+                       std::vector<std::string>& out) {
+  if (toExclude || excluded.count(tail) == 0) return out.push_back("*" + tail);
+  for (const char c : std::string_view("abcdefghijklmnopqrstuvwxyz0123456789-_")) {
+    appendTailEntries(std::string(1, c) + tail, toExclude, excluded, out);
+  }
+}
+
+// Whether a wildcard of the list (`toExclude`) stands strictly above `name`.
+bool wildcardAbove(std::string_view name, const WildcardLists& wildcards, bool toExclude) {
+  for (std::size_t dot = name.find('.'); dot != std::string_view::npos;
+       dot = name.find('.', dot + 1)) {
+    const auto it = wildcards.find(name.substr(dot + 1));
+    if (it != wildcards.end() && it->second == toExclude) return true;
+  }
+  return false;
+}
+
+// The analyzer's wildcard search takes the longest tail of the queried name
+// found anywhere in the list and reads it again behind a '*'. Under "*.M",
+// a name of the same list written because an exception lies between
+// ("c.b.M") holds longer tails than ".M" ("b.M", "c.b.M"), and names ending
+// in one of them ("xb.M") would follow it and miss "*.M". A "*TAIL" entry in
+// that list catches exactly the names whose longest tail it is, so it is
+// written for every such tail whose names the nearest wildcard above
+// decides for this list.
+void addTails(std::vector<std::string>& list, bool toExclude, const WildcardLists& wildcards,
+              const std::unordered_set<std::string_view>& excluded) {
+  std::set<std::string> added;
+  std::vector<std::string> entries;
+  const std::size_t written = list.size();
+  for (std::size_t e = 0; e < written; ++e) {
+    const std::string_view name = std::string_view(list[e]).substr(list[e][0] == '*' ? 2 : 0);
+    if (!wildcardAbove(name, wildcards, toExclude)) continue;  // no tail to follow instead
+    for (std::size_t i = 0; i < name.size(); ++i) {
+      const std::string_view tail = name.substr(i);
+      const std::size_t dot = tail.find('.');
+      if (dot == std::string_view::npos) break;
+      bool nearest = false;
+      if (tail[0] == '.' || !nearestWildcard(tail.substr(dot + 1), wildcards, nearest) ||
+          nearest != toExclude) {
+        continue;
+      }
+      entries.clear();
+      appendTailEntries(std::string(tail), toExclude, excluded, entries);
+      for (std::string& entry : entries) {
+        if (added.insert(entry).second) list.push_back(std::move(entry));
+      }
+    }
+  }
+}
+
 const char* decisionWord(bool include) { return include ? "include" : "exclude"; }
 
 // "SUBJECT gets D; the list means D'" for names the list means to be listed
@@ -96,6 +172,14 @@ void Importer::splitEntries(ImportOutcome& outcome,
     }
     (toExclude ? outcome.exclude : outcome.include).push_back(e.text());
   }
+  WildcardLists wildcards;
+  for (const MeaningEntry& e : entries) {
+    if (e.wildcard) wildcards.emplace(*e.name, e.listed == options_.excludeNames);
+  }
+  std::unordered_set<std::string_view> excluded;  // whole names of the exclude list
+  for (const std::string& e : outcome.exclude) excluded.insert(e);
+  addTails(outcome.include, false, wildcards, excluded);
+  addTails(outcome.exclude, true, wildcards, {});
   if (!options_.excludeNames && outcome.include.empty()) outcome.include.push_back(kNothing);
   outcome.everyOtherName = options_.excludeNames && !outcome.include.empty();
 }
@@ -161,11 +245,19 @@ void Importer::askBack(ImportOutcome& outcome, api::TarnPatternAnalyzer& analyze
     int value = 0;
     return analyzer.query(app, name, value) == listedDecision;
   };
-  std::set<std::string> reported;  // copies: warnings grows below
-  for (const ImportWarning& w : outcome.warnings) reported.insert(w.name);
+  // What splitEntries left out and said so: the names, and the names under.
+  std::set<std::string> reported, reportedBelow;  // copies: warnings grows below
+  for (const ImportWarning& w : outcome.warnings) (w.below ? reportedBelow : reported).insert(w.name);
+  const auto alreadySaid = [&](const std::string& name) {
+    if (reported.count(name) != 0) return true;
+    for (std::size_t dot = name.find('.'); dot != std::string::npos; dot = name.find('.', dot + 1)) {
+      if (reportedBelow.count(name.substr(dot + 1)) != 0) return true;
+    }
+    return false;
+  };
   meaning_.forEachName([&](const std::string& name, ListPlace place) {
     const bool meant = meaning_.listed(name);
-    if (gives(name) == meant || reported.count(name) != 0) return;
+    if (gives(name) == meant || alreadySaid(name)) return;
     ++outcome.namesLost;
     outcome.warnings.push_back(
         {place,
@@ -177,7 +269,7 @@ void Importer::askBack(ImportOutcome& outcome, api::TarnPatternAnalyzer& analyze
     if (e.wildcard) placeOf.emplace(*e.name, e.place);
   }
   for (const auto& [name, ends] : wildcardProbes(meaning_, entries)) {
-    if (reported.count(name) != 0) continue;  // left out, and said so
+    if (alreadySaid(name)) continue;
     const std::size_t before = outcome.warnings.size();
     askUnder(outcome, name, ends, placeOf.at(name), gives);
     if (outcome.warnings.size() != before) ++outcome.wildcardsHidden;

@@ -24,8 +24,18 @@ std::vector<std::string> orDefault(const std::vector<std::string>& list, const c
   return list.empty() ? std::vector<std::string>{fallback} : list;
 }
 
+// A name, "*." and a name, or "*" and the tail of a name (which keeps a
+// wildcard from being hidden): each as the list reader takes it unchanged.
 void checkName(std::string name, const std::string& input) {
-  if (name.compare(0, 2, "*.") == 0) name.erase(0, 2);
+  if (name.compare(0, 2, "*.") == 0) {
+    name.erase(0, 2);
+  } else if (name.compare(0, 1, "*") == 0) {
+    check(name.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789-_.", 1) ==
+                  std::string::npos &&
+              name.find('.') != std::string::npos,
+          "a tail entry holds the characters of a name", input);
+    return;
+  }
   const std::string written = name;
   tpa::tools::LineNote why;
   check(tpa::tools::normalizeName(name, why) && name == written,

@@ -117,10 +117,11 @@ void addTails(std::vector<std::string>& list, bool toExclude, const WildcardList
   std::vector<std::string> entries;
   const std::size_t written = list.size();
   for (std::size_t e = 0; e < written; ++e) {
-    const std::string_view name = std::string_view(list[e]).substr(list[e][0] == '*' ? 2 : 0);
+    // A copy: the list grows below.
+    const std::string name = list[e].substr(list[e][0] == '*' ? 2 : 0);
     if (!wildcardAbove(name, wildcards, toExclude)) continue;  // no tail to follow instead
     for (std::size_t i = 0; i < name.size(); ++i) {
-      const std::string_view tail = name.substr(i);
+      const std::string_view tail = std::string_view(name).substr(i);
       const std::size_t dot = tail.find('.');
       if (dot == std::string_view::npos) break;
       bool nearest = false;

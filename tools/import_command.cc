@@ -178,7 +178,9 @@ void writeSummary(const Importer& importer, const ImportOutcome& outcome, std::s
                "(%zu duplicates); %zu lines or words not taken; ",
                outcome.include.size(), outcome.exclude.size(), importer.meaning().size(),
                importer.rulesRead(), importer.duplicates(), notTaken);
-  if (outcome.namesLost + outcome.exceptionsDropped + outcome.wildcardsHidden == 0) {
+  if (!outcome.built) {
+    std::fprintf(stderr, "nothing asked back\n");
+  } else if (outcome.namesLost + outcome.exceptionsDropped + outcome.wildcardsHidden == 0) {
     std::fprintf(stderr, "every name taken keeps its meaning\n");
   } else {
     std::fprintf(stderr,

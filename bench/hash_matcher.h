@@ -32,6 +32,9 @@ class HashNames {
   };
   static constexpr int kMaxSuffixes = 127;  // labels of the longest DNS name
 
+  static constexpr bool kViewsDocument = true;  // names are views into it
+
+  void reserve(std::size_t names, std::size_t) { table_.reserve(names); }
   // `name` views the matcher's document; `wildcard` says it is "*.name".
   void add(int rule, std::string_view name, bool wildcard, Verdict v);
   void finish() {}

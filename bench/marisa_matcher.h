@@ -36,8 +36,15 @@ class MarisaNames {
   MarisaNames(MarisaNames&&) noexcept;
   MarisaNames& operator=(MarisaNames&&) noexcept;
 
+  static constexpr bool kViewsDocument = false;  // the tries hold their keys
+
+  void reserve(std::size_t, std::size_t) {}
+  // The names of one rule number other than 0 are added together (PeerMatcher
+  // adds a rule whole, and only rule 0 gathers several rules): its trie is
+  // built once the next rule number starts, so that only rule 0's names and
+  // those of the rule at hand wait in memory.
   void add(int rule, std::string_view name, bool wildcard, Verdict v);
-  // Builds the tries of everything added; nothing is added after.
+  // Builds the tries still pending; nothing is added after.
   void finish();
   void prepare(std::string_view name, Query& q) const;
   [[nodiscard]] Verdict find(int rule, const Query& q) const;
@@ -47,18 +54,31 @@ class MarisaNames {
   struct Forms {
     Verdict exact, wildcard;
   };
-  // One rule number's names: its keys until finish, then its trie.
+  // One rule number's names.
   struct Scope {
-    std::unique_ptr<marisa::Keyset> keys;  // dropped by finish
-    std::vector<Forms> pending;            // by position in keys; emptied by finish
-    std::unique_ptr<marisa::Trie> trie;
-    std::vector<Forms> forms;  // by key id of trie
+    std::unique_ptr<marisa::Trie> trie;  // null when the rule number has no name
+    std::vector<Forms> forms;            // by key id of trie
   };
+  // Names of one rule number added and not yet in its trie.
+  struct Batch {
+    struct Name {
+      std::uint32_t offset = 0, length = 0;  // the reversed name in `reversed`
+      bool wildcard = false;
+      Verdict verdict;
+    };
+    int rule = -1;  // -1 while empty
+    std::string reversed;
+    std::vector<Name> names;
+  };
+  void add(Batch& batch, std::string_view name, bool wildcard, Verdict v);
+  void build(Batch& batch);  // the batch's trie; leaves the batch empty
 
   std::vector<Scope> scopes_;  // by rule number
+  Batch any_;                  // rule 0's names, built by finish
+  Batch current_;              // the latest other rule number's
   // Scratch of one query.
-  mutable std::unique_ptr<marisa::Agent> agent_;
   mutable std::string reversed_;
+  mutable std::unique_ptr<marisa::Agent> agent_;
 };
 
 using MarisaMatcher = PeerMatcher<MarisaNames>;

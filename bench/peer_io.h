@@ -1,5 +1,5 @@
 // The command-line peers' side of `tpa query`'s protocol: APP<TAB>DEST lines
-// in, include<TAB>VALUE or exclude<TAB>VALUE lines out. Input is read in 1 MiB
+// in, include<TAB>VALUE or exclude<TAB>VALUE lines out. Input is read in 256 KiB
 // blocks and split in place; answers collect in one 64 KiB buffer, written out
 // when full and before every read that may wait, so that a partner feeding
 // one query at a time still sees each answer. A line without a TAB is
@@ -18,7 +18,7 @@ namespace tpa::bench {
 class LinePump {
  public:
   // `block`: bytes read at once (tests use small ones).
-  LinePump(int in, int out, std::size_t block = 1 << 20);
+  LinePump(int in, int out, std::size_t block = 256 * 1024);
   ~LinePump();
   LinePump(const LinePump&) = delete;
   LinePump& operator=(const LinePump&) = delete;

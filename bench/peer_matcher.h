@@ -12,6 +12,7 @@
 #ifndef TPA_BENCH_PEER_MATCHER_H_
 #define TPA_BENCH_PEER_MATCHER_H_
 
+#include <cctype>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -25,13 +26,16 @@ namespace tpa::bench {
 template <typename Names>
 class PeerMatcher {
  public:
-  // Builds from a document that toJson wrote, kept as the keys' arena.
+  // Builds from a document that toJson wrote, kept as the arena of the
+  // names when `Names` views them in place.
   void build(std::string document) {
     document_ = std::move(document);
     apps_ = AppTable();
     addresses_ = AddressTable();
     names_ = Names();
+    reserve();
     scanDocument(document_, [this](const RuleText& r, std::size_t index) { addRule(r, index); });
+    if constexpr (!Names::kViewsDocument) std::string().swap(document_);
     names_.finish();
   }
 
@@ -60,6 +64,28 @@ class PeerMatcher {
     return v.found() ? v.answer() : Answer{};
   }
 
+  // Sizes the tables before the first add, from a first pass over the
+  // document: a table that grows holds its old and new arrays at once. An
+  // entry ending in a digit or holding a ':' is counted as an address.
+  void reserve() {
+    std::size_t apps = 0, appBytes = 0, names = 0, nameBytes = 0, addresses = 0;
+    scanDocument(document_, [&](const RuleText& r, std::size_t) {
+      apps += r.apps.size();
+      for (const std::string_view a : r.apps) appBytes += a.size();
+      for (const auto* list : {&r.include, &r.exclude}) {
+        for (const std::string_view e : *list) {
+          const bool address = !e.empty() && (std::isdigit(static_cast<unsigned char>(e.back())) ||
+                                              e.find(':') != std::string_view::npos);
+          ++(address ? addresses : names);
+          nameBytes += address ? 0 : e.size();
+        }
+      }
+    });
+    apps_.reserve(apps, appBytes);
+    addresses_.reserve(addresses);
+    names_.reserve(names, nameBytes);
+  }
+
   void addRule(const RuleText& r, std::size_t index) {
     const int rule = ruleNumberOf(r.apps.empty(), index);
     for (const std::string_view a : r.apps) apps_.add(a, rule);
@@ -78,7 +104,7 @@ class PeerMatcher {
     }
   }
 
-  std::string document_;  // never changes after build: the tables view it
+  std::string document_;  // the names' arena when Names views it, else empty
   AppTable apps_;
   AddressTable addresses_;
   Names names_;

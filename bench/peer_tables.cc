@@ -13,15 +13,23 @@ bool isV6(const Destination& d) {
 
 }  // namespace
 
+void AppTable::reserve(std::size_t apps, std::size_t bytes) {
+  table_.reserve(apps);
+  names_.reserve(bytes);
+}
+
 void AppTable::add(std::string_view app, int rule) {
+  const std::size_t before = table_.size();
   Slot& s = table_.findOrAdd(tagOf(reverseFnv(app), 0),
-                             [&](const Slot& slot) { return slot.app == app; });
-  if (s.app.data() == nullptr) s = Slot{app, rule};
+                             [&](const Slot& slot) { return holds(slot, app); });
+  if (table_.size() == before) return;
+  s = Slot{static_cast<std::uint32_t>(names_.size()), static_cast<std::uint32_t>(app.size()), rule};
+  names_.append(app);
 }
 
 int AppTable::find(std::string_view app) const {
   const Slot* s =
-      table_.find(tagOf(reverseFnv(app), 0), [&](const Slot& slot) { return slot.app == app; });
+      table_.find(tagOf(reverseFnv(app), 0), [&](const Slot& slot) { return holds(slot, app); });
   return s == nullptr ? 0 : s->rule;
 }
 

@@ -15,6 +15,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -79,7 +80,7 @@ class TaggedTable {
   // The payload found as `find` finds it, else a new one (default-made).
   template <typename Same>
   Payload& findOrAdd(std::uint32_t tag, Same same) {
-    if (5 * (used_ + 1) > 4 * tags_.size()) grow();
+    if (5 * (used_ + 1) > 4 * tags_.size()) rehash(tags_.empty() ? 64 : 2 * tags_.size());
     std::size_t i = tag & mask_;
     for (; tags_[i] != 0; i = (i + 1) & mask_) {
       if (tags_[i] == tag && same(payloads_[i])) return payloads_[i];
@@ -88,14 +89,21 @@ class TaggedTable {
     tags_[i] = tag;
     return payloads_[i];
   }
+  // Room for `n` payloads without growing (a build that knows its count
+  // never holds two arrays at once).
+  void reserve(std::size_t n) {
+    std::size_t capacity = 64;
+    while (5 * n > 4 * capacity) capacity *= 2;
+    if (capacity > tags_.size()) rehash(capacity);
+  }
   [[nodiscard]] std::size_t size() const { return used_; }
   [[nodiscard]] std::size_t bytes() const {
     return tags_.size() * (sizeof(std::uint32_t) + sizeof(Payload));
   }
 
  private:
-  void grow() {
-    std::vector<std::uint32_t> tags(tags_.empty() ? 64 : 2 * tags_.size(), 0);
+  void rehash(std::size_t capacity) {
+    std::vector<std::uint32_t> tags(capacity, 0);
     std::vector<Payload> payloads(tags.size());
     const std::size_t mask = tags.size() - 1;
     for (std::size_t i = 0; i < tags_.size(); ++i) {
@@ -120,17 +128,25 @@ class TaggedTable {
 };
 
 // Application -> rule number; an application no rule names is in rule 0.
+// Keeps its own copy of the names, so that a matcher may drop its document.
 class AppTable {
  public:
+  // Room for `apps` names of `bytes` characters in all.
+  void reserve(std::size_t apps, std::size_t bytes);
   void add(std::string_view app, int rule);  // the first rule naming `app` keeps it
   [[nodiscard]] int find(std::string_view app) const;
-  [[nodiscard]] std::size_t bytes() const { return table_.bytes(); }
+  [[nodiscard]] std::size_t bytes() const { return table_.bytes() + names_.capacity(); }
 
  private:
   struct Slot {
-    std::string_view app;
+    std::uint32_t offset = 0, length = 0;  // the name in names_
     std::int32_t rule = 0;
   };
+  [[nodiscard]] bool holds(const Slot& s, std::string_view app) const {
+    return s.length == app.size() && names_.compare(s.offset, s.length, app) == 0;
+  }
+
+  std::string names_;  // every name added, end to end
   TaggedTable<Slot> table_;
 };
 
@@ -141,6 +157,7 @@ class AppTable {
 // network of its full length.
 class AddressTable {
  public:
+  void reserve(std::size_t entries) { table_.reserve(entries); }
   // `d` is an address or a network (parseDestination).
   void add(int rule, const Destination& d, Verdict v);
   // The verdict of the longest stored network holding the address `d`.

@@ -4,6 +4,7 @@ peers (`tpa_peer`), each a process reading a rules document and answering
 APP<TAB>DEST lines on stdin, timed as a user would time them.
 
     bench/cli_bench.py BUILD_DIR WORKLOAD_DIR SIZE[,SIZE...] [--doc DOC] [--reps N]
+                       [--before TPA [--before-label LABEL]]
 
 WORKLOAD_DIR holds SIZE-rules.json, SIZE-distinct.tsv and SIZE-hot.tsv
 (`tpa_bench --tpa_write_cli=DIR --tpa_sizes=SIZE --tpa_queries=N`). One
@@ -29,8 +30,11 @@ the repetitions is kept. Per matcher and size:
   line I/O alone, subtracted in the "net of line I/O" rows; `tpa query` on
   the empty document `[]` shows what tpa's own line I/O and an empty lookup
   cost.
-The answers of tpa, hash and MARISA to both streams are compared (SHA-256
-of the output); the run stops if they differ. With --doc, the tables replace
+--before adds another `tpa` binary (an earlier build of the library, e.g.
+the commit before a change) as one more matcher of the same interleaved run,
+so that before and after are measured under the same load.
+The answers of every tpa, hash and MARISA to both streams are compared
+(SHA-256 of the output); the run stops if they differ. With --doc, the tables replace
 the part of DOC between <!-- cli:begin --> and <!-- cli:end -->.
 """
 import fcntl
@@ -41,15 +45,16 @@ import sys
 import threading
 import time
 
-COMPARED = ["tpa", "hash", "marisa"]
 BASELINES = ["null", "tpa_empty"]
 F_SETPIPE_SZ = 1031
 PIPE_BYTES = 1 << 20
 
 
-def command(build, matcher, rules, empty_rules):
+def command(build, matcher, rules, empty_rules, before=None):
     if matcher == "tpa":
         return [os.path.join(build, "tpa"), "query", rules]
+    if matcher == "before":
+        return [before, "query", rules]
     if matcher == "tpa_empty":
         return [os.path.join(build, "tpa"), "query", empty_rules]
     return [os.path.join(build, "bench", "tpa_peer"), matcher, rules]
@@ -146,37 +151,38 @@ def load():
         return float(f.read().split()[0])
 
 
-def measure(build, workload, size, reps):
+def measure(build, workload, size, reps, before):
+    compared = (["before"] if before else []) + ["tpa", "hash", "marisa"]
     rules = os.path.join(workload, f"{size}-rules.json")
     empty_rules = os.path.join(workload, "empty-rules.json")
     with open(empty_rules, "w") as f:
         f.write("[]\n")
     streams = {s: os.path.join(workload, f"{size}-{s}.tsv") for s in ("hot", "distinct")}
     queries = {s: sum(1 for _ in open(path, "rb")) for s, path in streams.items()}
-    best = {m: {} for m in COMPARED + BASELINES}
+    best = {m: {} for m in compared + BASELINES}
     loads = [load()]
 
     def keep(m, key, value, pick=min):
         best[m][key] = pick(best[m].get(key, value), value)
 
     for _ in range(reps):
-        for m in COMPARED:
-            wall, cpu = build_run(command(build, m, rules, empty_rules))
+        for m in compared:
+            wall, cpu = build_run(command(build, m, rules, empty_rules, before))
             keep(m, "build_ms", wall)
             keep(m, "build_cpu_ms", cpu)
         loads.append(load())
         for s, path in streams.items():
             digests = {}
-            for m in COMPARED + BASELINES:
+            for m in compared + BASELINES:
                 ns, kept, peak, digests[m] = stream_run(
-                    command(build, m, rules, empty_rules), path, queries[s])
+                    command(build, m, rules, empty_rules, before), path, queries[s])
                 keep(m, f"{s}_ns", ns)
                 keep(m, "kept_kb", kept)
                 keep(m, "peak_kb", peak, max)
-            if len({digests[m] for m in COMPARED}) != 1:
+            if len({digests[m] for m in compared}) != 1:
                 sys.exit(f"cli_bench: the answers to {path} differ: {digests}")
             loads.append(load())
-    for m in COMPARED:
+    for m in compared:
         for s in streams:
             best[m][f"{s}_net_ns"] = best[m][f"{s}_ns"] - best["null"][f"{s}_ns"]
     return best, queries, os.path.getsize(rules), loads
@@ -194,17 +200,26 @@ ROWS = [
 ]
 
 
-def table(size, best, queries, doc_bytes, loads):
+def ratio(a, b):
+    return f"{a / b:.2f}" if b > 0 else "n/a"
+
+
+def table(size, best, queries, doc_bytes, loads, before_label):
     t, h, mar = best["tpa"], best["hash"], best["marisa"]
+    b = best.get("before")
+    head = ["tpa", "hash-set peer", "MARISA peer", "tpa / hash", "tpa / MARISA"]
+    if b:
+        head = [f"tpa {before_label}"] + head[:3] + [f"{before_label} / hash"] + head[3:]
     out = [f"**{size:,} destinations** ({doc_bytes / 1e6:.1f} MB document, "
            f"{queries['hot']:,} queries per stream; load average "
            f"{min(loads):.1f}-{max(loads):.1f} on 2 cores during the run)", "",
-           "| measure | tpa | hash-set peer | MARISA peer | tpa / hash | tpa / MARISA |",
-           "|---|---:|---:|---:|---:|---:|"]
+           "| measure | " + " | ".join(head) + " |",
+           "|---|" + "---:|" * len(head)]
     for label, key, fmt in ROWS:
         scale = 1024.0 if key.endswith("_kb") else 1.0
-        cells = [fmt.format(x[key] / scale) for x in (t, h, mar)]
-        ratios = [f"{t[key] / x[key]:.2f}" if x[key] > 0 else "n/a" for x in (h, mar)]
+        cells = [fmt.format(x[key] / scale) for x in ([b] if b else []) + [t, h, mar]]
+        ratios = ([ratio(b[key], h[key])] if b else []) + [ratio(t[key], h[key]),
+                                                           ratio(t[key], mar[key])]
         out.append(f"| {label} | " + " | ".join(cells + ratios) + " |")
     null, te = best["null"], best["tpa_empty"]
     out += ["", "Line I/O alone, ns per query (hot / distinct): the peers' reading and "
@@ -216,7 +231,15 @@ def table(size, best, queries, doc_bytes, loads):
 
 def main():
     args = sys.argv[1:]
-    doc, reps = None, 3
+    doc, reps, before, before_label = None, 3, None, "before"
+    for flag in ("--before", "--before-label"):
+        if flag in args:
+            i = args.index(flag)
+            if flag == "--before":
+                before = os.path.abspath(args[i + 1])
+            else:
+                before_label = args[i + 1]
+            del args[i:i + 2]
     if "--doc" in args:
         i = args.index("--doc")
         doc = args[i + 1]
@@ -228,8 +251,8 @@ def main():
     build, workload, sizes = args[0], args[1], [int(s) for s in args[2].split(",")]
     text = ""
     for size in sizes:
-        best, queries, doc_bytes, loads = measure(build, workload, size, reps)
-        text += table(size, best, queries, doc_bytes, loads) + "\n"
+        best, queries, doc_bytes, loads = measure(build, workload, size, reps, before)
+        text += table(size, best, queries, doc_bytes, loads, before_label) + "\n"
         print(text, flush=True)
     if doc:
         with open(doc) as f:

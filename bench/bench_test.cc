@@ -129,24 +129,31 @@ Answer askLibrary(const api::Builder& b, const std::string& app, const std::stri
   return Answer{decision, value};
 }
 
-TEST(Peers, AnswerEveryWorkloadQueryAsTheLibraryDoes) {
-  const RuleSet r = generateRules(13, 3000);
-  const std::string json = toJson(r);
+// The library and both peers, built from one document.
+struct Matchers {
+  explicit Matchers(const std::string& json) : built(library.build(json, false) == 0) {
+    hash.build(json);
+    marisa.build(json);
+  }
   api::Builder library;
-  ASSERT_EQ(library.build(json, false), 0);
+  bool built;
   HashMatcher hash;
   MarisaMatcher marisa;
-  hash.build(json);
-  marisa.build(json);
+};
+
+TEST(Peers, AnswerEveryWorkloadQueryAsTheLibraryDoes) {
+  const RuleSet r = generateRules(13, 3000);
+  Matchers m(toJson(r));
+  ASSERT_TRUE(m.built);
   std::map<int, int> decisions;  // the answers must not all be the default
   for (const QueryStream& s : {distinctQueries(r, 14, 6000), repeatedQueries(r, 15, 500)}) {
     for (const Query& q : s.queries) {
       const std::string& app = s.apps[q.app];
       const std::string& d = s.destinations[q.destination];
-      const Answer expected = askLibrary(library, app, d);
+      const Answer expected = askLibrary(m.library, app, d);
       ++decisions[expected.value == -1 ? -1 : expected.decision];
-      ASSERT_EQ(hash.query(app, d), expected) << app << " " << d;
-      ASSERT_EQ(marisa.query(app, d), expected) << app << " " << d;
+      ASSERT_EQ(m.hash.query(app, d), expected) << app << " " << d;
+      ASSERT_EQ(m.marisa.query(app, d), expected) << app << " " << d;
     }
   }
   EXPECT_GT(decisions[1], 1000);
@@ -191,16 +198,12 @@ TEST(Peers, MostSpecificHitWinsThenTheAnyApplicationRules) {
       {"app.two", "same.test", {1, 30}},              // include wins a tie
       {"app.two", "nothing.test", {0, -1}},
   };
-  api::Builder library;
-  ASSERT_EQ(library.build(json, false), 0);
-  HashMatcher hash;
-  MarisaMatcher marisa;
-  hash.build(json);
-  marisa.build(json);
+  Matchers m(json);
+  ASSERT_TRUE(m.built);
   for (const Case& c : cases) {
-    EXPECT_EQ(askLibrary(library, c.app, c.destination), c.expected) << c.destination;
-    EXPECT_EQ(hash.query(c.app, c.destination), c.expected) << c.destination;
-    EXPECT_EQ(marisa.query(c.app, c.destination), c.expected) << c.destination;
+    EXPECT_EQ(askLibrary(m.library, c.app, c.destination), c.expected) << c.destination;
+    EXPECT_EQ(m.hash.query(c.app, c.destination), c.expected) << c.destination;
+    EXPECT_EQ(m.marisa.query(c.app, c.destination), c.expected) << c.destination;
   }
 }
 

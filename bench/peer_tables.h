@@ -3,13 +3,12 @@
 // a separate array of 32-bit hash tags, the application table (application ->
 // rule number) and the address table (per rule number, masked addresses keyed
 // by prefix length, probed once per prefix length present, longest first).
-// Keys are string_views into the rules document, which the matcher owns and
-// keeps for as long as the tables. Building is single-threaded; finds are
-// const and may run concurrently.
+// Each table owns its arrays (the application table its names too).
+// Building is single-threaded; finds are const and may run concurrently.
 // Cost: a find hashes its key once and reads one 4-byte tag per probe; the
-// payload (and the key's bytes) is read only on a tag match. The tables grow
-// by doubling past 80% load, so a miss reads about 9 tags, in one or two cache
-// lines.
+// payload (and the key's bytes) is read only on a tag match. The tables are
+// sized ahead and grow by doubling past 80% load, so a miss reads a few tags,
+// about 9 at worst, in one or two cache lines.
 #ifndef TPA_BENCH_PEER_TABLES_H_
 #define TPA_BENCH_PEER_TABLES_H_
 

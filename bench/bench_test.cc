@@ -170,7 +170,7 @@ TEST(Peers, MostSpecificHitWinsThenTheAnyApplicationRules) {
   const std::string json = R"([
 {"id": "10", "match_apps": ["app.one"], "include": ["*.b.example", "1.2.3.0/28"], "exclude": ["deep.b.example", "1.2.4.4", "2001:db8::/48"]},
 {"id": "20", "include": ["only.any.test", "*.wide.test", "2001:db8::/32"], "exclude": ["x.b.example", "9.9.9.9"]},
-{"id": "30", "match_apps": ["app.two"], "include": ["same.test"], "exclude": ["same.test"]}
+{"id": "30", "match_apps": ["app.two"], "include": ["same.test", "*.b.example"], "exclude": ["same.test", "*.a.b.example"]}
 ]
 )";
   struct Case {
@@ -196,6 +196,8 @@ TEST(Peers, MostSpecificHitWinsThenTheAnyApplicationRules) {
       {"app.one", "2001:db8:1::5", {1, 20}},          // rule 0's shorter one
       {"app.one", "2001:0db8:0000:0000::7", {0, 10}},  // another spelling
       {"app.two", "same.test", {1, 30}},              // include wins a tie
+      {"app.two", "z.a.b.example", {0, 30}},          // the longer of two wildcards
+      {"app.two", "z.b.example", {1, 30}},            //
       {"app.two", "nothing.test", {0, -1}},
   };
   Matchers m(json);

@@ -2,8 +2,8 @@
 // against the library, and the peers' tables and line I/O against models.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <set>
@@ -182,6 +182,9 @@ TEST(Peers, MostSpecificHitWinsThenTheAnyApplicationRules) {
       {"app.one", "a.b.example", {1, 10}},            // wildcard
       {"app.one", "z.a.b.example", {1, 10}},          // wildcard, two labels deeper
       {"app.one", "b.example", {0, -1}},              // a wildcard never holds its own name
+      {"app.one", "xb.example", {0, -1}},             // nor a name that ends like it
+      {"app.one", ".b.example", {1, 10}},             // but an empty first label
+      {"app.one", "a.b.example.", {0, -1}},           // a trailing dot is another name
       {"app.one", "deep.b.example", {0, 10}},         // whole name before the wildcard
       {"app.one", "x.deep.b.example", {1, 10}},       // only the wildcard holds it
       {"app.one", "x.b.example", {1, 10}},            // own rule first, then rule 0
@@ -312,29 +315,29 @@ TEST(Verdict, IncludeWinsATieAndTheFirstStaysOtherwise) {
   EXPECT_EQ(v.answer(), (Answer{1, 7}));
 }
 
-// Feeds `input` through a pipe into a LinePump of `block` bytes and answers
-// every query with its destination's length.
+// Feeds `input` through a LinePump of `block` bytes (temporary files on both
+// sides) and answers every query with its destination's length.
 std::string pump(const std::string& input, std::size_t block,
                  std::vector<std::pair<std::string, std::string>>& queries) {
-  int in[2], out[2];
-  EXPECT_EQ(pipe(in), 0);
-  EXPECT_EQ(pipe(out), 0);
-  EXPECT_EQ(write(in[1], input.data(), input.size()), static_cast<ssize_t>(input.size()));
-  close(in[1]);
+  std::FILE* in = std::tmpfile();
+  std::FILE* out = std::tmpfile();
+  std::fwrite(input.data(), 1, input.size(), in);
+  std::fflush(in);
+  std::rewind(in);
   {
-    LinePump p(in[0], out[1], block);
+    LinePump p(fileno(in), fileno(out), block);
     std::string_view app, destination;
     while (p.next(app, destination)) {
       queries.emplace_back(app, destination);
       p.write(Answer{queries.size() % 2 == 1 ? 1 : 0, static_cast<int>(destination.size()) - 1});
     }
   }
-  close(in[0]);
-  close(out[1]);
+  std::rewind(out);
   std::string output;
   char buf[4096];
-  for (ssize_t n; (n = read(out[0], buf, sizeof buf)) > 0;) output.append(buf, n);
-  close(out[0]);
+  for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, out)) > 0;) output.append(buf, n);
+  std::fclose(in);
+  std::fclose(out);
   return output;
 }
 
@@ -347,6 +350,23 @@ TEST(LinePump, SplitsLinesAsTpaQueryReadsThem) {
         {"a", "b.c"}, {"app", ""}, {"com.x.y", "long.name.example"}, {"last", "q"}};
     EXPECT_EQ(queries, expected) << block;
     EXPECT_EQ(output, "include\t2\nexclude\t-1\ninclude\t16\nexclude\t0\n") << block;
+  }
+}
+
+TEST(LinePump, LongStreamsPassWhole) {
+  std::string input, expected;
+  for (int i = 0; i < 30000; ++i) {
+    const std::string d(static_cast<std::size_t>(1 + i % 40), 'x');
+    input += "app\t" + d + "\n";
+    expected += (i % 2 == 0 ? "include\t" : "exclude\t") + std::to_string(d.size() - 1) + "\n";
+  }
+  std::vector<std::pair<std::string, std::string>> queries;
+  // Small reads flush before each read; one large read leaves the output
+  // buffer to fill and flush by itself, several times over.
+  for (const std::size_t block : {std::size_t{1000}, std::size_t{1} << 20}) {
+    queries.clear();
+    EXPECT_EQ(pump(input, block, queries), expected) << block;
+    EXPECT_EQ(queries.size(), 30000u);
   }
 }
 

@@ -28,10 +28,11 @@ void HashNames::prepare(std::string_view name, Query& q) const {
   q.suffixes = 0;
   std::uint64_t h = kFnvBasis;
   // Backwards: the hash so far is the suffix's starting here. A suffix is a
-  // parent when a dot precedes it (and that dot is not the name's first byte).
+  // parent when a dot precedes it, the name's first byte included (the
+  // library holds ".b.c" in "*.b.c"), and it is not empty.
   for (std::size_t i = name.size(); i-- > 0;) {
     const auto c = static_cast<unsigned char>(name[i]);
-    if (c == '.' && i > 0 && i + 1 < name.size() && q.suffixes < kMaxSuffixes) {
+    if (c == '.' && i + 1 < name.size() && q.suffixes < kMaxSuffixes) {
       q.start[q.suffixes] = static_cast<std::uint32_t>(i + 1);
       q.hash[q.suffixes++] = h;
     }

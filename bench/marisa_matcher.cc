@@ -64,15 +64,14 @@ Verdict MarisaNames::find(int rule, const Query& q) const {
   const std::string_view key = q.reversed;
   agent_->set_query(key.data(), key.size());
   // Prefixes come shortest first: the last one with a verdict of its form is
-  // the most specific. A prefix is a parent suffix when a dot follows it
-  // (and that dot is not the name's first byte).
+  // the most specific. A prefix is a parent suffix when a dot follows it.
   Verdict best;
   while (s.trie->common_prefix_search(*agent_)) {
     const std::size_t length = agent_->key().length();
     const Forms& f = s.forms[agent_->key().id()];
     if (length == key.size()) {
       if (f.exact.found()) return f.exact;
-    } else if (length + 1 < key.size() && key[length] == '.' && f.wildcard.found()) {
+    } else if (key[length] == '.' && f.wildcard.found()) {
       best = f.wildcard;
     }
   }

@@ -4,7 +4,8 @@
 // name is looked up whole and then by each parent suffix, longest first, all
 // of their hashes from one backward pass over the name. See PeerMatcher for
 // the rest (applications, addresses, the fallback to rule 0).
-// Cost: about 28 bytes per name slot at up to 80% load; a query reads its
+// Cost: 36 bytes per slot (a 32-byte entry and its tag) at up to 80% load,
+// sized ahead from the document's count of names; a query reads its
 // name twice (hashing, and comparing on a hit) and probes once per label,
 // per rule number tried. Build once; const queries may run concurrently.
 #ifndef TPA_BENCH_HASH_MATCHER_H_

@@ -1,6 +1,6 @@
 #include "marisa_matcher.h"
 
-#include <algorithm>
+#include <cassert>
 
 namespace tpa::bench {
 
@@ -35,6 +35,7 @@ void MarisaNames::build(Batch& batch) {
   const auto rule = static_cast<std::size_t>(batch.rule);
   if (scopes_.size() <= rule) scopes_.resize(rule + 1);
   Scope& s = scopes_[rule];
+  assert(!s.trie && "a rule number's names come together");
   marisa::Keyset keys;
   for (const Batch::Name& n : batch.names) keys.push_back(batch.reversed.data() + n.offset, n.length);
   s.trie = std::make_unique<marisa::Trie>();

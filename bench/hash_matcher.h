@@ -1,65 +1,61 @@
-// The matcher a C++ developer would write with hash tables: per rule number
-// and list, an exact-name hash map, a map of wildcard tails walked label by
-// label from the most specific, exact-address maps and one hash map per
-// network prefix length, longest first. The peer against which the library's
-// query speed is judged. Owns copies of every string it indexes.
-// Cost: a query hashes the application once and, per list and rule number
-// tried, the name (or address) once plus one hash per label or prefix length.
-// Not thread-safe for building; queries are const and may run concurrently.
+// The hash-table peer: the matcher a C++ developer would write with hash
+// tables. Names sit in one open-addressing table keyed by (rule number, name),
+// each entry holding the name's own verdict and its "*." form's; a queried
+// name is looked up whole and then by each parent suffix, longest first, all
+// of their hashes from one backward pass over the name. See PeerMatcher for
+// the rest (applications, addresses, the fallback to rule 0).
+// Cost: 36 bytes per slot (a 32-byte entry and its tag) at up to 80% load,
+// sized ahead from the document's count of names; a query reads its
+// name twice (hashing, and comparing on a hit) and probes once per label,
+// per rule number tried. Build once; const queries may run concurrently.
 #ifndef TPA_BENCH_HASH_MATCHER_H_
 #define TPA_BENCH_HASH_MATCHER_H_
 
+#include <array>
 #include <cstdint>
-#include <string>
 #include <string_view>
-#include <unordered_map>
-#include <utility>
-#include <vector>
 
-#include "peer_common.h"
-#include "workload.h"
+#include "peer_matcher.h"
+#include "peer_tables.h"
 
 namespace tpa::bench {
 
-class HashMatcher {
+class HashNames {
  public:
-  void build(const RuleSet& rules);
-  [[nodiscard]] Answer query(std::string_view app, std::string_view destination) const;
+  // A queried name with the hash of itself and of each parent suffix.
+  struct Query {
+    std::string_view name;
+    std::uint64_t whole = 0;
+    int suffixes = 0;  // parent suffixes hashed, at most kMaxSuffixes
+    // Parent suffixes, shortest first: where each starts and its hash.
+    std::array<std::uint32_t, 127> start;
+    std::array<std::uint64_t, 127> hash;
+  };
+  static constexpr int kMaxSuffixes = 127;  // labels of the longest DNS name
+
+  static constexpr bool kViewsDocument = true;  // names are views into it
+
+  void reserve(std::size_t names, std::size_t) { table_.reserve(names); }
+  // `name` views the matcher's document; `wildcard` says it is "*.name".
+  void add(int rule, std::string_view name, bool wildcard, Verdict v);
+  void finish() {}
+  void prepare(std::string_view name, Query& q) const;
+  [[nodiscard]] Verdict find(int rule, const Query& q) const;
+  [[nodiscard]] std::size_t bytes() const { return table_.bytes(); }
 
  private:
-  struct V6Key {
-    std::uint64_t hi, lo;
-    bool operator==(const V6Key& o) const { return hi == o.hi && lo == o.lo; }
+  struct Slot {
+    const char* name = nullptr;
+    std::uint32_t length = 0;
+    std::int32_t rule = 0;
+    Verdict exact, wildcard;  // the name's own, and "*.name"'s
   };
-  struct V6Hash {
-    std::size_t operator()(const V6Key& k) const {
-      return std::hash<std::uint64_t>()(k.hi * 0x9e3779b97f4a7c15ull ^ k.lo);
-    }
-  };
-  // One list (include or exclude) of one rule number. Network maps are kept
-  // longest prefix first.
-  struct ListTables {
-    std::unordered_map<std::string_view, int> names;
-    std::unordered_map<std::string_view, int> wildcards;  // keyed by ".b.c"
-    std::unordered_map<std::uint32_t, int> v4;
-    std::unordered_map<V6Key, int, V6Hash> v6;
-    std::vector<std::pair<int, std::unordered_map<std::uint32_t, int>>> v4Nets;
-    std::vector<std::pair<int, std::unordered_map<V6Key, int, V6Hash>>> v6Nets;
-  };
-  struct RuleTables {
-    ListTables include, exclude;
-  };
+  [[nodiscard]] const Slot* slot(int rule, std::string_view name, std::uint64_t hash) const;
 
-  void add(ListTables& list, std::string_view text, int value);
-  [[nodiscard]] ListHit find(const ListTables& list, const Destination& d, int digits) const;
-  [[nodiscard]] bool lookup(const Destination& d, int rule, Answer& out) const;
-
-  // Every indexed string lives here; the maps hold views into it. Reserved
-  // in one piece before the first append, so the views never move.
-  std::string arena_;
-  std::unordered_map<std::string_view, int> apps_;  // application -> rule number
-  std::vector<RuleTables> rules_;                   // indexed by rule number
+  TaggedTable<Slot> table_;
 };
+
+using HashMatcher = PeerMatcher<HashNames>;
 
 }  // namespace tpa::bench
 

@@ -1,162 +1,90 @@
 #include "marisa_matcher.h"
 
-#include <marisa/agent.h>
-#include <marisa/keyset.h>
-
-#include <algorithm>
+#include <cassert>
 
 namespace tpa::bench {
 
-namespace {
+MarisaNames::MarisaNames() : agent_(std::make_unique<marisa::Agent>()) {}
+MarisaNames::~MarisaNames() = default;
+MarisaNames::MarisaNames(MarisaNames&&) noexcept = default;
+MarisaNames& MarisaNames::operator=(MarisaNames&&) noexcept = default;
 
-constexpr int kUnset = -2;
-
-void appendPrefix(std::string& key, int rule, char flag) {
-  char digits[12];
-  int n = 0;
-  do {
-    digits[n++] = static_cast<char>('0' + rule % 10);
-    rule /= 10;
-  } while (rule > 0);
-  while (n > 0) key += digits[--n];
-  key += '|';
-  key += flag;
+void MarisaNames::add(int rule, std::string_view name, bool wildcard, Verdict v) {
+  if (rule == 0) return add(any_, name, wildcard, v);
+  if (rule != current_.rule) build(current_);
+  current_.rule = rule;
+  add(current_, name, wildcard, v);
 }
 
-void appendReversed(std::string& key, std::string_view s) { key.append(s.rbegin(), s.rend()); }
-
-void appendBits(std::string& key, const Destination& d, int bits) {
-  for (int i = 0; i < bits; ++i) key += ((d.address[i / 8] >> (7 - i % 8)) & 1u) ? '1' : '0';
+void MarisaNames::add(Batch& batch, std::string_view name, bool wildcard, Verdict v) {
+  batch.names.push_back({static_cast<std::uint32_t>(batch.reversed.size()),
+                         static_cast<std::uint32_t>(name.size()), wildcard, v});
+  batch.reversed.append(name.rbegin(), name.rend());
 }
 
-// The trie key of a list entry (see the class comment).
-std::string entryKey(const Destination& d, int rule, char flag) {
-  std::string key;
-  appendPrefix(key, rule, flag);
-  switch (d.kind) {
-    case Destination::kDomain:
-    case Destination::kWildcard:
-      key += 'n';
-      appendReversed(key, d.text);
-      break;
-    case Destination::kIPv4:
-      key += '4';
-      appendBits(key, d, 32);
-      key += 'x';
-      break;
-    case Destination::kIPv6:
-      key += '6';
-      appendBits(key, d, 128);
-      key += 'x';
-      break;
-    case Destination::kIPv4Net:
-      key += '4';
-      appendBits(key, d, d.prefix);
-      break;
-    case Destination::kIPv6Net:
-      key += '6';
-      appendBits(key, d, d.prefix);
-      break;
+void MarisaNames::finish() {
+  any_.rule = 0;
+  build(any_);
+  build(current_);
+  any_ = Batch();
+  current_ = Batch();
+}
+
+void MarisaNames::build(Batch& batch) {
+  if (batch.names.empty()) return;
+  const auto rule = static_cast<std::size_t>(batch.rule);
+  if (scopes_.size() <= rule) scopes_.resize(rule + 1);
+  Scope& s = scopes_[rule];
+  assert(!s.trie && "a rule number's names come together");
+  marisa::Keyset keys;
+  for (const Batch::Name& n : batch.names) keys.push_back(batch.reversed.data() + n.offset, n.length);
+  s.trie = std::make_unique<marisa::Trie>();
+  // One trie level and a large cache: several times faster on these small
+  // tries than the default three levels, and no bigger.
+  s.trie->build(keys, MARISA_HUGE_CACHE | 1);
+  s.forms.assign(s.trie->num_keys(), Forms());
+  // A name listed twice shares one key id: its verdicts merge.
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    const Batch::Name& n = batch.names[i];
+    Forms& f = s.forms[keys[i].id()];
+    (n.wildcard ? f.wildcard : f.exact).merge(n.verdict);
   }
-  return key;
+  batch.names.clear();
+  batch.reversed.clear();
+  batch.rule = -1;
 }
 
-// Builds `trie` over `keys` and lays `values` out by key id; the first value
-// given for a key wins.
-void buildTrie(marisa::Trie& trie, const std::vector<std::string>& keys,
-               const std::vector<int>& values, std::vector<int>& byId) {
-  marisa::Keyset keyset;
-  for (const std::string& k : keys) keyset.push_back(k.data(), k.size());
-  trie.build(keyset);
-  byId.assign(trie.num_keys(), kUnset);
-  for (std::size_t i = 0; i < keyset.size(); ++i) {
-    int& slot = byId[keyset[i].id()];
-    if (slot == kUnset) slot = values[i];
-  }
+void MarisaNames::prepare(std::string_view name, Query& q) const {
+  reversed_.assign(name.rbegin(), name.rend());
+  q.reversed = reversed_;
 }
 
-}  // namespace
-
-MarisaMatcher::MarisaMatcher() : agent_(std::make_unique<marisa::Agent>()) {}
-MarisaMatcher::~MarisaMatcher() = default;
-
-void MarisaMatcher::build(const RuleSet& rules) {
-  std::vector<std::string> appKeys, destinationKeys;
-  std::vector<int> appValues, destinationValues;
-  for (std::size_t i = 0; i < rules.rules.size(); ++i) {
-    const DocumentRule& r = rules.rules[i];
-    const int number = ruleNumberOf(r.apps.empty(), i);
-    for (const std::string& a : r.apps) {
-      appKeys.push_back(a);
-      appValues.push_back(number);
-    }
-    for (const std::string& d : r.include) {
-      destinationKeys.push_back(entryKey(parseDestination(d), number, '1'));
-      destinationValues.push_back(r.id);
-    }
-    for (const std::string& d : r.exclude) {
-      destinationKeys.push_back(entryKey(parseDestination(d), number, '0'));
-      destinationValues.push_back(r.id);
-    }
-  }
-  buildTrie(apps_, appKeys, appValues, appRules_);
-  buildTrie(destinations_, destinationKeys, destinationValues, values_);
-}
-
-std::size_t MarisaMatcher::sizeInBytes() const {
-  return apps_.io_size() + destinations_.io_size() +
-         (appRules_.size() + values_.size()) * sizeof(int);
-}
-
-ListHit MarisaMatcher::find(const Destination& d, int rule, char flag) {
-  key_.clear();
-  appendPrefix(key_, rule, flag);
-  const std::size_t base = key_.size() + 1;
-  const int digits = decimalDigits(rule);
-  const bool name = d.kind == Destination::kDomain;
-  if (name) {
-    key_ += 'n';
-    appendReversed(key_, d.text);
-  } else {
-    const int bits = d.kind == Destination::kIPv4 ? 32 : 128;
-    key_ += d.kind == Destination::kIPv4 ? '4' : '6';
-    appendBits(key_, d, bits);
-    key_ += 'x';
-  }
-  agent_->set_query(key_.data(), key_.size());
-  std::size_t longest = 0;  // the longest partial (wildcard or network) key
-  int longestId = -1;
-  while (destinations_.common_prefix_search(*agent_)) {
+Verdict MarisaNames::find(int rule, const Query& q) const {
+  if (static_cast<std::size_t>(rule) >= scopes_.size() || !scopes_[rule].trie) return {};
+  const Scope& s = scopes_[rule];
+  const std::string_view key = q.reversed;
+  agent_->set_query(key.data(), key.size());
+  // Prefixes come shortest first: the last one with a verdict of its form is
+  // the most specific. A prefix is a parent suffix when a dot follows it.
+  Verdict best;
+  while (s.trie->common_prefix_search(*agent_)) {
     const std::size_t length = agent_->key().length();
-    const int id = static_cast<int>(agent_->key().id());
-    if (length == key_.size()) {
-      const int nameLength =
-          name ? static_cast<int>(d.text.size())
-               : (d.kind == Destination::kIPv4 ? kIPv4TextLength : kIPv6TextLength);
-      return exactHit(nameLength, digits, values_[id]);
-    }
-    if (length > base && (!name || key_[length - 1] == '.')) {
-      longest = length;
-      longestId = id;
+    const Forms& f = s.forms[agent_->key().id()];
+    if (length == key.size()) {
+      if (f.exact.found()) return f.exact;
+    } else if (key[length] == '.' && f.wildcard.found()) {
+      best = f.wildcard;
     }
   }
-  if (longestId < 0) return {};
-  const int partial = static_cast<int>(longest - base);
-  return name ? wildcardHit(partial, digits, values_[longestId])
-              : exactHit(partial, digits, values_[longestId]);
+  return best;
 }
 
-bool MarisaMatcher::lookup(const Destination& d, int rule, Answer& out) {
-  const ListHit in = find(d, rule, '1');
-  const ListHit ex = find(d, rule, '0');
-  return weigh(in, ex, out);
-}
-
-Answer MarisaMatcher::query(std::string_view app, std::string_view destination) {
-  agent_->set_query(app.data(), app.size());
-  const int rule = apps_.lookup(*agent_) ? appRules_[agent_->key().id()] : 0;
-  const Destination d = parseQuery(destination);
-  return answerWithFallback(rule, [&](int r, Answer& out) { return lookup(d, r, out); });
+std::size_t MarisaNames::bytes() const {
+  std::size_t n = scopes_.capacity() * sizeof(Scope);
+  for (const Scope& s : scopes_) {
+    if (s.trie) n += s.trie->io_size() + s.forms.capacity() * sizeof(Forms);
+  }
+  return n;
 }
 
 }  // namespace tpa::bench

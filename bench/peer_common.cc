@@ -16,6 +16,24 @@ void maskHostBits(Destination& d, int width) {
   }
 }
 
+// inet_pton's IPv4 form without its copy into a C string: four decimal parts
+// of at most 255, separated by dots, without leading zeros.
+bool parseIPv4(std::string_view s, std::array<std::uint8_t, 16>& out) {
+  std::size_t i = 0;
+  for (int part = 0; part < 4; ++part) {
+    if (part > 0 && (i >= s.size() || s[i++] != '.')) return false;
+    const std::size_t start = i;
+    unsigned value = 0;
+    for (; i < s.size() && s[i] >= '0' && s[i] <= '9'; ++i) {
+      value = value * 10 + static_cast<unsigned>(s[i] - '0');
+      if (value > 255) return false;
+    }
+    if (i == start || (i - start > 1 && s[start] == '0')) return false;
+    out[part] = static_cast<std::uint8_t>(value);
+  }
+  return i == s.size();
+}
+
 }  // namespace
 
 Destination parseDestination(std::string_view text) {
@@ -58,11 +76,20 @@ Destination parseDestination(std::string_view text) {
 }
 
 Destination parseQuery(std::string_view text) {
-  Destination d = parseDestination(text);
-  if (d.kind != Destination::kIPv4 && d.kind != Destination::kIPv6) {
-    d.kind = Destination::kDomain;
-    d.text = text;
+  Destination d;
+  d.text = text;
+  if (text.empty()) return d;
+  const char last = text.back();
+  if (last >= '0' && last <= '9' && parseIPv4(text, d.address)) {
+    d.kind = Destination::kIPv4;
+    return d;
   }
+  char buf[64];
+  if (text.find(':') == std::string_view::npos || text.size() >= sizeof buf) return d;
+  std::memcpy(buf, text.data(), text.size());
+  buf[text.size()] = '\0';
+  d.address = {};
+  if (inet_pton(AF_INET6, buf, d.address.data()) == 1) d.kind = Destination::kIPv6;
   return d;
 }
 

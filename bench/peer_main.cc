@@ -1,45 +1,41 @@
-// tpa_peer: the hash-map or MARISA matcher behind the command-line protocol
-// of `tpa query` (APP<TAB>DEST lines in, include<TAB>VALUE or
-// exclude<TAB>VALUE lines out), so that scripts/cli_bench.py can time all
-// three as a user would: process start, reading the document, building,
-// parsing each line and writing each answer.
-//   tpa_peer hash|marisa RULES.json < queries
+// tpa_peer: a peer matcher behind the command-line protocol of `tpa query`
+// (APP<TAB>DEST lines in, include<TAB>VALUE or exclude<TAB>VALUE lines out),
+// so that bench/cli_bench.py can time them all as a user would: process start,
+// reading the document, building, parsing each line and writing each answer.
+// `null` reads no document and answers every line "exclude<TAB>-1": the cost
+// of the line reading and writing alone.
+//   tpa_peer hash|marisa|null RULES.json < queries
+#include <unistd.h>
+
 #include <cstdio>
 #include <fstream>
-#include <iterator>
 #include <string>
-#include <string_view>
 
 #include "hash_matcher.h"
 #include "marisa_matcher.h"
-#include "workload.h"
+#include "peer_io.h"
 
 namespace {
 
-// Reads stdin in blocks and answers each whole line; output is buffered
-// until the end, as `tpa query` buffers it into a pipe.
+bool readFile(const char* path, std::string& text) {
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
+  if (!in) return false;
+  text.resize(static_cast<std::size_t>(in.tellg()));
+  in.seekg(0);
+  return static_cast<bool>(in.read(text.data(), static_cast<std::streamsize>(text.size())));
+}
+
 template <typename Matcher>
-int answerStream(Matcher& matcher) {
-  static char out[1 << 16];
-  std::setvbuf(stdout, out, _IOFBF, sizeof out);
-  std::string pending;
-  char block[1 << 16];
-  char reply[32];
-  for (std::size_t got; (got = std::fread(block, 1, sizeof block, stdin)) > 0;) {
-    pending.append(block, got);
-    std::size_t start = 0;
-    for (std::size_t end; (end = pending.find('\n', start)) != std::string::npos; start = end + 1) {
-      const std::string_view line(pending.data() + start, end - start);
-      const std::size_t tab = line.find('\t');
-      if (tab == std::string_view::npos) continue;
-      const tpa::bench::Answer a = matcher.query(line.substr(0, tab), line.substr(tab + 1));
-      const int n = std::snprintf(reply, sizeof reply, "%s\t%d\n",
-                                  a.decision == 1 ? "include" : "exclude", a.value);
-      std::fwrite(reply, 1, static_cast<std::size_t>(n), stdout);
-    }
-    pending.erase(0, start);
+int serve(const char* rules) {
+  std::string document;
+  if (!readFile(rules, document)) {
+    std::perror(rules);
+    return 66;
   }
-  std::fflush(stdout);
+  Matcher m;
+  m.build(std::move(document));
+  tpa::bench::answerLines(STDIN_FILENO, STDOUT_FILENO,
+                          [&m](std::string_view app, std::string_view d) { return m.query(app, d); });
   return 0;
 }
 
@@ -47,19 +43,13 @@ int answerStream(Matcher& matcher) {
 
 int main(int argc, char** argv) {
   const std::string kind = argc == 3 ? argv[1] : "";
-  if (kind != "hash" && kind != "marisa") {
-    std::fprintf(stderr, "usage: tpa_peer hash|marisa RULES.json < queries\n");
-    return 64;
+  if (kind == "hash") return serve<tpa::bench::HashMatcher>(argv[2]);
+  if (kind == "marisa") return serve<tpa::bench::MarisaMatcher>(argv[2]);
+  if (kind == "null") {
+    tpa::bench::answerLines(STDIN_FILENO, STDOUT_FILENO,
+                            [](std::string_view, std::string_view) { return tpa::bench::Answer{}; });
+    return 0;
   }
-  std::ifstream in(argv[2], std::ios::binary);
-  const std::string json((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  const tpa::bench::RuleSet rules = tpa::bench::fromJson(json);
-  if (kind == "hash") {
-    tpa::bench::HashMatcher m;
-    m.build(rules);
-    return answerStream(m);
-  }
-  tpa::bench::MarisaMatcher m;
-  m.build(rules);
-  return answerStream(m);
+  std::fprintf(stderr, "usage: tpa_peer hash|marisa|null RULES.json < queries\n");
+  return 64;
 }

@@ -31,13 +31,13 @@ std::unique_ptr<NaiveReference> makeNaive(const Workload& w) {
 
 std::unique_ptr<HashMatcher> makeHash(const Workload& w) {
   auto m = std::make_unique<HashMatcher>();
-  m->build(w.rules);
+  m->build(w.json);
   return m;
 }
 
 std::unique_ptr<MarisaMatcher> makeMarisa(const Workload& w) {
   auto m = std::make_unique<MarisaMatcher>();
-  m->build(w.rules);
+  m->build(w.json);
   return m;
 }
 

@@ -425,43 +425,58 @@ std::string toJson(const RuleSet& rules) {
   return json;
 }
 
-RuleSet fromJson(const std::string& json) {
-  RuleSet out;
-  std::vector<std::string>* list = nullptr;  // the list being read, if any
-  bool id = false;                           // the next string is the id
+void scanDocument(std::string_view json,
+                  const std::function<void(const RuleText&, std::size_t)>& visit) {
+  RuleText rule;
+  std::size_t index = 0;
+  std::vector<std::string_view>* list = nullptr;  // the list being read, if any
+  bool id = false;                                // the next string is the id
   for (std::size_t i = 0; i < json.size(); ++i) {
     const char c = json[i];
     if (c == '{') {
-      out.rules.emplace_back();
+      rule.id = 0;
+      rule.apps.clear();
+      rule.include.clear();
+      rule.exclude.clear();
+    } else if (c == '}') {
+      rule.lambdaApp = rule.apps.size() == 1 && rule.apps[0] == "#LAMBDA-APP";
+      if (rule.lambdaApp) rule.apps.clear();
+      visit(rule, index++);
     } else if (c == ']') {
       list = nullptr;
     } else if (c == '"') {
       const std::size_t end = json.find('"', i + 1);
-      if (end == std::string::npos || out.rules.empty()) break;
-      const std::string s = json.substr(i + 1, end - i - 1);
+      if (end == std::string_view::npos) break;
+      const std::string_view s = json.substr(i + 1, end - i - 1);
       i = end;
-      DocumentRule& r = out.rules.back();
       if (list != nullptr) {
         list->push_back(s);
       } else if (id) {
-        r.id = std::atoi(s.c_str());
+        rule.id = std::atoi(std::string(s).c_str());
         id = false;
       } else if (s == "id") {
         id = true;
       } else if (s == "match_apps" || s == "include" || s == "exclude") {
-        list = s == "match_apps" ? &r.apps : s == "include" ? &r.include : &r.exclude;
+        list = s == "match_apps" ? &rule.apps : s == "include" ? &rule.include : &rule.exclude;
       }
     }
   }
-  for (std::uint32_t n = 0; n < out.rules.size(); ++n) {
-    DocumentRule& r = out.rules[n];
-    if (r.apps.size() == 1 && r.apps[0] == "#LAMBDA-APP") {
-      r.apps.clear();
-      r.lambdaApp = true;
-    }
+}
+
+RuleSet fromJson(const std::string& json) {
+  RuleSet out;
+  scanDocument(json, [&out](const RuleText& t, std::size_t index) {
+    DocumentRule r;
+    r.id = t.id;
+    r.lambdaApp = t.lambdaApp;
+    r.apps.assign(t.apps.begin(), t.apps.end());
+    r.include.assign(t.include.begin(), t.include.end());
+    r.exclude.assign(t.exclude.begin(), t.exclude.end());
+    const auto n = static_cast<std::uint32_t>(index);
     for (const std::string& d : r.include) out.entries.push_back({n, true, DestKind::kDomain, d});
     for (const std::string& d : r.exclude) out.entries.push_back({n, false, DestKind::kDomain, d});
-  }
+    out.rules.push_back(std::move(r));
+  });
   out.destinations = out.entries.size();
   return out;
 }

@@ -7,8 +7,10 @@
 #define TPA_BENCH_WORKLOAD_H_
 
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -84,9 +86,22 @@ struct RuleSet {
 // The rules document: a JSON array of flat objects with quoted values.
 [[nodiscard]] std::string toJson(const RuleSet& rules);
 
-// The rules of a document that toJson wrote (and only of such a document:
-// quoted strings without escapes, one flat object per rule); entries carry
-// their rule, list and text only. For the command-line peers.
+// One rule of a document as toJson wrote it, its strings viewing the text.
+// An ["#LAMBDA-APP"] list reads as no applications with `lambdaApp` set.
+struct RuleText {
+  int id = 0;
+  bool lambdaApp = false;
+  std::vector<std::string_view> apps, include, exclude;
+};
+
+// Calls `visit(rule, index)` for each rule of a document that toJson wrote
+// (and only of such a document: quoted strings without escapes, one flat
+// object per rule), in document order. The peers build from it, with their
+// keys viewing the document.
+void scanDocument(std::string_view json,
+                  const std::function<void(const RuleText&, std::size_t)>& visit);
+
+// The rules of such a document; entries carry their rule, list and text only.
 [[nodiscard]] RuleSet fromJson(const std::string& json);
 
 // What a query is aimed at.

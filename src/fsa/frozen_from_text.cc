@@ -1,0 +1,368 @@
+// The frozen form made straight from the text, without the online automaton.
+//
+// The states of the suffix automaton of a text T (n characters) other than
+// the start state are the nodes of the suffix tree of R, T reversed: a string
+// s of T whose occurrences end at a set E is the string reverse(s) of R whose
+// occurrences start at the mirrored set, so the states (sets of end
+// positions) are the nodes (sets of suffixes, intervals of R's suffix array).
+// In the suffix array and its LCP array the nodes are the lcp-intervals of
+// value > 0 and the positions whose suffix is longer than its LCP with both
+// neighbours (no terminator: a suffix that is the prefix of another is the
+// left end of an lcp-interval of its own length). The rest follows:
+//
+// - A node whose interval holds the suffix of R of exactly its depth is the
+//   state of a prefix of T, state e + 1 for the prefix ending at e; every
+//   other node is a clone, numbered after them.
+// - A state's value is the one given at its first end position in T (a clone
+//   copies the value of the state it splits, which ends first where it does):
+//   R's largest suffix position in the interval, mirrored.
+// - The transition of a state on c is the Weiner link of its node: the suffix
+//   positions of c + label are the LF images of the positions in the
+//   interval whose BWT character is c, so the target's interval runs from the
+//   image of the first such position to that of the last. A single position
+//   is the state of a prefix; a longer interval is a clone if one was found
+//   there, else the prefix state whose suffix starts it.
+//
+// The tree is walked bottom-up twice over the arrays (Abouelhoda, Kurtz and
+// Ohlebusch's lcp-interval traversal), once to count states, transitions and
+// values, once to place them; a node carries, per BWT character of its
+// interval, the LF images of the first and last occurrence. Memory: R, its
+// suffix array and LCP array (9 bytes per character), per clone 12 bytes
+// while counting and 8 after, 2 bytes per state, and the frozen form.
+#include <algorithm>
+#include <utility>
+
+#include "fsa/frozen_automaton.h"
+#include "fsa/suffix_sort.h"
+
+namespace tpa::fsa {
+
+namespace {
+
+using Index = std::int32_t;
+
+// What a node's interval holds of one BWT character c: the LF images of its
+// first and last occurrence there, which bound the interval of c + label.
+struct Reach {
+  unsigned char c;
+  Index lo;
+  Index hi;
+};
+
+enum class NodeKind { kRoot, kPrefix, kClone };
+
+// A node as the walk reports it.
+struct Node {
+  NodeKind kind;
+  Index lb, rb;   // its interval of the suffix array
+  Index maxSuffix;  // the largest suffix position of R in it (its first end in T, mirrored)
+  const Reach* reach;  // per character, in character order
+  std::size_t reaches;
+};
+
+// R with its suffix array and LCP array, walked bottom-up.
+class ReversedTree {
+ public:
+  explicit ReversedTree(const std::vector<unsigned char>& text)
+      : n_(static_cast<Index>(text.size())), reversed_(text.rbegin(), text.rend()) {
+    sa_ = suffixArray(reversed_.data(), n_);
+    plcp_ = prefixLcp(reversed_.data(), sa_);
+    for (const unsigned char c : reversed_) ++start_[c + 1];
+    for (int c = 0; c < 256; ++c) start_[c + 1] += start_[c];
+  }
+
+  Index size() const { return n_; }
+  Index suffixAt(Index j) const { return sa_[static_cast<std::size_t>(j)]; }
+  // The character of T after the prefix whose mirror starts at R's position i.
+  unsigned char before(Index i) const { return reversed_[static_cast<std::size_t>(i - 1)]; }
+
+  // Calls visit(const Node&) for every node, children before their parent,
+  // the root last. n >= 1.
+  template <typename Visit>
+  void walk(Visit visit) {
+    Index seen[256] = {};
+    stack_.clear();
+    reach_.clear();
+    stack_.push_back(Open{0, 0, -1, false, 0});
+    // The empty suffix, sorted before all, is followed in R by T's first
+    // character: the start state's transition into state 1.
+    const unsigned char first = reversed_[static_cast<std::size_t>(n_ - 1)];
+    add(Reach{first, start_[first], start_[first]});
+    seen[first] = 1;
+    for (Index j = 0; j < n_; ++j) {
+      const Index suffix = suffixAt(j);
+      const Index next = j + 1 < n_ ? lcp(j + 1) : 0;
+      Reach own{0, -1, -1};
+      if (suffix > 0) {
+        const unsigned char c = before(suffix);
+        own = Reach{c, start_[c] + seen[c], start_[c] + seen[c]};
+        ++seen[c];
+      }
+      if (next > stack_.back().lcp && n_ - suffix == next) {
+        // The suffix is the prefix of the next one: the node of its own length.
+        stack_.push_back(Open{next, j, suffix, true, reach_.size()});
+        if (own.lo >= 0) add(own);
+        continue;
+      }
+      if (next > stack_.back().lcp) stack_.push_back(Open{next, j, -1, false, reach_.size()});
+      visit(Node{NodeKind::kPrefix, j, j, suffix, &own, own.lo >= 0 ? 1u : 0u});
+      stack_.back().maxSuffix = std::max(stack_.back().maxSuffix, suffix);
+      if (own.lo >= 0) add(own);
+      close(next, j, visit);
+    }
+    const Open& root = stack_.back();
+    visit(Node{NodeKind::kRoot, 0, n_ - 1, root.maxSuffix, reach_.data() + root.reachStart,
+               reach_.size() - root.reachStart});
+  }
+
+ private:
+  // An interval whose right end is not reached yet; its reaches are
+  // reach_[reachStart, the next open interval's reachStart).
+  struct Open {
+    Index lcp;
+    Index lb;
+    Index maxSuffix;
+    bool prefix;  // holds the suffix of its own length, at lb
+    std::size_t reachStart;
+  };
+
+  Index lcp(Index j) const { return plcp_[static_cast<std::size_t>(suffixAt(j))]; }
+
+  // Ends the open intervals deeper than `depth` at rb, each a child of the
+  // one below it or of a new interval of that depth.
+  template <typename Visit>
+  void close(Index depth, Index rb, Visit& visit) {
+    while (depth < stack_.back().lcp) {
+      const Open done = stack_.back();
+      stack_.pop_back();
+      visit(Node{done.prefix ? NodeKind::kPrefix : NodeKind::kClone, done.lb, rb, done.maxSuffix,
+                 reach_.data() + done.reachStart, reach_.size() - done.reachStart});
+      if (depth > stack_.back().lcp) {
+        // Its parent starts where it does and takes its reaches as they are.
+        stack_.push_back(Open{depth, done.lb, done.maxSuffix, false, done.reachStart});
+        return;
+      }
+      Open& parent = stack_.back();
+      parent.maxSuffix = std::max(parent.maxSuffix, done.maxSuffix);
+      mergeTop(parent.reachStart, done.reachStart);
+    }
+  }
+
+  // One more occurrence, right of all before, in the top interval.
+  void add(const Reach& r) {
+    const auto begin = reach_.begin() + static_cast<std::ptrdiff_t>(stack_.back().reachStart);
+    auto at = std::lower_bound(begin, reach_.end(), r.c,
+                               [](const Reach& x, unsigned char c) { return x.c < c; });
+    if (at != reach_.end() && at->c == r.c) {
+      at->hi = r.hi;
+    } else {
+      reach_.insert(at, r);
+    }
+  }
+
+  // Merges a closed child's reaches [child, end) into its parent's
+  // [parent, child), which lie left of them.
+  void mergeTop(std::size_t parent, std::size_t child) {
+    merged_.clear();
+    std::size_t i = parent, k = child;
+    while (i < child || k < reach_.size()) {
+      if (k == reach_.size() || (i < child && reach_[i].c < reach_[k].c)) {
+        merged_.push_back(reach_[i++]);
+      } else if (i == child || reach_[k].c < reach_[i].c) {
+        merged_.push_back(reach_[k++]);
+      } else {
+        merged_.push_back(Reach{reach_[i].c, reach_[i].lo, reach_[k].hi});
+        ++i, ++k;
+      }
+    }
+    reach_.resize(parent);
+    reach_.insert(reach_.end(), merged_.begin(), merged_.end());
+  }
+
+  Index n_;
+  std::vector<unsigned char> reversed_;
+  std::vector<Index> sa_;
+  std::vector<Index> plcp_;    // by suffix position
+  Index start_[257] = {};      // where the suffixes starting with each character begin
+  std::vector<Open> stack_;    // the root at the bottom, deeper intervals above
+  std::vector<Reach> reach_;   // the open intervals' reaches, bottom to top
+  std::vector<Reach> merged_;  // scratch of mergeTop
+};
+
+// The clones by interval, for the targets of transitions.
+class CloneIndex {
+ public:
+  struct Clone {
+    Index lb, rb, id;
+  };
+
+  // Takes the clones found (any order). Throws std::bad_alloc.
+  void build(std::vector<Clone>& clones, Index n) {
+    std::sort(clones.begin(), clones.end(), [](const Clone& a, const Clone& b) {
+      return a.lb != b.lb ? a.lb < b.lb : a.rb < b.rb;
+    });
+    hasClones_.resize(static_cast<std::size_t>(n));
+    entries_.reserve(clones.size());
+    for (std::size_t k = 0; k < clones.size(); ++k) {
+      if (k == 0 || clones[k].lb != clones[k - 1].lb) {
+        hasClones_.set(static_cast<std::size_t>(clones[k].lb));
+        firstOf_.push_back(static_cast<std::uint32_t>(k));
+      }
+      entries_.emplace_back(clones[k].rb, clones[k].id);
+    }
+    firstOf_.push_back(static_cast<std::uint32_t>(clones.size()));
+    hasClones_.seal();
+    clones = std::vector<Clone>();
+  }
+
+  // The clone of interval [lb, rb], or -1.
+  Index find(Index lb, Index rb) const {
+    if (!hasClones_.test(static_cast<std::size_t>(lb))) return -1;
+    const std::uint32_t r = hasClones_.rank(static_cast<std::size_t>(lb));
+    for (std::uint32_t k = firstOf_[r]; k < firstOf_[r + 1]; ++k) {
+      if (entries_[k].first == rb) return entries_[k].second;
+    }
+    return -1;
+  }
+
+ private:
+  RankedBits hasClones_;                        // left ends with clones
+  std::vector<std::uint32_t> firstOf_;          // per such left end, +1: its first entry
+  std::vector<std::pair<Index, Index>> entries_;  // (right end, state) by left end, right end
+};
+
+}  // namespace
+
+std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned char>& text,
+                                                           const std::vector<ValuedKey>& keys,
+                                                           std::int64_t maxStates,
+                                                           std::int64_t& states) {
+  const auto n = static_cast<Index>(text.size());
+  std::vector<StoredKey> stored;
+  stored.reserve(keys.size());
+  for (const ValuedKey& k : keys) stored.push_back(StoredKey{k.end, k.length});
+  if (n == 0) {
+    states = 1;
+    if (maxStates < 1) return nullptr;
+    Builder empty(1, 0, Sizes{0, 0, 0});
+    empty.beginState(0, kNoValue);
+    return empty.finish(stored, {});
+  }
+  // The value at each end position of T.
+  RankedBits keyEnds;
+  keyEnds.resize(text.size());
+  for (const ValuedKey& k : keys) keyEnds.set(static_cast<std::size_t>(k.end));
+  keyEnds.seal();
+  const auto valuedAt = [&](Index e) { return keyEnds.test(static_cast<std::size_t>(e)); };
+
+  ReversedTree tree(text);
+  const auto firstEnd = [n](const Node& node) { return n - 1 - node.maxSuffix; };
+  const auto prefixState = [n](Index suffix) { return n - suffix; };
+
+  // First walk: the clones, and what each state stores.
+  std::vector<CloneIndex::Clone> clones;
+  std::vector<bool> cloneValued;
+  std::vector<std::uint16_t> edges(static_cast<std::size_t>(n) + 1, 0);  // per state, clones appended
+  tree.walk([&](const Node& node) {
+    if (node.kind == NodeKind::kRoot) return;
+    // A prefix state's transition on the next character of T is the text's.
+    const std::size_t fromText = node.kind == NodeKind::kPrefix && node.maxSuffix > 0 ? 1 : 0;
+    const auto stored = static_cast<std::uint16_t>(node.reaches - fromText);
+    if (node.kind == NodeKind::kPrefix) {
+      edges[static_cast<std::size_t>(prefixState(node.maxSuffix))] = stored;
+      return;
+    }
+    clones.push_back(CloneIndex::Clone{node.lb, node.rb, n + 1 + static_cast<Index>(clones.size())});
+    cloneValued.push_back(valuedAt(firstEnd(node)));
+    edges.push_back(stored);
+  });
+  states = 1 + static_cast<std::int64_t>(n) + static_cast<std::int64_t>(clones.size());
+  if (states > maxStates) return nullptr;
+
+  // The layout: which states have runs and values, and where each run starts.
+  auto frozen = std::make_unique<FrozenAutomaton>();
+  FrozenAutomaton& f = *frozen;
+  const auto total = static_cast<std::size_t>(states);
+  std::fill(std::begin(f.root_), std::end(f.root_), -1);
+  f.stateCount_ = static_cast<int>(states);
+  f.targetWidth_ = states <= (1 << 24) ? 3 : 4;
+  f.hasEdges_.resize(total);
+  f.valued_.resize(total);
+  std::size_t edgeCount = 0;
+  for (std::size_t s = 0; s < total; ++s) {
+    if (edges[s] == 0) continue;
+    f.hasEdges_.set(s);
+    f.edgeStart_.push_back(static_cast<std::uint32_t>(edgeCount));
+    edgeCount += edges[s];
+  }
+  f.edgeStart_.push_back(static_cast<std::uint32_t>(edgeCount));
+  edges = std::vector<std::uint16_t>();
+  f.runs_.resize(edgeCount * f.edgeBytes());
+  for (const ValuedKey& k : keys) f.valued_.set(static_cast<std::size_t>(k.end) + 1);
+  for (std::size_t c = 0; c < cloneValued.size(); ++c) {
+    if (cloneValued[c]) f.valued_.set(static_cast<std::size_t>(n) + 1 + c);
+  }
+  cloneValued = std::vector<bool>();
+  f.hasEdges_.seal();
+  f.valued_.seal();
+  f.values_.resize(f.valued_.rank(total));
+  CloneIndex cloneIndex;
+  cloneIndex.build(clones, n);
+
+  // Second walk: values and transitions in place.
+  const auto stateOf = [&](Index lb, Index rb) {
+    if (lb == rb) return prefixState(tree.suffixAt(lb));
+    const Index clone = cloneIndex.find(lb, rb);
+    return clone >= 0 ? clone : prefixState(tree.suffixAt(lb));
+  };
+  tree.walk([&](const Node& node) {
+    const Index s = node.kind == NodeKind::kRoot     ? 0
+                    : node.kind == NodeKind::kPrefix ? prefixState(node.maxSuffix)
+                                                     : stateOf(node.lb, node.rb);
+    if (node.kind == NodeKind::kRoot) {
+      for (std::size_t k = 0; k < node.reaches; ++k) {
+        f.root_[node.reach[k].c] = stateOf(node.reach[k].lo, node.reach[k].hi);
+      }
+      return;
+    }
+    const auto at = static_cast<std::size_t>(s);
+    if (f.valued_.test(at)) {
+      const Index e = firstEnd(node);
+      const ValuedKey& k = keys[keyEnds.rank(static_cast<std::size_t>(e))];
+      f.values_[f.valued_.rank(at)] = Value{k.length, k.value};
+    }
+    if (!f.hasEdges_.test(at)) return;
+    const std::uint32_t r = f.hasEdges_.rank(at);
+    const std::uint32_t count = f.edgeStart_[r + 1] - f.edgeStart_[r];
+    unsigned char* run = &f.runs_[f.edgeStart_[r] * f.edgeBytes()];
+    std::uint32_t k = 0;
+    for (std::size_t i = 0; i < node.reaches; ++i) {
+      const Reach& reach = node.reach[i];
+      if (node.kind == NodeKind::kPrefix && s < n && reach.c == tree.before(node.maxSuffix)) {
+        continue;  // read from the text
+      }
+      const auto target = static_cast<std::uint32_t>(stateOf(reach.lo, reach.hi));
+      run[k] = reach.c;
+      for (unsigned b = 0; b < f.targetWidth_; ++b) {
+        run[count + k * f.targetWidth_ + b] = static_cast<unsigned char>(target >> (8 * b));
+      }
+      ++k;
+    }
+  });
+
+  f.text_ = std::move(text);
+  text = std::vector<unsigned char>();
+  // A key is found whole when its first copy ends in a state of its length.
+  std::vector<StoredKey> whole;
+  for (const StoredKey& k : stored) {
+    Value v;
+    const char* key = reinterpret_cast<const char*>(f.text_.data()) + (k.end + 1 - k.length);
+    if (f.tryFindFull(key, k.length, v) == k.length && v.storedKeyLength == k.length) {
+      whole.push_back(k);
+    }
+  }
+  f.indexKeys(stored, whole);
+  return frozen;
+}
+
+}  // namespace tpa::fsa

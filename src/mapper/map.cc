@@ -125,13 +125,13 @@ Map::Map(int capacity) : capacity_(capacity) {}
 
 Map::~Map() = default;
 
-int Map::construct(int appsSize, int includeSize, int excludeSize) {
+int Map::construct(int appsSize, int includeSize, int excludeSize, fsa::Construction lists) {
   apps_ = std::make_unique<Machine>();
   include_ = std::make_unique<Machine>();
   exclude_ = std::make_unique<Machine>();
   apps_->construct(appsSize, capacity_);
-  include_->construct(includeSize, capacity_);
-  exclude_->construct(excludeSize, capacity_);
+  include_->construct(includeSize, capacity_, lists);
+  exclude_->construct(excludeSize, capacity_, lists);
   reserve(buffers_);
   includeBits_ = BitNames();
   excludeBits_ = BitNames();
@@ -200,6 +200,11 @@ void Map::freeze() {
     return sa < sb;
   });
   for (Machine* m : machines) m->freeze();
+}
+
+int Map::finishList(bool include, std::size_t& keysPut) {
+  Machine* machine = include ? include_.get() : exclude_.get();
+  return machine == nullptr ? error::TPA_ERROR_NONE : machine->finish(keysPut);
 }
 
 int Map::clearCache() {

@@ -40,8 +40,11 @@ class Map {
   Map& operator=(const Map&) = delete;
 
   // Replaces the three machines, sized for the given symbol totals, each with
-  // a cache of `capacity` entries. Returns 0.
-  [[nodiscard]] int construct(int appsSize, int includeSize, int excludeSize);
+  // a cache of `capacity` entries; the include and exclude machines are made
+  // as `lists` says (kFromText: by finishList, once every rule is put).
+  // Returns 0. Throws std::bad_alloc.
+  [[nodiscard]] int construct(int appsSize, int includeSize, int excludeSize,
+                              fsa::Construction lists = fsa::Construction::kOnline);
 
   // Stores one rule: its applications under `ruleNumber` (or the any-
   // application branch), its include and exclude lists under the rule number
@@ -67,6 +70,12 @@ class Map {
   // Freezes the three machines once every rule is put: their automata take
   // a fraction of the memory and answer as before; no rule can be put after.
   void freeze();
+
+  // Makes the include (or exclude) machine of a Map constructed kFromText,
+  // once every rule is put: 0, or the code of the first put that an online
+  // machine would have failed, with its messages, `keysPut` being the keys of
+  // the list put before it. Throws std::bad_alloc.
+  [[nodiscard]] int finishList(bool include, std::size_t& keysPut);
 
   // Empties the three caches and the memo. Returns -1 whether or not it did:
   // callers must not read the result as a failure.

@@ -26,9 +26,10 @@
 // The tree is walked bottom-up twice over the arrays (Abouelhoda, Kurtz and
 // Ohlebusch's lcp-interval traversal), once to count states, transitions and
 // values, once to place them; a node carries, per BWT character of its
-// interval, the LF images of the first and last occurrence. Memory: R, its
-// suffix array and LCP array (9 bytes per character), per clone 12 bytes
-// while counting and 8 after, 2 bytes per state, and the frozen form.
+// interval, the LF images of the first and last occurrence. Memory: the
+// suffix array, LCP array and BWT of R in suffix order (9 bytes per
+// character), per clone 4 bytes, 2 bytes per state while counting, and the
+// frozen form; SA-IS's own peak of about 14 bytes per character comes first.
 #include <algorithm>
 #include <utility>
 
@@ -66,15 +67,26 @@ class ReversedTree {
   explicit ReversedTree(const std::vector<unsigned char>& text)
       : n_(static_cast<Index>(text.size())), reversed_(text.rbegin(), text.rend()) {
     sa_ = suffixArray(reversed_.data(), n_);
-    plcp_ = prefixLcp(reversed_.data(), sa_);
+    // Both walks read the arrays in suffix order: put them in it once.
+    std::vector<Index> plcp = prefixLcp(reversed_.data(), sa_);
+    lcp_.resize(sa_.size());
+    bwt_.resize(sa_.size());
+    for (std::size_t j = 0; j < sa_.size(); ++j) {
+      const Index i = sa_[j];
+      lcp_[j] = plcp[static_cast<std::size_t>(i)];
+      bwt_[j] = i > 0 ? reversed_[static_cast<std::size_t>(i - 1)] : 0;
+    }
     for (const unsigned char c : reversed_) ++start_[c + 1];
     for (int c = 0; c < 256; ++c) start_[c + 1] += start_[c];
+    first_ = reversed_[static_cast<std::size_t>(n_ - 1)];
+    reversed_ = std::vector<unsigned char>();
   }
 
   Index size() const { return n_; }
   Index suffixAt(Index j) const { return sa_[static_cast<std::size_t>(j)]; }
-  // The character of T after the prefix whose mirror starts at R's position i.
-  unsigned char before(Index i) const { return reversed_[static_cast<std::size_t>(i - 1)]; }
+  // The character of T after the prefix whose mirror is the suffix at j
+  // (none, 0, after the whole of T).
+  unsigned char before(Index j) const { return bwt_[static_cast<std::size_t>(j)]; }
 
   // Calls visit(const Node&) for every node, children before their parent,
   // the root last. n >= 1.
@@ -86,15 +98,14 @@ class ReversedTree {
     stack_.push_back(Open{0, 0, -1, false, 0});
     // The empty suffix, sorted before all, is followed in R by T's first
     // character: the start state's transition into state 1.
-    const unsigned char first = reversed_[static_cast<std::size_t>(n_ - 1)];
-    add(Reach{first, start_[first], start_[first]});
-    seen[first] = 1;
+    add(Reach{first_, start_[first_], start_[first_]});
+    seen[first_] = 1;
     for (Index j = 0; j < n_; ++j) {
       const Index suffix = suffixAt(j);
       const Index next = j + 1 < n_ ? lcp(j + 1) : 0;
       Reach own{0, -1, -1};
       if (suffix > 0) {
-        const unsigned char c = before(suffix);
+        const unsigned char c = before(j);
         own = Reach{c, start_[c] + seen[c], start_[c] + seen[c]};
         ++seen[c];
       }
@@ -126,7 +137,7 @@ class ReversedTree {
     std::size_t reachStart;
   };
 
-  Index lcp(Index j) const { return plcp_[static_cast<std::size_t>(suffixAt(j))]; }
+  Index lcp(Index j) const { return lcp_[static_cast<std::size_t>(j)]; }
 
   // Ends the open intervals deeper than `depth` at rb, each a child of the
   // one below it or of a new interval of that depth.
@@ -180,55 +191,57 @@ class ReversedTree {
   }
 
   Index n_;
-  std::vector<unsigned char> reversed_;
+  std::vector<unsigned char> reversed_;  // until the arrays are made
+  unsigned char first_ = 0;              // T's first character
   std::vector<Index> sa_;
-  std::vector<Index> plcp_;    // by suffix position
+  std::vector<Index> lcp_;     // shared with the suffix sorted before, in suffix order
+  std::vector<unsigned char> bwt_;  // the character before each suffix, in suffix order
   Index start_[257] = {};      // where the suffixes starting with each character begin
   std::vector<Open> stack_;    // the root at the bottom, deeper intervals above
   std::vector<Reach> reach_;   // the open intervals' reaches, bottom to top
   std::vector<Reach> merged_;  // scratch of mergeTop
 };
 
-// The clones by interval, for the targets of transitions.
+// The clones by interval, for the targets of transitions. The walk ends
+// intervals in the order of their right ends, and of those ending together
+// the deeper (starting later) first: clone k in that order is state
+// n + 1 + k, found among the few that end where it does.
 class CloneIndex {
  public:
-  struct Clone {
-    Index lb, rb, id;
-  };
+  explicit CloneIndex(Index n) : n_(n) { endsHere_.resize(static_cast<std::size_t>(n)); }
 
-  // Takes the clones found (any order). Throws std::bad_alloc.
-  void build(std::vector<Clone>& clones, Index n) {
-    std::sort(clones.begin(), clones.end(), [](const Clone& a, const Clone& b) {
-      return a.lb != b.lb ? a.lb < b.lb : a.rb < b.rb;
-    });
-    hasClones_.resize(static_cast<std::size_t>(n));
-    entries_.reserve(clones.size());
-    for (std::size_t k = 0; k < clones.size(); ++k) {
-      if (k == 0 || clones[k].lb != clones[k - 1].lb) {
-        hasClones_.set(static_cast<std::size_t>(clones[k].lb));
-        firstOf_.push_back(static_cast<std::uint32_t>(k));
-      }
-      entries_.emplace_back(clones[k].rb, clones[k].id);
+  // The next clone in the walk's order. Throws std::bad_alloc.
+  void add(Index lb, Index rb) {
+    if (starts_.empty() || rb != lastEnd_) {
+      endsHere_.set(static_cast<std::size_t>(rb));
+      firstOf_.push_back(static_cast<std::uint32_t>(starts_.size()));
+      lastEnd_ = rb;
     }
-    firstOf_.push_back(static_cast<std::uint32_t>(clones.size()));
-    hasClones_.seal();
-    clones = std::vector<Clone>();
+    starts_.push_back(lb);
   }
+  // Call once every clone is in. Throws std::bad_alloc.
+  void seal() {
+    firstOf_.push_back(static_cast<std::uint32_t>(starts_.size()));
+    endsHere_.seal();
+  }
+  Index count() const { return static_cast<Index>(starts_.size()); }
 
-  // The clone of interval [lb, rb], or -1.
+  // The state of the clone of interval [lb, rb], or -1.
   Index find(Index lb, Index rb) const {
-    if (!hasClones_.test(static_cast<std::size_t>(lb))) return -1;
-    const std::uint32_t r = hasClones_.rank(static_cast<std::size_t>(lb));
+    if (!endsHere_.test(static_cast<std::size_t>(rb))) return -1;
+    const std::uint32_t r = endsHere_.rank(static_cast<std::size_t>(rb));
     for (std::uint32_t k = firstOf_[r]; k < firstOf_[r + 1]; ++k) {
-      if (entries_[k].first == rb) return entries_[k].second;
+      if (starts_[k] == lb) return n_ + 1 + static_cast<Index>(k);
     }
     return -1;
   }
 
  private:
-  RankedBits hasClones_;                        // left ends with clones
-  std::vector<std::uint32_t> firstOf_;          // per such left end, +1: its first entry
-  std::vector<std::pair<Index, Index>> entries_;  // (right end, state) by left end, right end
+  Index n_;
+  Index lastEnd_ = -1;
+  RankedBits endsHere_;                 // right ends of clones
+  std::vector<std::uint32_t> firstOf_;  // per such right end, +1: its first clone
+  std::vector<Index> starts_;           // per clone in order: its left end
 };
 
 }  // namespace
@@ -260,7 +273,7 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   const auto prefixState = [n](Index suffix) { return n - suffix; };
 
   // First walk: the clones, and what each state stores.
-  std::vector<CloneIndex::Clone> clones;
+  CloneIndex clones(n);
   std::vector<bool> cloneValued;
   std::vector<std::uint16_t> edges(static_cast<std::size_t>(n) + 1, 0);  // per state, clones appended
   tree.walk([&](const Node& node) {
@@ -272,11 +285,12 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
       edges[static_cast<std::size_t>(prefixState(node.maxSuffix))] = stored;
       return;
     }
-    clones.push_back(CloneIndex::Clone{node.lb, node.rb, n + 1 + static_cast<Index>(clones.size())});
+    clones.add(node.lb, node.rb);
     cloneValued.push_back(valuedAt(firstEnd(node)));
     edges.push_back(stored);
   });
-  states = 1 + static_cast<std::int64_t>(n) + static_cast<std::int64_t>(clones.size());
+  clones.seal();
+  states = 1 + static_cast<std::int64_t>(n) + static_cast<std::int64_t>(clones.count());
   if (states > maxStates) return nullptr;
 
   // The layout: which states have runs and values, and where each run starts.
@@ -306,19 +320,18 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   f.hasEdges_.seal();
   f.valued_.seal();
   f.values_.resize(f.valued_.rank(total));
-  CloneIndex cloneIndex;
-  cloneIndex.build(clones, n);
 
   // Second walk: values and transitions in place.
   const auto stateOf = [&](Index lb, Index rb) {
     if (lb == rb) return prefixState(tree.suffixAt(lb));
-    const Index clone = cloneIndex.find(lb, rb);
+    const Index clone = clones.find(lb, rb);
     return clone >= 0 ? clone : prefixState(tree.suffixAt(lb));
   };
+  Index nextClone = n + 1;  // in the first walk's order
   tree.walk([&](const Node& node) {
     const Index s = node.kind == NodeKind::kRoot     ? 0
                     : node.kind == NodeKind::kPrefix ? prefixState(node.maxSuffix)
-                                                     : stateOf(node.lb, node.rb);
+                                                     : nextClone++;
     if (node.kind == NodeKind::kRoot) {
       for (std::size_t k = 0; k < node.reaches; ++k) {
         f.root_[node.reach[k].c] = stateOf(node.reach[k].lo, node.reach[k].hi);
@@ -338,7 +351,7 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
     std::uint32_t k = 0;
     for (std::size_t i = 0; i < node.reaches; ++i) {
       const Reach& reach = node.reach[i];
-      if (node.kind == NodeKind::kPrefix && s < n && reach.c == tree.before(node.maxSuffix)) {
+      if (node.kind == NodeKind::kPrefix && s < n && reach.c == text[static_cast<std::size_t>(s)]) {
         continue;  // read from the text
       }
       const auto target = static_cast<std::uint32_t>(stateOf(reach.lo, reach.hi));

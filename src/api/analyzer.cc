@@ -170,6 +170,7 @@ void finishLists(mapper::Map& map, const KeysBefore& keys, bool twoThreads, Stop
 int putAndFinish(std::vector<parser::Rule>& rules, mapper::Map& map, bool twoThreads) {
   KeysBefore keys;
   const Stop put = putRules(rules, map, keys);
+  mapper::releaseFreedMemory();  // the rules' strings, before the machines' arrays
   Stop include, exclude;
   finishLists(map, keys, twoThreads, include, exclude);
   const Stop& list = include.at < exclude.at ? include : exclude;

@@ -34,6 +34,7 @@
 #include <utility>
 
 #include "fsa/frozen_automaton.h"
+#include "fsa/heap.h"
 #include "fsa/suffix_sort.h"
 
 namespace tpa::fsa {
@@ -67,6 +68,7 @@ class ReversedTree {
   explicit ReversedTree(const std::vector<unsigned char>& text)
       : n_(static_cast<Index>(text.size())), reversed_(text.rbegin(), text.rend()) {
     sa_ = suffixArray(reversed_.data(), n_);
+    releaseFreedMemory();  // SA-IS's own arrays, before more are made
     // Both walks read the arrays in suffix order: put them in it once.
     std::vector<Index> plcp = prefixLcp(reversed_.data(), sa_);
     lcp_.resize(sa_.size());
@@ -80,6 +82,8 @@ class ReversedTree {
     for (int c = 0; c < 256; ++c) start_[c + 1] += start_[c];
     first_ = reversed_[static_cast<std::size_t>(n_ - 1)];
     reversed_ = std::vector<unsigned char>();
+    plcp = std::vector<Index>();
+    releaseFreedMemory();
   }
 
   Index size() const { return n_; }
@@ -320,6 +324,7 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   f.hasEdges_.seal();
   f.valued_.seal();
   f.values_.resize(f.valued_.rank(total));
+  releaseFreedMemory();  // the counts
 
   // Second walk: values and transitions in place.
   const auto stateOf = [&](Index lb, Index rb) {

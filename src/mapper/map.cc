@@ -7,9 +7,6 @@
 #include <initializer_list>
 #include <iterator>
 #include <new>
-#if defined(__GLIBC__)
-#include <malloc.h>
-#endif
 
 #include "api/constants.h"
 #include "api/log.h"
@@ -99,14 +96,6 @@ class CacheBypass {
 };
 
 }  // namespace
-
-void releaseFreedMemory() {
-#if defined(__GLIBC__)
-  // glibc keeps freed heap below its top and in its arenas; a long-lived
-  // service sees resident memory, so give the free pages back.
-  malloc_trim(0);
-#endif
-}
 
 void storedDestination(const std::string& d, std::string& text) {
   if (cidr::isCidrIpAddress(d) != 0) {

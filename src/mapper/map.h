@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "fsa/heap.h"
 #include "machine/fsm.h"
 #include "mapper/decision.h"
 
@@ -20,9 +21,8 @@ namespace tpa::mapper {
 
 struct QueryTrace;
 
-// Returns the free pages of the heap to the system where the C library can
-// (glibc); elsewhere nothing. Worth calling after a build frees much.
-void releaseFreedMemory();
+// Worth calling after a build frees much.
+using fsa::releaseFreedMemory;
 
 // The stored form of a sanitised destination, as put writes it into `text`:
 // a network by its network identifier (bits), an address in its fixed-width

@@ -1,9 +1,10 @@
 // Map: the compiled form of a rules document, three keyed machines: the apps
 // machine maps framed application keys to rule numbers, the include and
 // exclude machines hold every rule's framed destinations with the rule's id.
-// Built once (construct, then put per rule), then only queried (get), which
-// updates the machines' caches; a memo of whole decisions answers repeated
-// queries before the machines. Owns its machines and memo alone. Not thread-
+// Built once (construct, put per rule, finishList for lists made from their
+// text, then freeze), then only queried (get), which updates the machines'
+// caches; a memo of whole decisions answers repeated queries before the
+// machines. Owns its machines and memo alone. Not thread-
 // safe: get writes the caches, the memo and shared key buffers, so callers
 // serialise queries.
 #ifndef TPA_MAPPER_MAP_H_
@@ -54,19 +55,6 @@ class Map {
                         const std::vector<std::string>& include,
                         const std::vector<std::string>& exclude, int id);
 
-  // put in two halves, for a build on two threads: the applications and the
-  // exclude list of each rule on one, the include list on the other, each
-  // with its own key buffers (a machine is only ever touched by one of
-  // them). `domainRule` is domainRuleOf(ruleNumber, apps). For a Map being
-  // built: unlike put, these leave the memo alone.
-  [[nodiscard]] int putApps(int ruleNumber, const std::vector<std::string>& apps,
-                            std::pair<std::string, int>& key);
-  [[nodiscard]] int putList(bool include, int domainRule, const std::vector<std::string>& list,
-                            int id, std::string& text, std::pair<std::string, int>& key);
-  // The number a rule's destinations are filed under: 0 when its only
-  // application is LAMBDA_STRING, else its rule number.
-  static int domainRuleOf(int ruleNumber, const std::vector<std::string>& apps);
-
   // Freezes the three machines once every rule is put: their automata take
   // a fraction of the memory and answer as before; no rule can be put after.
   void freeze();
@@ -96,6 +84,16 @@ class Map {
   const Machine* excludeMachine() const { return exclude_.get(); }
 
  private:
+  // put's halves: the applications, and one list, each with the key buffers
+  // given.
+  [[nodiscard]] int putApps(int ruleNumber, const std::vector<std::string>& apps,
+                            std::pair<std::string, int>& key);
+  [[nodiscard]] int putList(bool include, int domainRule, const std::vector<std::string>& list,
+                            int id, std::string& text, std::pair<std::string, int>& key);
+  // The number a rule's destinations are filed under: 0 when its only
+  // application is LAMBDA_STRING, else its rule number.
+  static int domainRuleOf(int ruleNumber, const std::vector<std::string>& apps);
+
   int capacity_;                      // cache capacity of every machine
   std::unique_ptr<Machine> apps_;     // tansformApp keys -> rule number
   std::unique_ptr<Machine> include_;  // transformDomain(d, rule, 1) -> id

@@ -30,6 +30,8 @@
 // suffix array, LCP array and BWT of R in suffix order (9 bytes per
 // character), per clone 4 bytes, 2 bytes per state while counting, and the
 // frozen form; SA-IS's own peak of about 14 bytes per character comes first.
+// The heap is trimmed between the stages, so that what one frees is not
+// left resident under the next.
 #include <algorithm>
 #include <utility>
 

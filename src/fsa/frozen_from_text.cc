@@ -274,15 +274,17 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   keyEnds.seal();
   const auto valuedAt = [&](Index e) { return keyEnds.test(static_cast<std::size_t>(e)); };
 
-  ReversedTree tree(text);
+  auto tree = std::make_unique<ReversedTree>(text);
   const auto firstEnd = [n](const Node& node) { return n - 1 - node.maxSuffix; };
   const auto prefixState = [n](Index suffix) { return n - suffix; };
 
   // First walk: the clones, and what each state stores.
   CloneIndex clones(n);
   std::vector<bool> cloneValued;
-  std::vector<std::uint16_t> edges(static_cast<std::size_t>(n) + 1, 0);  // per state, clones appended
-  tree.walk([&](const Node& node) {
+  // Stored transitions per state: the prefix states', then the clones' as found.
+  std::vector<std::uint16_t> edges(static_cast<std::size_t>(n) + 1, 0);
+  std::vector<std::uint16_t> cloneEdges;
+  tree->walk([&](const Node& node) {
     if (node.kind == NodeKind::kRoot) return;
     // A prefix state's transition on the next character of T is the text's.
     const std::size_t fromText = node.kind == NodeKind::kPrefix && node.maxSuffix > 0 ? 1 : 0;
@@ -293,7 +295,7 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
     }
     clones.add(node.lb, node.rb);
     cloneValued.push_back(valuedAt(firstEnd(node)));
-    edges.push_back(stored);
+    cloneEdges.push_back(stored);
   });
   clones.seal();
   states = 1 + static_cast<std::int64_t>(n) + static_cast<std::int64_t>(clones.count());
@@ -308,15 +310,22 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   f.targetWidth_ = states <= (1 << 24) ? 3 : 4;
   f.hasEdges_.resize(total);
   f.valued_.resize(total);
+  const auto edgesOf = [&](std::size_t s) {
+    return s < edges.size() ? edges[s] : cloneEdges[s - edges.size()];
+  };
+  std::size_t withEdges = 0;
+  for (std::size_t s = 0; s < total; ++s) withEdges += edgesOf(s) > 0 ? 1 : 0;
+  f.edgeStart_.reserve(withEdges + 1);
   std::size_t edgeCount = 0;
   for (std::size_t s = 0; s < total; ++s) {
-    if (edges[s] == 0) continue;
+    if (edgesOf(s) == 0) continue;
     f.hasEdges_.set(s);
     f.edgeStart_.push_back(static_cast<std::uint32_t>(edgeCount));
-    edgeCount += edges[s];
+    edgeCount += edgesOf(s);
   }
   f.edgeStart_.push_back(static_cast<std::uint32_t>(edgeCount));
   edges = std::vector<std::uint16_t>();
+  cloneEdges = std::vector<std::uint16_t>();
   f.runs_.resize(edgeCount * f.edgeBytes());
   for (const ValuedKey& k : keys) f.valued_.set(static_cast<std::size_t>(k.end) + 1);
   for (std::size_t c = 0; c < cloneValued.size(); ++c) {
@@ -330,12 +339,12 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
 
   // Second walk: values and transitions in place.
   const auto stateOf = [&](Index lb, Index rb) {
-    if (lb == rb) return prefixState(tree.suffixAt(lb));
+    if (lb == rb) return prefixState(tree->suffixAt(lb));
     const Index clone = clones.find(lb, rb);
-    return clone >= 0 ? clone : prefixState(tree.suffixAt(lb));
+    return clone >= 0 ? clone : prefixState(tree->suffixAt(lb));
   };
   Index nextClone = n + 1;  // in the first walk's order
-  tree.walk([&](const Node& node) {
+  tree->walk([&](const Node& node) {
     const Index s = node.kind == NodeKind::kRoot     ? 0
                     : node.kind == NodeKind::kPrefix ? prefixState(node.maxSuffix)
                                                      : nextClone++;
@@ -370,6 +379,7 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
     }
   });
 
+  tree.reset();  // before the key indexes are made
   f.text_ = std::move(text);
   text = std::vector<unsigned char>();
   // A key is found whole when its first copy ends in a state of its length.

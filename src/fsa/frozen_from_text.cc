@@ -33,6 +33,7 @@
 // The heap is trimmed between the stages, so that what one frees is not
 // left resident under the next.
 #include <algorithm>
+#include <functional>
 #include <utility>
 
 #include "fsa/frozen_automaton.h"
@@ -211,7 +212,7 @@ class ReversedTree {
 // The clones by interval, for the targets of transitions. The walk ends
 // intervals in the order of their right ends, and of those ending together
 // the deeper (starting later) first: clone k in that order is state
-// n + 1 + k, found among the few that end where it does.
+// n + 1 + k, found among those that end where it does.
 class CloneIndex {
  public:
   explicit CloneIndex(Index n) : n_(n) { endsHere_.resize(static_cast<std::size_t>(n)); }
@@ -232,14 +233,17 @@ class CloneIndex {
   }
   Index count() const { return static_cast<Index>(starts_.size()); }
 
-  // The state of the clone of interval [lb, rb], or -1.
+  // The state of the clone of interval [lb, rb], or -1. Those ending at rb
+  // are nested, their left ends falling in the walk's order: a binary
+  // search (a text of long runs ends thousands of clones at one place).
   Index find(Index lb, Index rb) const {
     if (!endsHere_.test(static_cast<std::size_t>(rb))) return -1;
     const std::uint32_t r = endsHere_.rank(static_cast<std::size_t>(rb));
-    for (std::uint32_t k = firstOf_[r]; k < firstOf_[r + 1]; ++k) {
-      if (starts_[k] == lb) return n_ + 1 + static_cast<Index>(k);
-    }
-    return -1;
+    const auto first = starts_.begin() + firstOf_[r];
+    const auto last = starts_.begin() + firstOf_[r + 1];
+    const auto at = std::lower_bound(first, last, lb, std::greater<Index>());
+    if (at == last || *at != lb) return -1;
+    return n_ + 1 + static_cast<Index>(at - starts_.begin());
   }
 
  private:

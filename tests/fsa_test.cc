@@ -235,6 +235,37 @@ TEST(SuffixAutomaton, AgreesWithModelsOnRandomKeys) {
   checkRandom("ab.", 3, 0.6);  // automata broken by a failed extend
 }
 
+// Values given by extend alone, not by add: a value without a key length, and key ends; made
+// from the text, every lookup of every piece of the text answers as online.
+TEST(SuffixAutomaton, FromTextTakesTheValuesThatExtendGives) {
+  const std::string text = "#ab$#*b$ab#ab$";
+  const std::vector<Value> values = {Value(), Value(), Value(0, 7), Value(4, 1), Value(), Value(),
+                                     Value(), Value(4, 2), Value(), Value(), Value(),
+                                     Value(),  Value(), Value(4, 3)};
+  Automaton online, direct;
+  online.construct(static_cast<int>(text.size()));
+  direct.construct(static_cast<int>(text.size()), tpa::fsa::Construction::kFromText);
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    ASSERT_EQ(0, online.extend(text[i], values[i]));
+    ASSERT_EQ(0, direct.extend(text[i], values[i]));
+  }
+  std::size_t keysPut = 0;
+  ASSERT_TRUE(online.freeze());
+  ASSERT_EQ(0, direct.finish(keysPut));
+  ASSERT_EQ(online.size(), direct.size());
+  for (std::size_t from = 0; from < text.size(); ++from) {
+    for (std::size_t to = from; to <= text.size(); ++to) {
+      const std::string q = text.substr(from, to - from) + (to % 3 == 0 ? "x" : "");
+      Value a, b;
+      ASSERT_EQ(online.tryFindFull(q, a), direct.tryFindFull(q, b)) << q;
+      ASSERT_EQ(a, b) << q;
+      ASSERT_EQ(online.tryFindPartial(q, a), direct.tryFindPartial(q, b)) << q;
+      ASSERT_EQ(a, b) << q;
+      ASSERT_EQ(online.findWholeKey(q, a), direct.findWholeKey(q, b)) << q;
+    }
+  }
+}
+
 // The suffix array and the LCP lengths against sorting and comparing by hand, on strings made
 // of runs and repeats (every LMS pattern of SA-IS) as well as random ones.
 TEST(SuffixSort, AgreesWithSortingOnRandomStrings) {

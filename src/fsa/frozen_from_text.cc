@@ -261,9 +261,13 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
                                                            std::int64_t maxStates,
                                                            std::int64_t& states) {
   const auto n = static_cast<Index>(text.size());
+  // The keys proper: a value given by extend alone may claim no length, or
+  // more than the text before it.
   std::vector<StoredKey> stored;
   stored.reserve(keys.size());
-  for (const ValuedKey& k : keys) stored.push_back(StoredKey{k.end, k.length});
+  for (const ValuedKey& k : keys) {
+    if (k.length > 0 && k.length <= k.end + 1) stored.push_back(StoredKey{k.end, k.length});
+  }
   if (n == 0) {
     states = 1;
     if (maxStates < 1) return nullptr;

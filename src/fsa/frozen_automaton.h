@@ -1,5 +1,6 @@
 // FrozenAutomaton: the read-only form of a finished suffix automaton, made
-// once nothing will be appended any more. It holds the same states and
+// once nothing will be appended any more, from the online automaton (Builder)
+// or straight from its text (fromText). It holds the same states and
 // transitions as the online automaton, so every walk reads the same states
 // and reports the same values, in a fraction of the memory:
 //

@@ -12,6 +12,7 @@
 
 #include "fsa/map_transitions.h"
 #include "fsa/suffix_automaton.h"
+#include "fsa/suffix_sort.h"
 #include "testing/log_capture.h"
 
 namespace {
@@ -144,19 +145,44 @@ void checkRandom(const std::string& alphabet, unsigned seed, double room) {
         default: text += keys.emplace_back((rng() % 3 ? "#" : "#*.") + random(40) + "$" + random(1));
       }
     }
-    Automaton sa, frozen;
+    Automaton sa, frozen, direct;
     Reference reference;
-    sa.construct(static_cast<int>(text.size() * room));
-    frozen.construct(static_cast<int>(text.size() * room));
-    reference.construct(static_cast<int>(text.size() * room));
-    LogCapture quiet;
+    const int length = static_cast<int>(text.size() * room);
+    sa.construct(length);
+    frozen.construct(length);
+    reference.construct(length);
+    direct.construct(length, tpa::fsa::Construction::kFromText);
+    std::vector<LogRecord> failed;  // what the online automaton logs when it first fails
+    std::size_t firstFailure = keys.size();
     for (std::size_t k = 0; k < keys.size(); ++k) {
+      ASSERT_EQ(0, direct.add(keys[k], k));
+      LogCapture quiet;
       ASSERT_EQ(reference.add(keys[k], k), sa.add(keys[k], k));
-      (void)frozen.add(keys[k], k);
+      LogCapture capture;
+      if (frozen.add(keys[k], k) != 0 && firstFailure == keys.size()) {
+        firstFailure = k, failed = capture.records();
+      }
     }
     // A broken automaton stays online; either way it answers as before.
     ASSERT_EQ(sa.size() < sa.capacity(), frozen.freeze());
-    ASSERT_EQ(-2, frozen.add("a", 1));
+    {
+      LogCapture quiet;
+      ASSERT_EQ(-2, frozen.add("a", 1));
+    }
+    // Made from the text it has the online states, or fails as the online one first did.
+    {
+      LogCapture capture;
+      std::size_t keysPut = 0;
+      const int result = direct.finish(keysPut);
+      ASSERT_EQ(firstFailure == keys.size() ? 0 : -2, result) << text;
+      ASSERT_EQ(failed, capture.records()) << text;
+      if (result != 0) {
+        ASSERT_EQ(firstFailure, keysPut) << text;
+      } else {
+        ASSERT_EQ(sa.size(), direct.size()) << text;
+      }
+    }
+    LogCapture quiet;
     for (int i = 0; i < 80; ++i) {
       std::string q = random(45);
       if (i % 2 == 0) q = text.substr(rng() % text.size(), rng() % 45) + q.substr(0, q.size() % 4);
@@ -170,6 +196,15 @@ void checkRandom(const std::string& alphabet, unsigned seed, double room) {
       ASSERT_EQ(literal, partial) << text << " / " << q;
       Value frozenFull, frozenPartial;
       ASSERT_EQ(f, frozen.tryFindFull(q, frozenFull)) << text << " / " << q;
+      if (direct.frozen()) {
+        Value directFull, directPartial, directWhole;
+        ASSERT_EQ(f, direct.tryFindFull(q, directFull)) << text << " / " << q;
+        ASSERT_EQ(full, directFull) << text << " / " << q;
+        ASSERT_EQ(p, direct.tryFindPartial(q, directPartial)) << text << " / " << q;
+        ASSERT_EQ(partial, directPartial) << text << " / " << q;
+        ASSERT_EQ(sa.findWholeKey(q, directWhole), direct.findWholeKey(q, directWhole)) << q;
+        ASSERT_EQ(frozen.mayFindWildcard(q), direct.mayFindWildcard(q)) << q;
+      }
       ASSERT_EQ(full, frozenFull) << text << " / " << q;
       ASSERT_EQ(p, frozen.tryFindPartial(q, frozenPartial)) << text << " / " << q;
       ASSERT_EQ(partial, frozenPartial) << text << " / " << q;
@@ -198,6 +233,76 @@ TEST(SuffixAutomaton, AgreesWithModelsOnRandomKeys) {
   checkRandom("ab.#$*", 1, 1.0);
   checkRandom(bytes, 2, 1.0);  // wide states: binary search, runs of every size
   checkRandom("ab.", 3, 0.6);  // automata broken by a failed extend
+}
+
+// Values given by extend alone, not by add: a value without a key length, and key ends; made
+// from the text, every lookup of every piece of the text answers as online.
+TEST(SuffixAutomaton, FromTextTakesTheValuesThatExtendGives) {
+  const std::string text = "#ab$#*b$ab#ab$";
+  const std::vector<Value> values = {Value(), Value(), Value(0, 7), Value(4, 1), Value(), Value(),
+                                     Value(), Value(4, 2), Value(), Value(), Value(),
+                                     Value(),  Value(), Value(4, 3)};
+  Automaton online, direct;
+  online.construct(static_cast<int>(text.size()));
+  direct.construct(static_cast<int>(text.size()), tpa::fsa::Construction::kFromText);
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    ASSERT_EQ(0, online.extend(text[i], values[i]));
+    ASSERT_EQ(0, direct.extend(text[i], values[i]));
+  }
+  std::size_t keysPut = 0;
+  ASSERT_TRUE(online.freeze());
+  ASSERT_EQ(0, direct.finish(keysPut));
+  ASSERT_EQ(online.size(), direct.size());
+  for (std::size_t from = 0; from < text.size(); ++from) {
+    for (std::size_t to = from; to <= text.size(); ++to) {
+      const std::string q = text.substr(from, to - from) + (to % 3 == 0 ? "x" : "");
+      Value a, b;
+      ASSERT_EQ(online.tryFindFull(q, a), direct.tryFindFull(q, b)) << q;
+      ASSERT_EQ(a, b) << q;
+      ASSERT_EQ(online.tryFindPartial(q, a), direct.tryFindPartial(q, b)) << q;
+      ASSERT_EQ(a, b) << q;
+      ASSERT_EQ(online.findWholeKey(q, a), direct.findWholeKey(q, b)) << q;
+    }
+  }
+}
+
+// The suffix array and the LCP lengths against sorting and comparing by hand, on strings made
+// of runs and repeats (every LMS pattern of SA-IS) as well as random ones.
+TEST(SuffixSort, AgreesWithSortingOnRandomStrings) {
+  std::mt19937 rng(7);
+  for (int round = 0; round < 400; ++round) {
+    std::string s;
+    const int alphabet = 1 + static_cast<int>(rng() % (round % 3 == 0 ? 2 : 5));
+    for (int i = static_cast<int>(rng() % 60); i > 0; --i) {
+      s.push_back(static_cast<char>('a' + rng() % alphabet));
+      if (rng() % 4 == 0 && s.size() < 100) s += s.substr(rng() % s.size());
+    }
+    if (round == 1) s.assign(1, '\xff');
+    const auto* bytes = reinterpret_cast<const unsigned char*>(s.data());
+    const std::vector<std::int32_t> sa = tpa::fsa::suffixArray(bytes, static_cast<int>(s.size()));
+    std::vector<std::int32_t> expected(s.size());
+    for (std::size_t i = 0; i < s.size(); ++i) expected[i] = static_cast<std::int32_t>(i);
+    const auto suffix = [&](std::int32_t i) {
+      return std::string(s, static_cast<std::size_t>(i), std::string::npos);
+    };
+    std::sort(expected.begin(), expected.end(), [&](std::int32_t a, std::int32_t b) {
+      return std::lexicographical_compare(s.begin() + a, s.end(), s.begin() + b, s.end(),
+                                          [](char x, char y) {
+                                            return static_cast<unsigned char>(x) <
+                                                   static_cast<unsigned char>(y);
+                                          });
+    });
+    ASSERT_EQ(expected, sa) << s;
+    const std::vector<std::int32_t> plcp = tpa::fsa::prefixLcp(bytes, sa);
+    for (std::size_t j = 0; j < sa.size(); ++j) {
+      std::int32_t l = 0;
+      if (j > 0) {
+        const std::string a = suffix(sa[j - 1]), b = suffix(sa[j]);
+        while (l < static_cast<int>(std::min(a.size(), b.size())) && a[l] == b[l]) ++l;
+      }
+      ASSERT_EQ(l, plcp[static_cast<std::size_t>(sa[j])]) << s << " at " << j;
+    }
+  }
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <android/log.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <exception>
@@ -46,21 +47,6 @@ bool automataAllocated(const mapper::Map& map) {
   return true;
 }
 
-// Puts every rule in order; stops at the first failure and returns its code.
-int putOnOneThread(std::vector<parser::Rule>& rules, mapper::Map& map) {
-  int ordinal = 0;
-  for (parser::Rule& rule : rules) {
-    ++ordinal;
-    const int result = map.put(parser::ruleNumber(rule.apps, ordinal), rule.apps, rule.includeList,
-                               rule.excludeList, rule.id);
-    if (result != error::TPA_ERROR_NONE) return result;
-    // Free each rule's strings as soon as the map holds them, so that a large
-    // document is never held twice in memory.
-    rule.clear();
-  }
-  return error::TPA_ERROR_NONE;
-}
-
 // A second thread pays for itself when both halves are large.
 std::atomic<long long> twoThreadMinimum{1 << 16};
 
@@ -71,92 +57,125 @@ bool worthTwoThreads(const parser::JsonParser& parser) {
              minimum;
 }
 
-// How one thread's half of a two-thread put ended: where it stopped (the
-// rule's index * 3 + 0 for its applications, 1 its include list, 2 its
-// exclude list: the order of a one-thread put), with what, and the messages
-// it kept meanwhile.
-struct HalfPut {
-  std::size_t stoppedAt = SIZE_MAX;  // SIZE_MAX: every rule put
+// Where a step of the build stopped, in the order of a one-thread put of
+// online machines (the rule's index * 3 + 0 for its applications, 1 its
+// include list, 2 its exclude list), with what, and the messages it kept.
+struct Stop {
+  std::size_t at = SIZE_MAX;  // SIZE_MAX: did not stop
   int code = error::TPA_ERROR_NONE;
   std::exception_ptr thrown;
   std::vector<log::Message> messages;
 
-  void stop(std::size_t at, int result) {
-    stoppedAt = at;
-    code = result;
-  }
-  void fail(std::size_t at) {
-    stoppedAt = at;
-    thrown = std::current_exception();
+  bool stopped() const { return at != SIZE_MAX; }
+};
+
+// How many keys each list held before each rule, to tell which rule a
+// list's failing key belongs to.
+struct KeysBefore {
+  std::vector<std::size_t> include;
+  std::vector<std::size_t> exclude;
+
+  // The rule of the list's key number `key`.
+  std::size_t ruleOf(bool inInclude, std::size_t key) const {
+    const std::vector<std::size_t>& before = inInclude ? include : exclude;
+    return static_cast<std::size_t>(std::upper_bound(before.begin(), before.end(), key) -
+                                    before.begin()) -
+           1;
   }
 };
 
-// Each machine is touched by one thread only: the include machine by a second
-// thread, the others by this one. Their messages are kept and only the half
-// that stopped first in a one-thread put's order writes its own (the other
-// would not have been reached), so the outcome, messages included, is that
-// of putOnOneThread. Falls back to it when no thread can be started.
-int putOnTwoThreads(std::vector<parser::Rule>& rules, mapper::Map& map) {
-  std::vector<int> numbers(rules.size()), domainRules(rules.size()), ids(rules.size());
-  for (std::size_t i = 0; i < rules.size(); ++i) {
-    numbers[i] = parser::ruleNumber(rules[i].apps, static_cast<int>(i) + 1);
-    domainRules[i] = mapper::Map::domainRuleOf(numbers[i], rules[i].apps);
-    ids[i] = rules[i].id;
-  }
-  HalfPut includes, others;
-  const auto putIncludes = [&] {
-    log::Deferral kept;
-    std::pair<std::string, int> key;
-    std::string text;
-    std::size_t i = 0;
-    try {
-      for (; i < rules.size(); ++i) {
-        const int r = map.putList(true, domainRules[i], rules[i].includeList, ids[i], text, key);
-        if (r != error::TPA_ERROR_NONE) {
-          includes.stop(3 * i + 1, r);
-          break;
-        }
-        rules[i].includeList.clear();
-      }
-    } catch (...) {
-      includes.fail(3 * i + 1);
-    }
-    includes.messages = kept.take();
-  };
-  std::thread second;
+// Puts every rule in order, the lists only collecting their text, and frees
+// each rule's strings as soon as the map holds them (then the rules
+// themselves), so that a large document is never held twice in memory. Stops
+// at the first failure, which only the applications can meet (the lists'
+// failures come with their machines' making); the rules' keys are counted.
+Stop putRules(std::vector<parser::Rule>& rules, mapper::Map& map, KeysBefore& keys) {
+  Stop stop;
+  log::Deferral kept;
+  std::size_t include = 0, exclude = 0;
   try {
-    second = std::thread(putIncludes);
-  } catch (const std::system_error&) {
-    return putOnOneThread(rules, map);
-  }
-  {
-    log::Deferral kept;
-    std::pair<std::string, int> key;
-    std::string text;
-    std::size_t at = 0;
-    try {
-      for (std::size_t i = 0; i < rules.size(); ++i) {
-        at = 3 * i;
-        int r = map.putApps(numbers[i], rules[i].apps, key);
-        if (r == error::TPA_ERROR_NONE) {
-          at = 3 * i + 2;
-          r = map.putList(false, domainRules[i], rules[i].excludeList, ids[i], text, key);
-        }
-        if (r != error::TPA_ERROR_NONE) {
-          others.stop(at, r);
-          break;
-        }
-        rules[i].apps.clear();
-        rules[i].excludeList.clear();
+    for (std::size_t i = 0; i < rules.size(); ++i) {
+      parser::Rule& rule = rules[i];
+      keys.include.push_back(include);
+      keys.exclude.push_back(exclude);
+      const int result = map.put(parser::ruleNumber(rule.apps, static_cast<int>(i) + 1), rule.apps,
+                                 rule.includeList, rule.excludeList, rule.id);
+      if (result != error::TPA_ERROR_NONE) {
+        stop.at = 3 * i;
+        stop.code = result;
+        break;
       }
-    } catch (...) {
-      others.fail(at);
+      include += rule.includeList.size();
+      exclude += rule.excludeList.size();
+      rule.clear();
     }
-    others.messages = kept.take();
+  } catch (...) {
+    stop.at = 0;
+    stop.thrown = std::current_exception();
   }
-  second.join();
-  const HalfPut& first = includes.stoppedAt < others.stoppedAt ? includes : others;
-  if (first.stoppedAt == SIZE_MAX) return error::TPA_ERROR_NONE;
+  stop.messages = kept.take();
+  std::vector<parser::Rule>().swap(rules);
+  return stop;
+}
+
+// Makes one list's machine; a failure is placed where a one-thread put of
+// an online machine would have met it.
+Stop finishList(bool include, mapper::Map& map, const KeysBefore& keys) {
+  Stop stop;
+  log::Deferral kept;
+  std::size_t keysPut = 0;
+  stop.code = map.finishList(include, keysPut);
+  if (stop.code != error::TPA_ERROR_NONE) {
+    stop.at = 3 * keys.ruleOf(include, keysPut) + (include ? 1 : 2);
+    stop.messages = kept.take();
+  }
+  return stop;
+}
+
+// Makes the include machine on a second thread while this one makes the
+// exclude machine, when both are worth it; allocation failure on either
+// propagates as std::bad_alloc.
+void finishLists(mapper::Map& map, const KeysBefore& keys, bool twoThreads, Stop& include,
+                 Stop& exclude) {
+  std::exception_ptr thrown;
+  std::thread second;
+  if (twoThreads) {
+    try {
+      second = std::thread([&] {
+        try {
+          include = finishList(true, map, keys);
+        } catch (...) {
+          thrown = std::current_exception();
+        }
+      });
+    } catch (const std::system_error&) {
+      twoThreads = false;
+    }
+  }
+  if (!twoThreads) include = finishList(true, map, keys);
+  try {
+    exclude = finishList(false, map, keys);
+  } catch (...) {
+    if (second.joinable()) second.join();
+    throw;
+  }
+  if (second.joinable()) second.join();
+  if (thrown) std::rethrow_exception(thrown);
+}
+
+// Every rule into the map, then its machines made. The outcome, messages
+// included, is that of a one-thread put of online machines: a list's failure
+// is met before any failure of the put (whose keys were never collected),
+// and of two lists' failures the earlier in rule order is reported.
+int putAndFinish(std::vector<parser::Rule>& rules, mapper::Map& map, bool twoThreads) {
+  KeysBefore keys;
+  const Stop put = putRules(rules, map, keys);
+  mapper::releaseFreedMemory();  // the rules' strings, before the machines' arrays
+  Stop include, exclude;
+  finishLists(map, keys, twoThreads, include, exclude);
+  const Stop& list = include.at < exclude.at ? include : exclude;
+  const Stop& first = list.stopped() ? list : put;
+  if (!first.stopped()) return error::TPA_ERROR_NONE;
   log::write(first.messages);
   if (first.thrown) std::rethrow_exception(first.thrown);
   return first.code;
@@ -181,12 +200,11 @@ int buildMap(const std::string& source, bool fromFile, std::unique_ptr<mapper::M
   }
   auto fresh = std::make_unique<mapper::Map>(kCacheCapacity);
   result = fresh->construct(parser.grossAppBytesCount(), parser.grossIncludeBytesCount(),
-                            parser.grossExcludeBytesCount());
+                            parser.grossExcludeBytesCount(), fsa::Construction::kFromText);
   if (result != error::TPA_ERROR_NONE) return result;
   if (!automataAllocated(*fresh)) return outOfMemory();
 
-  result = worthTwoThreads(parser) ? putOnTwoThreads(parser.getRules(), *fresh)
-                                   : putOnOneThread(parser.getRules(), *fresh);
+  result = putAndFinish(parser.getRules(), *fresh, worthTwoThreads(parser));
   if (result != error::TPA_ERROR_NONE) return result;
   fresh->freeze();
   map = std::move(fresh);

@@ -120,6 +120,12 @@ bool FrozenAutomaton::mayFindWildcard(const char* key, int n) const {
   return tails_.anyPieceIsTail(key, n);
 }
 
+void FrozenAutomaton::indexKeys(const std::vector<StoredKey>& keys,
+                                const std::vector<StoredKey>& wholeKeys) {
+  wholeKeys_.build(text_.data(), wholeKeys);
+  tails_.build(text_.data(), keys);
+}
+
 std::size_t FrozenAutomaton::bytes() const {
   return sizeof(*this) + text_.capacity() + hasEdges_.bytes() + edgeStart_.capacity() * 4 +
          runs_.capacity() + valued_.bytes() + values_.capacity() * sizeof(Value) +
@@ -189,8 +195,7 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::Builder::finish(
   f.edgeStart_.push_back(static_cast<std::uint32_t>(f.runs_.size() / f.edgeBytes()));
   f.hasEdges_.seal();
   f.valued_.seal();
-  f.wholeKeys_.build(f.text_.data(), wholeKeys);
-  f.tails_.build(f.text_.data(), keys);
+  f.indexKeys(keys, wholeKeys);
   return std::move(frozen_);
 }
 

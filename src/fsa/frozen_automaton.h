@@ -1,5 +1,6 @@
 // FrozenAutomaton: the read-only form of a finished suffix automaton, made
-// once nothing will be appended any more. It holds the same states and
+// once nothing will be appended any more, from the online automaton (Builder)
+// or straight from its text (fromText). It holds the same states and
 // transitions as the online automaton, so every walk reads the same states
 // and reports the same values, in a fraction of the memory:
 //
@@ -76,6 +77,14 @@ class RankedBits {
   std::vector<Block> blocks_;
 };
 
+// A key appended to a text: its last character's position, its length and
+// the value given with it.
+struct ValuedKey {
+  std::int32_t end;
+  std::int32_t length;
+  std::int32_t value;
+};
+
 class FrozenAutomaton {
  public:
   // What a state stores, as the online automaton stores it: key length and
@@ -95,6 +104,16 @@ class FrozenAutomaton {
   // Filled by the owner of the online automaton, state by state in the new
   // numbering (see above); every member may throw std::bad_alloc.
   class Builder;
+
+  // The frozen form of the suffix automaton of `text`, whose `keys` (in text
+  // order) carry their values, made straight from the text without the
+  // online automaton (frozen_from_text.cc). `states` gets the number of
+  // states the automaton has, the start state included. Null, with `text`
+  // kept, when that is more than `maxStates`; else `text` is taken. Throws
+  // std::bad_alloc.
+  static std::unique_ptr<FrozenAutomaton> fromText(std::vector<unsigned char>& text,
+                                                   const std::vector<ValuedKey>& keys,
+                                                   std::int64_t maxStates, std::int64_t& states);
 
   // Number of leading characters of key[0, n) readable from the start state;
   // `out` gets the value of the state where reading stopped.
@@ -139,6 +158,8 @@ class FrozenAutomaton {
   }
   // Reads key[from, n) from the start state; true when all of it was read.
   bool occurs(const char* key, int from, int n) const;
+  // Builds the two key indexes once every state is in.
+  void indexKeys(const std::vector<StoredKey>& keys, const std::vector<StoredKey>& wholeKeys);
 
   // Invariants: states are [0, stateCount_); state s + 1 is the target of s
   // on text_[s] for s < text_.size(), and that transition is not in the runs.

@@ -11,8 +11,12 @@
 // linear in the query plus amortised suffix-link steps and allocate nothing.
 // Once nothing more will be appended, freeze() trades the online states for
 // their read-only form (FrozenAutomaton), several times smaller, answering
-// every lookup as before. Owns its states and transitions. Not thread-safe:
-// callers serialise every access.
+// every lookup as before. An automaton constructed kFromText never builds the
+// online states: it keeps the text and its key ends (1 byte per character, 12
+// per key) and finish() makes the read-only form straight from them, at a
+// peak of about 30 bytes per character (the suffix array and its companions,
+// then the frozen form beside them). Owns its states, transitions and
+// text. Not thread-safe: callers serialise every access.
 #ifndef TPA_FSA_SUFFIX_AUTOMATON_H_
 #define TPA_FSA_SUFFIX_AUTOMATON_H_
 
@@ -79,6 +83,10 @@ struct StateLinks {
   std::int32_t linkBits;  // ~link
 };
 
+// How an automaton is made: online, a character at a time, or from its whole
+// text once every key is in (finish).
+enum class Construction { kOnline, kFromText };
+
 template <typename T, template <typename> class Store = CompactTransitions>
 class SuffixAutomaton {
   static_assert(std::is_integral_v<T> && sizeof(T) <= sizeof(std::int32_t),
@@ -94,12 +102,21 @@ class SuffixAutomaton {
   // Allocates 2k default states, k = n or 3 when n < 2, replacing any
   // previous ones. last and count are kept (a fresh automaton has 0 and 1).
   // A length whose states cannot be counted in an int allocates nothing.
-  void construct(int n) {
+  // kFromText allocates no states but room for the text of n characters,
+  // and may throw std::bad_alloc.
+  void construct(int n, Construction how = Construction::kOnline) {
     const int k = n < 2 ? 3 : n;
     requestedLength_ = k;
     capacity_ = k <= INT32_MAX / 2 ? 2 * k : 0;
     frozen_.reset();
     values_.reset();
+    collected_.reset();
+    if (how == Construction::kFromText) {
+      if (capacity_ == 0) return;  // seen as "not allocated" by add
+      collected_ = std::make_unique<Collected>();
+      collected_->text.reserve(static_cast<std::size_t>(k));
+      return;
+    }
     if (capacity_ == 0 || !values_.allocateZeroed(static_cast<std::size_t>(capacity_)) ||
         !transitions_.allocate(capacity_)) {
       values_.reset();  // seen as "not allocated" by add
@@ -119,12 +136,18 @@ class SuffixAutomaton {
     return add(key.data(), key.size(), userDefinedValue);
   }
   [[nodiscard]] int add(const char* key, std::size_t size, T userDefinedValue) {
-    if (!values_ && !frozen_) {
+    if (!allocated()) {
       log::write(log::kError, log::kEngineTag, "[SA] states_ array is not allocated. %s",
                  log::kLineEnd);
       return error::TPA_ERROR_OOM;
     }
     const int n = static_cast<int>(size);
+    if (collected_ && n >= 1) {
+      collected_->text.insert(collected_->text.end(), key, key + n);
+      collected_->keys.push_back(ValuedKey{static_cast<std::int32_t>(collected_->text.size()) - 1,
+                                           n, static_cast<std::int32_t>(userDefinedValue)});
+      return error::TPA_ERROR_NONE;
+    }
     for (int i = 0; i < n; ++i) {
       const SAStateValue<T> value =
           i + 1 == n ? SAStateValue<T>(n, userDefinedValue) : SAStateValue<T>();
@@ -139,6 +162,15 @@ class SuffixAutomaton {
   // advanced before the bounds check and never taken back.
   [[nodiscard]] int extend(char ch, SAStateValue<T> value) {
     if (frozen_) return error::TPA_ERROR_ARRAY_OUT_OF_INDEX;  // takes nothing more
+    if (collected_) {
+      collected_->text.push_back(static_cast<unsigned char>(ch));
+      if (value != SAStateValue<T>()) {
+        collected_->keys.push_back(
+            ValuedKey{static_cast<std::int32_t>(collected_->text.size()) - 1,
+                      value.storedKeyLength(), static_cast<std::int32_t>(value.userDefinedValue())});
+      }
+      return error::TPA_ERROR_NONE;
+    }
     const auto c = static_cast<unsigned char>(ch);
     const int cur = count_++;
     if (cur >= capacity_) {
@@ -280,6 +312,26 @@ class SuffixAutomaton {
     return true;
   }
   bool frozen() const { return frozen_ != nullptr; }
+
+  // For an automaton constructed kFromText, once every key is in: makes the
+  // read-only form straight from the text (nothing more can be added), and
+  // answers lookups from then on. When the online automaton would have run
+  // out of states, replays it instead, so that it fails where and as it
+  // would have: returns the code of the first failing add, `keysPut` the
+  // number of adds before it, with its messages logged. Returns 0 for any
+  // other automaton. Throws std::bad_alloc, leaving the automaton empty.
+  [[nodiscard]] int finish(std::size_t& keysPut) {
+    if (!collected_) return error::TPA_ERROR_NONE;
+    const std::unique_ptr<Collected> c = std::move(collected_);
+    std::int64_t states = 0;
+    frozen_ = FrozenAutomaton::fromText(c->text, c->keys, capacity_, states);
+    if (frozen_) {
+      count_ = static_cast<int>(states);
+      textStates_ = last_ = frozen_->textLength();
+      return error::TPA_ERROR_NONE;
+    }
+    return replay(*c, keysPut);
+  }
   const FrozenAutomaton* frozenForm() const { return frozen_.get(); }
 
   // States in use other than the start state (past the capacity once full).
@@ -290,7 +342,7 @@ class SuffixAutomaton {
   int capacity() const { return capacity_; }
   int requestedLength() const { return requestedLength_; }
   int last() const { return last_; }
-  bool allocated() const { return values_ || frozen_; }
+  bool allocated() const { return values_ || frozen_ || collected_; }
   SAState<T> stateAt(int i) const { return SAState<T>(length(i), link(i), valueOf(i)); }
   // The target of state s on c, or -1 (until frozen).
   int step(int s, unsigned char c) const {
@@ -468,6 +520,33 @@ class SuffixAutomaton {
     }
   }
 
+  // What an automaton constructed kFromText keeps until finish: its text and
+  // the positions that carry a value (key ends), in text order.
+  struct Collected {
+    std::vector<unsigned char> text;
+    std::vector<ValuedKey> keys;
+  };
+
+  // Appends the collected text to fresh online states until an extend fails.
+  int replay(const Collected& c, std::size_t& keysPut) {
+    construct(requestedLength_);
+    if (!values_) throw std::bad_alloc();
+    std::size_t k = 0;
+    for (std::size_t i = 0; i < c.text.size(); ++i) {
+      const bool valued = k < c.keys.size() && c.keys[k].end == static_cast<std::int32_t>(i);
+      const SAStateValue<T> value =
+          valued ? SAStateValue<T>(c.keys[k].length, static_cast<T>(c.keys[k].value))
+                 : SAStateValue<T>();
+      const int result = extend(static_cast<char>(c.text[i]), value);
+      if (result != error::TPA_ERROR_NONE) {
+        keysPut = k;
+        return result;
+      }
+      k += valued ? 1 : 0;
+    }
+    return error::TPA_ERROR_NONE;
+  }
+
   // Lookups on an automaton that was never allocated answer as an empty one.
   static int emptyFull(SAStateValue<T>& out) {
     out = SAStateValue<T>();
@@ -498,6 +577,8 @@ class SuffixAutomaton {
   int capacity_ = 0;         // states allocated: 2 * requestedLength_
   // Once frozen: the only form, transitions_ and values_ released.
   std::unique_ptr<FrozenAutomaton> frozen_;
+  // Constructed kFromText, until finish: no states, the text alone.
+  std::unique_ptr<Collected> collected_;
 };
 
 extern template class SuffixAutomaton<int>;

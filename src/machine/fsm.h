@@ -37,12 +37,14 @@ class FSM {
   FSM& operator=(const FSM&) = delete;
 
   // Replaces both parts: an automaton for a text of automatonLength
-  // characters and an empty cache of cacheCapacity entries.
-  void construct(int automatonLength, int cacheCapacity) {
+  // characters, made as `how` says, and an empty cache of cacheCapacity
+  // entries.
+  void construct(int automatonLength, int cacheCapacity,
+                 fsa::Construction how = fsa::Construction::kOnline) {
     automaton_.reset();
     cache_.reset();
     automaton_ = std::make_unique<Automaton>();
-    automaton_->construct(automatonLength);
+    automaton_->construct(automatonLength, how);
     cache_ = std::make_unique<Cache>(cacheCapacity);
     cache_->construct(kCacheSentinelKey, SubKey{0},
                       Cached(StateValue(0, fsa::SA_DEFAULT_USER_DEFINED_VALUE), 0));
@@ -99,6 +101,14 @@ class FSM {
   // cache holds is one the frozen form gives again, so lookups go straight to
   // it from then on. True when frozen.
   bool freeze() { return automaton_ != nullptr && automaton_->freeze(); }
+
+  // Makes the read-only form of an automaton constructed kFromText once
+  // every key is put (see SuffixAutomaton::finish): 0, or the code of the
+  // first put the online automaton would have failed, `keysPut` the puts
+  // before it. Throws std::bad_alloc.
+  [[nodiscard]] int finish(std::size_t& keysPut) {
+    return automaton_ ? automaton_->finish(keysPut) : error::TPA_ERROR_NONE;
+  }
 
   // out = states in use other than the start state. 0, or -1.
   [[nodiscard]] int size(int& out) const {

@@ -7,9 +7,6 @@
 #include <initializer_list>
 #include <iterator>
 #include <new>
-#if defined(__GLIBC__)
-#include <malloc.h>
-#endif
 
 #include "api/constants.h"
 #include "api/log.h"
@@ -100,14 +97,6 @@ class CacheBypass {
 
 }  // namespace
 
-void releaseFreedMemory() {
-#if defined(__GLIBC__)
-  // glibc keeps freed heap below its top and in its arenas; a long-lived
-  // service sees resident memory, so give the free pages back.
-  malloc_trim(0);
-#endif
-}
-
 void storedDestination(const std::string& d, std::string& text) {
   if (cidr::isCidrIpAddress(d) != 0) {
     text = cidr::extractNetworkID(d);
@@ -125,13 +114,13 @@ Map::Map(int capacity) : capacity_(capacity) {}
 
 Map::~Map() = default;
 
-int Map::construct(int appsSize, int includeSize, int excludeSize) {
+int Map::construct(int appsSize, int includeSize, int excludeSize, fsa::Construction lists) {
   apps_ = std::make_unique<Machine>();
   include_ = std::make_unique<Machine>();
   exclude_ = std::make_unique<Machine>();
   apps_->construct(appsSize, capacity_);
-  include_->construct(includeSize, capacity_);
-  exclude_->construct(excludeSize, capacity_);
+  include_->construct(includeSize, capacity_, lists);
+  exclude_->construct(excludeSize, capacity_, lists);
   reserve(buffers_);
   includeBits_ = BitNames();
   excludeBits_ = BitNames();
@@ -200,6 +189,11 @@ void Map::freeze() {
     return sa < sb;
   });
   for (Machine* m : machines) m->freeze();
+}
+
+int Map::finishList(bool include, std::size_t& keysPut) {
+  Machine* machine = include ? include_.get() : exclude_.get();
+  return machine == nullptr ? error::TPA_ERROR_NONE : machine->finish(keysPut);
 }
 
 int Map::clearCache() {

@@ -1,9 +1,10 @@
 // Map: the compiled form of a rules document, three keyed machines: the apps
 // machine maps framed application keys to rule numbers, the include and
 // exclude machines hold every rule's framed destinations with the rule's id.
-// Built once (construct, then put per rule), then only queried (get), which
-// updates the machines' caches; a memo of whole decisions answers repeated
-// queries before the machines. Owns its machines and memo alone. Not thread-
+// Built once (construct, put per rule, finishList for lists made from their
+// text, then freeze), then only queried (get), which updates the machines'
+// caches; a memo of whole decisions answers repeated queries before the
+// machines. Owns its machines and memo alone. Not thread-
 // safe: get writes the caches, the memo and shared key buffers, so callers
 // serialise queries.
 #ifndef TPA_MAPPER_MAP_H_
@@ -13,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "fsa/heap.h"
 #include "machine/fsm.h"
 #include "mapper/decision.h"
 
@@ -20,9 +22,8 @@ namespace tpa::mapper {
 
 struct QueryTrace;
 
-// Returns the free pages of the heap to the system where the C library can
-// (glibc); elsewhere nothing. Worth calling after a build frees much.
-void releaseFreedMemory();
+// Worth calling after a build frees much.
+using fsa::releaseFreedMemory;
 
 // The stored form of a sanitised destination, as put writes it into `text`:
 // a network by its network identifier (bits), an address in its fixed-width
@@ -40,8 +41,11 @@ class Map {
   Map& operator=(const Map&) = delete;
 
   // Replaces the three machines, sized for the given symbol totals, each with
-  // a cache of `capacity` entries. Returns 0.
-  [[nodiscard]] int construct(int appsSize, int includeSize, int excludeSize);
+  // a cache of `capacity` entries; the include and exclude machines are made
+  // as `lists` says (kFromText: by finishList, once every rule is put).
+  // Returns 0. Throws std::bad_alloc.
+  [[nodiscard]] int construct(int appsSize, int includeSize, int excludeSize,
+                              fsa::Construction lists = fsa::Construction::kOnline);
 
   // Stores one rule: its applications under `ruleNumber` (or the any-
   // application branch), its include and exclude lists under the rule number
@@ -51,22 +55,15 @@ class Map {
                         const std::vector<std::string>& include,
                         const std::vector<std::string>& exclude, int id);
 
-  // put in two halves, for a build on two threads: the applications and the
-  // exclude list of each rule on one, the include list on the other, each
-  // with its own key buffers (a machine is only ever touched by one of
-  // them). `domainRule` is domainRuleOf(ruleNumber, apps). For a Map being
-  // built: unlike put, these leave the memo alone.
-  [[nodiscard]] int putApps(int ruleNumber, const std::vector<std::string>& apps,
-                            std::pair<std::string, int>& key);
-  [[nodiscard]] int putList(bool include, int domainRule, const std::vector<std::string>& list,
-                            int id, std::string& text, std::pair<std::string, int>& key);
-  // The number a rule's destinations are filed under: 0 when its only
-  // application is LAMBDA_STRING, else its rule number.
-  static int domainRuleOf(int ruleNumber, const std::vector<std::string>& apps);
-
   // Freezes the three machines once every rule is put: their automata take
   // a fraction of the memory and answer as before; no rule can be put after.
   void freeze();
+
+  // Makes the include (or exclude) machine of a Map constructed kFromText,
+  // once every rule is put: 0, or the code of the first put that an online
+  // machine would have failed, with its messages, `keysPut` being the keys of
+  // the list put before it. Throws std::bad_alloc.
+  [[nodiscard]] int finishList(bool include, std::size_t& keysPut);
 
   // Empties the three caches and the memo. Returns -1 whether or not it did:
   // callers must not read the result as a failure.
@@ -87,6 +84,16 @@ class Map {
   const Machine* excludeMachine() const { return exclude_.get(); }
 
  private:
+  // put's halves: the applications, and one list, each with the key buffers
+  // given.
+  [[nodiscard]] int putApps(int ruleNumber, const std::vector<std::string>& apps,
+                            std::pair<std::string, int>& key);
+  [[nodiscard]] int putList(bool include, int domainRule, const std::vector<std::string>& list,
+                            int id, std::string& text, std::pair<std::string, int>& key);
+  // The number a rule's destinations are filed under: 0 when its only
+  // application is LAMBDA_STRING, else its rule number.
+  static int domainRuleOf(int ruleNumber, const std::vector<std::string>& apps);
+
   int capacity_;                      // cache capacity of every machine
   std::unique_ptr<Machine> apps_;     // tansformApp keys -> rule number
   std::unique_ptr<Machine> include_;  // transformDomain(d, rule, 1) -> id

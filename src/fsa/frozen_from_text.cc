@@ -1,0 +1,406 @@
+// The frozen form made straight from the text, without the online automaton.
+//
+// The states of the suffix automaton of a text T (n characters) other than
+// the start state are the nodes of the suffix tree of R, T reversed: a string
+// s of T whose occurrences end at a set E is the string reverse(s) of R whose
+// occurrences start at the mirrored set, so the states (sets of end
+// positions) are the nodes (sets of suffixes, intervals of R's suffix array).
+// In the suffix array and its LCP array the nodes are the lcp-intervals of
+// value > 0 and the positions whose suffix is longer than its LCP with both
+// neighbours (no terminator: a suffix that is the prefix of another is the
+// left end of an lcp-interval of its own length). The rest follows:
+//
+// - A node whose interval holds the suffix of R of exactly its depth is the
+//   state of a prefix of T, state e + 1 for the prefix ending at e; every
+//   other node is a clone, numbered after them.
+// - A state's value is the one given at its first end position in T (a clone
+//   copies the value of the state it splits, which ends first where it does):
+//   R's largest suffix position in the interval, mirrored.
+// - The transition of a state on c is the Weiner link of its node: the suffix
+//   positions of c + label are the LF images of the positions in the
+//   interval whose BWT character is c, so the target's interval runs from the
+//   image of the first such position to that of the last. A single position
+//   is the state of a prefix; a longer interval is a clone if one was found
+//   there, else the prefix state whose suffix starts it.
+//
+// The tree is walked bottom-up twice over the arrays (Abouelhoda, Kurtz and
+// Ohlebusch's lcp-interval traversal), once to count states, transitions and
+// values, once to place them; a node carries, per BWT character of its
+// interval, the LF images of the first and last occurrence. Memory: the
+// suffix array, LCP array and BWT of R in suffix order (9 bytes per
+// character), per clone 4 bytes, 2 bytes per state while counting, and the
+// frozen form; SA-IS's own peak of about 14 bytes per character comes first.
+// The heap is trimmed between the stages, so that what one frees is not
+// left resident under the next.
+#include <algorithm>
+#include <functional>
+#include <utility>
+
+#include "fsa/frozen_automaton.h"
+#include "fsa/heap.h"
+#include "fsa/suffix_sort.h"
+
+namespace tpa::fsa {
+
+namespace {
+
+using Index = std::int32_t;
+
+// What a node's interval holds of one BWT character c: the LF images of its
+// first and last occurrence there, which bound the interval of c + label.
+struct Reach {
+  unsigned char c;
+  Index lo;
+  Index hi;
+};
+
+enum class NodeKind { kRoot, kPrefix, kClone };
+
+// A node as the walk reports it.
+struct Node {
+  NodeKind kind;
+  Index lb, rb;   // its interval of the suffix array
+  Index maxSuffix;  // the largest suffix position of R in it (its first end in T, mirrored)
+  const Reach* reach;  // per character, in character order
+  std::size_t reaches;
+};
+
+// R with its suffix array and LCP array, walked bottom-up.
+class ReversedTree {
+ public:
+  explicit ReversedTree(const std::vector<unsigned char>& text)
+      : n_(static_cast<Index>(text.size())), reversed_(text.rbegin(), text.rend()) {
+    sa_ = suffixArray(reversed_.data(), n_);
+    releaseFreedMemory();  // SA-IS's own arrays, before more are made
+    // Both walks read the arrays in suffix order: put them in it once.
+    std::vector<Index> plcp = prefixLcp(reversed_.data(), sa_);
+    lcp_.resize(sa_.size());
+    bwt_.resize(sa_.size());
+    for (std::size_t j = 0; j < sa_.size(); ++j) {
+      const Index i = sa_[j];
+      lcp_[j] = plcp[static_cast<std::size_t>(i)];
+      bwt_[j] = i > 0 ? reversed_[static_cast<std::size_t>(i - 1)] : 0;
+    }
+    for (const unsigned char c : reversed_) ++start_[c + 1];
+    for (int c = 0; c < 256; ++c) start_[c + 1] += start_[c];
+    first_ = reversed_[static_cast<std::size_t>(n_ - 1)];
+    reversed_ = std::vector<unsigned char>();
+    plcp = std::vector<Index>();
+    releaseFreedMemory();
+  }
+
+  Index size() const { return n_; }
+  Index suffixAt(Index j) const { return sa_[static_cast<std::size_t>(j)]; }
+  // The character of T after the prefix whose mirror is the suffix at j
+  // (none, 0, after the whole of T).
+  unsigned char before(Index j) const { return bwt_[static_cast<std::size_t>(j)]; }
+
+  // Calls visit(const Node&) for every node, children before their parent,
+  // the root last. n >= 1.
+  template <typename Visit>
+  void walk(Visit visit) {
+    Index seen[256] = {};
+    stack_.clear();
+    reach_.clear();
+    stack_.push_back(Open{0, 0, -1, false, 0});
+    // The empty suffix, sorted before all, is followed in R by T's first
+    // character: the start state's transition into state 1.
+    add(Reach{first_, start_[first_], start_[first_]});
+    seen[first_] = 1;
+    for (Index j = 0; j < n_; ++j) {
+      const Index suffix = suffixAt(j);
+      const Index next = j + 1 < n_ ? lcp(j + 1) : 0;
+      Reach own{0, -1, -1};
+      if (suffix > 0) {
+        const unsigned char c = before(j);
+        own = Reach{c, start_[c] + seen[c], start_[c] + seen[c]};
+        ++seen[c];
+      }
+      if (next > stack_.back().lcp && n_ - suffix == next) {
+        // The suffix is the prefix of the next one: the node of its own length.
+        stack_.push_back(Open{next, j, suffix, true, reach_.size()});
+        if (own.lo >= 0) add(own);
+        continue;
+      }
+      if (next > stack_.back().lcp) stack_.push_back(Open{next, j, -1, false, reach_.size()});
+      visit(Node{NodeKind::kPrefix, j, j, suffix, &own, own.lo >= 0 ? 1u : 0u});
+      stack_.back().maxSuffix = std::max(stack_.back().maxSuffix, suffix);
+      if (own.lo >= 0) add(own);
+      close(next, j, visit);
+    }
+    const Open& root = stack_.back();
+    visit(Node{NodeKind::kRoot, 0, n_ - 1, root.maxSuffix, reach_.data() + root.reachStart,
+               reach_.size() - root.reachStart});
+  }
+
+ private:
+  // An interval whose right end is not reached yet; its reaches are
+  // reach_[reachStart, the next open interval's reachStart).
+  struct Open {
+    Index lcp;
+    Index lb;
+    Index maxSuffix;
+    bool prefix;  // holds the suffix of its own length, at lb
+    std::size_t reachStart;
+  };
+
+  Index lcp(Index j) const { return lcp_[static_cast<std::size_t>(j)]; }
+
+  // Ends the open intervals deeper than `depth` at rb, each a child of the
+  // one below it or of a new interval of that depth.
+  template <typename Visit>
+  void close(Index depth, Index rb, Visit& visit) {
+    while (depth < stack_.back().lcp) {
+      const Open done = stack_.back();
+      stack_.pop_back();
+      visit(Node{done.prefix ? NodeKind::kPrefix : NodeKind::kClone, done.lb, rb, done.maxSuffix,
+                 reach_.data() + done.reachStart, reach_.size() - done.reachStart});
+      if (depth > stack_.back().lcp) {
+        // Its parent starts where it does and takes its reaches as they are.
+        stack_.push_back(Open{depth, done.lb, done.maxSuffix, false, done.reachStart});
+        return;
+      }
+      Open& parent = stack_.back();
+      parent.maxSuffix = std::max(parent.maxSuffix, done.maxSuffix);
+      mergeTop(parent.reachStart, done.reachStart);
+    }
+  }
+
+  // One more occurrence, right of all before, in the top interval.
+  void add(const Reach& r) {
+    const auto begin = reach_.begin() + static_cast<std::ptrdiff_t>(stack_.back().reachStart);
+    auto at = std::lower_bound(begin, reach_.end(), r.c,
+                               [](const Reach& x, unsigned char c) { return x.c < c; });
+    if (at != reach_.end() && at->c == r.c) {
+      at->hi = r.hi;
+    } else {
+      reach_.insert(at, r);
+    }
+  }
+
+  // Merges a closed child's reaches [child, end) into its parent's
+  // [parent, child), which lie left of them.
+  void mergeTop(std::size_t parent, std::size_t child) {
+    merged_.clear();
+    std::size_t i = parent, k = child;
+    while (i < child || k < reach_.size()) {
+      if (k == reach_.size() || (i < child && reach_[i].c < reach_[k].c)) {
+        merged_.push_back(reach_[i++]);
+      } else if (i == child || reach_[k].c < reach_[i].c) {
+        merged_.push_back(reach_[k++]);
+      } else {
+        merged_.push_back(Reach{reach_[i].c, reach_[i].lo, reach_[k].hi});
+        ++i, ++k;
+      }
+    }
+    reach_.resize(parent);
+    reach_.insert(reach_.end(), merged_.begin(), merged_.end());
+  }
+
+  Index n_;
+  std::vector<unsigned char> reversed_;  // until the arrays are made
+  unsigned char first_ = 0;              // T's first character
+  std::vector<Index> sa_;
+  std::vector<Index> lcp_;     // shared with the suffix sorted before, in suffix order
+  std::vector<unsigned char> bwt_;  // the character before each suffix, in suffix order
+  Index start_[257] = {};      // where the suffixes starting with each character begin
+  std::vector<Open> stack_;    // the root at the bottom, deeper intervals above
+  std::vector<Reach> reach_;   // the open intervals' reaches, bottom to top
+  std::vector<Reach> merged_;  // scratch of mergeTop
+};
+
+// The clones by interval, for the targets of transitions. The walk ends
+// intervals in the order of their right ends, and of those ending together
+// the deeper (starting later) first: clone k in that order is state
+// n + 1 + k, found among those that end where it does.
+class CloneIndex {
+ public:
+  explicit CloneIndex(Index n) : n_(n) { endsHere_.resize(static_cast<std::size_t>(n)); }
+
+  // The next clone in the walk's order. Throws std::bad_alloc.
+  void add(Index lb, Index rb) {
+    if (starts_.empty() || rb != lastEnd_) {
+      endsHere_.set(static_cast<std::size_t>(rb));
+      firstOf_.push_back(static_cast<std::uint32_t>(starts_.size()));
+      lastEnd_ = rb;
+    }
+    starts_.push_back(lb);
+  }
+  // Call once every clone is in. Throws std::bad_alloc.
+  void seal() {
+    firstOf_.push_back(static_cast<std::uint32_t>(starts_.size()));
+    endsHere_.seal();
+  }
+  Index count() const { return static_cast<Index>(starts_.size()); }
+
+  // The state of the clone of interval [lb, rb], or -1. Those ending at rb
+  // are nested, their left ends falling in the walk's order: a binary
+  // search (a text of long runs ends thousands of clones at one place).
+  Index find(Index lb, Index rb) const {
+    if (!endsHere_.test(static_cast<std::size_t>(rb))) return -1;
+    const std::uint32_t r = endsHere_.rank(static_cast<std::size_t>(rb));
+    const auto first = starts_.begin() + firstOf_[r];
+    const auto last = starts_.begin() + firstOf_[r + 1];
+    const auto at = std::lower_bound(first, last, lb, std::greater<Index>());
+    if (at == last || *at != lb) return -1;
+    return n_ + 1 + static_cast<Index>(at - starts_.begin());
+  }
+
+ private:
+  Index n_;
+  Index lastEnd_ = -1;
+  RankedBits endsHere_;                 // right ends of clones
+  std::vector<std::uint32_t> firstOf_;  // per such right end, +1: its first clone
+  std::vector<Index> starts_;           // per clone in order: its left end
+};
+
+}  // namespace
+
+std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned char>& text,
+                                                           const std::vector<ValuedKey>& keys,
+                                                           std::int64_t maxStates,
+                                                           std::int64_t& states) {
+  const auto n = static_cast<Index>(text.size());
+  // The keys proper: a value given by extend alone may claim no length, or
+  // more than the text before it.
+  std::vector<StoredKey> stored;
+  stored.reserve(keys.size());
+  for (const ValuedKey& k : keys) {
+    if (k.length > 0 && k.length <= k.end + 1) stored.push_back(StoredKey{k.end, k.length});
+  }
+  if (n == 0) {
+    states = 1;
+    if (maxStates < 1) return nullptr;
+    Builder empty(1, 0, Sizes{0, 0, 0});
+    empty.beginState(0, kNoValue);
+    return empty.finish(stored, {});
+  }
+  // The value at each end position of T.
+  RankedBits keyEnds;
+  keyEnds.resize(text.size());
+  for (const ValuedKey& k : keys) keyEnds.set(static_cast<std::size_t>(k.end));
+  keyEnds.seal();
+  const auto valuedAt = [&](Index e) { return keyEnds.test(static_cast<std::size_t>(e)); };
+
+  auto tree = std::make_unique<ReversedTree>(text);
+  const auto firstEnd = [n](const Node& node) { return n - 1 - node.maxSuffix; };
+  const auto prefixState = [n](Index suffix) { return n - suffix; };
+
+  // First walk: the clones, and what each state stores.
+  CloneIndex clones(n);
+  std::vector<bool> cloneValued;
+  // Stored transitions per state: the prefix states', then the clones' as found.
+  std::vector<std::uint16_t> edges(static_cast<std::size_t>(n) + 1, 0);
+  std::vector<std::uint16_t> cloneEdges;
+  tree->walk([&](const Node& node) {
+    if (node.kind == NodeKind::kRoot) return;
+    // A prefix state's transition on the next character of T is the text's.
+    const std::size_t fromText = node.kind == NodeKind::kPrefix && node.maxSuffix > 0 ? 1 : 0;
+    const auto stored = static_cast<std::uint16_t>(node.reaches - fromText);
+    if (node.kind == NodeKind::kPrefix) {
+      edges[static_cast<std::size_t>(prefixState(node.maxSuffix))] = stored;
+      return;
+    }
+    clones.add(node.lb, node.rb);
+    cloneValued.push_back(valuedAt(firstEnd(node)));
+    cloneEdges.push_back(stored);
+  });
+  clones.seal();
+  states = 1 + static_cast<std::int64_t>(n) + static_cast<std::int64_t>(clones.count());
+  if (states > maxStates) return nullptr;
+
+  // The layout: which states have runs and values, and where each run starts.
+  auto frozen = std::make_unique<FrozenAutomaton>();
+  FrozenAutomaton& f = *frozen;
+  const auto total = static_cast<std::size_t>(states);
+  std::fill(std::begin(f.root_), std::end(f.root_), -1);
+  f.stateCount_ = static_cast<int>(states);
+  f.targetWidth_ = states <= (1 << 24) ? 3 : 4;
+  f.hasEdges_.resize(total);
+  f.valued_.resize(total);
+  const auto edgesOf = [&](std::size_t s) {
+    return s < edges.size() ? edges[s] : cloneEdges[s - edges.size()];
+  };
+  std::size_t withEdges = 0;
+  for (std::size_t s = 0; s < total; ++s) withEdges += edgesOf(s) > 0 ? 1 : 0;
+  f.edgeStart_.reserve(withEdges + 1);
+  std::size_t edgeCount = 0;
+  for (std::size_t s = 0; s < total; ++s) {
+    if (edgesOf(s) == 0) continue;
+    f.hasEdges_.set(s);
+    f.edgeStart_.push_back(static_cast<std::uint32_t>(edgeCount));
+    edgeCount += edgesOf(s);
+  }
+  f.edgeStart_.push_back(static_cast<std::uint32_t>(edgeCount));
+  edges = std::vector<std::uint16_t>();
+  cloneEdges = std::vector<std::uint16_t>();
+  f.runs_.resize(edgeCount * f.edgeBytes());
+  for (const ValuedKey& k : keys) f.valued_.set(static_cast<std::size_t>(k.end) + 1);
+  for (std::size_t c = 0; c < cloneValued.size(); ++c) {
+    if (cloneValued[c]) f.valued_.set(static_cast<std::size_t>(n) + 1 + c);
+  }
+  cloneValued = std::vector<bool>();
+  f.hasEdges_.seal();
+  f.valued_.seal();
+  f.values_.resize(f.valued_.rank(total));
+  releaseFreedMemory();  // the counts
+
+  // Second walk: values and transitions in place.
+  const auto stateOf = [&](Index lb, Index rb) {
+    if (lb == rb) return prefixState(tree->suffixAt(lb));
+    const Index clone = clones.find(lb, rb);
+    return clone >= 0 ? clone : prefixState(tree->suffixAt(lb));
+  };
+  Index nextClone = n + 1;  // in the first walk's order
+  tree->walk([&](const Node& node) {
+    const Index s = node.kind == NodeKind::kRoot     ? 0
+                    : node.kind == NodeKind::kPrefix ? prefixState(node.maxSuffix)
+                                                     : nextClone++;
+    if (node.kind == NodeKind::kRoot) {
+      for (std::size_t k = 0; k < node.reaches; ++k) {
+        f.root_[node.reach[k].c] = stateOf(node.reach[k].lo, node.reach[k].hi);
+      }
+      return;
+    }
+    const auto at = static_cast<std::size_t>(s);
+    if (f.valued_.test(at)) {
+      const Index e = firstEnd(node);
+      const ValuedKey& k = keys[keyEnds.rank(static_cast<std::size_t>(e))];
+      f.values_[f.valued_.rank(at)] = Value{k.length, k.value};
+    }
+    if (!f.hasEdges_.test(at)) return;
+    const std::uint32_t r = f.hasEdges_.rank(at);
+    const std::uint32_t count = f.edgeStart_[r + 1] - f.edgeStart_[r];
+    unsigned char* run = &f.runs_[f.edgeStart_[r] * f.edgeBytes()];
+    std::uint32_t k = 0;
+    for (std::size_t i = 0; i < node.reaches; ++i) {
+      const Reach& reach = node.reach[i];
+      if (node.kind == NodeKind::kPrefix && s < n && reach.c == text[static_cast<std::size_t>(s)]) {
+        continue;  // read from the text
+      }
+      const auto target = static_cast<std::uint32_t>(stateOf(reach.lo, reach.hi));
+      run[k] = reach.c;
+      for (unsigned b = 0; b < f.targetWidth_; ++b) {
+        run[count + k * f.targetWidth_ + b] = static_cast<unsigned char>(target >> (8 * b));
+      }
+      ++k;
+    }
+  });
+
+  tree.reset();  // before the key indexes are made
+  f.text_ = std::move(text);
+  text = std::vector<unsigned char>();
+  // A key is found whole when its first copy ends in a state of its length.
+  std::vector<StoredKey> whole;
+  for (const StoredKey& k : stored) {
+    Value v;
+    const char* key = reinterpret_cast<const char*>(f.text_.data()) + (k.end + 1 - k.length);
+    if (f.tryFindFull(key, k.length, v) == k.length && v.storedKeyLength == k.length) {
+      whole.push_back(k);
+    }
+  }
+  f.indexKeys(stored, whole);
+  return frozen;
+}
+
+}  // namespace tpa::fsa

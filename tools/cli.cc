@@ -13,6 +13,7 @@ namespace {
 
 constexpr char kToolHelp[] =
     "usage: tpa COMMAND RULES [ARGS]...\n"
+    "       tpa help [COMMAND] | --help | --version\n"
     "\n"
     "Reads a rules document exactly as the analyzer on the phone does and shows\n"
     "how it is read and what it decides. RULES is a file, or '-' for standard input.\n"
@@ -25,19 +26,21 @@ constexpr char kToolHelp[] =
     "  diff OLD NEW [QUERIES]       list the decisions that differ between two documents\n"
     "  import FORMAT FILE...        write a rules document from hosts, domain or AdBlock lists\n"
     "\n"
-    "Run 'tpa COMMAND --help' for the details of a command.\n"
+    "Run 'tpa COMMAND --help' (or 'tpa help COMMAND') for the details of a command.\n"
     "\n"
     "exit codes:\n"
     "  0   success\n"
     "  1   diff: some decision changed\n"
     "  2   the build failed          (stderr: tpa: build failed: CODE NAME)\n"
     "  3   the build threw           (stderr: tpa: build threw: WHAT ...)\n"
+    "  4   check --strict: the document built but has warnings\n"
     "  64  usage error\n"
     "  65  a query line has no TAB between APP and DEST; import: no name to import\n"
     "  66  RULES (or a list, or QUERIES) cannot be read\n"
     "  70  out of memory outside the build (stderr: tpa: out of memory); a build\n"
     "      that runs out fails with 2 and TPA_ERROR_OOM\n"
-    "  74  standard output cannot be written\n";
+    "  74  standard output cannot be written (stderr: tpa: cannot write standard\n"
+    "      output: REASON)\n";
 
 constexpr char kQueryHelp[] =
     "usage: tpa query RULES [APP DEST]...\n"
@@ -61,7 +64,7 @@ constexpr char kShowHelp[] =
     "rule_number is 0 for a rule of every application, else the position.\n";
 
 constexpr char kCheckHelp[] =
-    "usage: tpa check [--format=text|json|github] RULES\n"
+    "usage: tpa check [--format=text|json|github] [--strict] RULES\n"
     "\n"
     "Builds RULES and reports the result code, the number of rules, the sizes of\n"
     "the three automata, the build's time and memory, and warnings about\n"
@@ -75,7 +78,10 @@ constexpr char kCheckHelp[] =
     "(result_name \"threw\" and result -1 when the build threw).\n"
     "--format=github writes each warning as a workflow annotation,\n"
     "  ::warning file=F,line=L,col=C::[CODE] message\n"
-    "and a failed build as ::error file=F::message.\n";
+    "and a failed build as ::error file=F::message.\n"
+    "\n"
+    "--strict makes warnings fail: exit status 4 when the document builds but\n"
+    "has a warning (a failed build keeps its own status, 2 or 3).\n";
 
 constexpr char kExplainHelp[] =
     "usage: tpa explain [--format=text|json] RULES APP DEST [APP DEST]...\n"
@@ -167,6 +173,11 @@ constexpr char kImportHelp[] =
 
 bool isHelpFlag(const std::string& arg) { return arg == "-h" || arg == "--help"; }
 
+// What a usage error tells to read: the command's help when it names one.
+std::string seeHelp(const std::string& command) {
+  return command.empty() ? " (see 'tpa --help')" : " (see 'tpa " + command + " --help')";
+}
+
 bool isOption(const std::string& arg) { return arg.size() > 1 && arg[0] == '-'; }
 
 bool commandFromName(const std::string& name, Command& command) {
@@ -191,6 +202,11 @@ ParseOutcome usageError(std::string message) {
   ParseOutcome outcome;
   outcome.error = std::move(message);
   return outcome;
+}
+
+// The formats a command writes, as its usage error lists them.
+const char* formatValues(Command command) {
+  return command == Command::kExplain ? "text or json" : "text, json or github";
 }
 
 ParseOutcome help(const std::string& topic) {
@@ -238,6 +254,10 @@ bool takeOption(Command command, const std::vector<std::string>& args, std::size
     bad = !formatFromName(value, command != Command::kExplain, invocation.format);
     return !bad;
   }
+  if (command == Command::kCheck && args[i] == "--strict") {
+    invocation.strict = true;
+    return true;
+  }
   if (command != Command::kImport) return false;
   if (optionValue(args, i, "--apps", value)) {
     invocation.apps = value;
@@ -265,7 +285,8 @@ bool collectOperands(const std::vector<std::string>& args, Command command,
       wantsHelp = true;
     } else if (!literal && isOption(arg)) {
       if (takeOption(command, args, i, options, bad)) continue;
-      unknown = bad ? "bad value in option '" + arg + "'" : "unknown option '" + arg + "'";
+      unknown = bad ? "bad value in option '" + arg + "' (expected " + formatValues(command) + ")"
+                    : "unknown option '" + arg + "'";
       return false;
     } else {
       operands.push_back(arg);
@@ -319,9 +340,26 @@ ParseOutcome withOperands(Command command, const std::string& name,
 
 }  // namespace
 
-ParseOutcome parseArguments(const std::vector<std::string>& args) {
+namespace {
+
+// "help [COMMAND]": the same text as "COMMAND --help".
+ParseOutcome helpCommand(const std::vector<std::string>& args) {
+  Command command;
+  if (args.size() > 2) return usageError("help: takes one COMMAND at most");
+  if (args.size() == 1) return help("");
+  if (!commandFromName(args[1], command)) return usageError("help: unknown command '" + args[1] + "'");
+  return help(args[1]);
+}
+
+ParseOutcome parseCommand(const std::vector<std::string>& args) {
   if (args.empty()) return usageError("missing COMMAND");
   if (isHelpFlag(args[0])) return help("");
+  if (args[0] == "help") return helpCommand(args);
+  if (args[0] == "--version") {
+    ParseOutcome outcome = help("");
+    outcome.invocation.command = Command::kVersion;
+    return outcome;
+  }
   Command command;
   if (!commandFromName(args[0], command)) return usageError("unknown command '" + args[0] + "'");
   std::vector<std::string> operands;
@@ -338,6 +376,18 @@ ParseOutcome parseArguments(const std::vector<std::string>& args) {
   }
   ParseOutcome outcome = withOperands(command, args[0], operands);
   outcome.invocation.format = options.format;
+  outcome.invocation.strict = options.strict;
+  return outcome;
+}
+
+}  // namespace
+
+ParseOutcome parseArguments(const std::vector<std::string>& args) {
+  ParseOutcome outcome = parseCommand(args);
+  if (outcome.ok) return outcome;
+  Command command;
+  const bool named = !args.empty() && commandFromName(args[0], command);
+  outcome.error += seeHelp(named ? args[0] : "");
   return outcome;
 }
 
@@ -381,5 +431,7 @@ bool loadRules(const std::string& path, std::string& text) {
 }
 
 std::string displayName(const std::string& path) { return path == "-" ? "<stdin>" : path; }
+
+std::string versionText() { return std::string("tpa ") + TPA_VERSION; }
 
 }  // namespace tpa::tools

@@ -385,8 +385,7 @@ int runDiff(const Invocation& invocation) {
   OutputSink out(STDOUT_FILENO, false);
   Differ differ(before, after, invocation.format, out);
   differ.compare(questions);
-  if (!out.flush()) return kExitIo;
-  return differ.changed() ? kExitChanged : kExitOk;
+  return finishOutput(out, differ.changed() ? kExitChanged : kExitOk);
 }
 
 }  // namespace tpa::tools

@@ -30,6 +30,7 @@
 #include "tools/doc_scan.h"
 #include "tools/json_escape.h"
 #include "tools/line_io.h"
+#include "tools/output_format.h"
 #include "tools/lint.h"
 
 namespace tpa::tools {
@@ -401,7 +402,7 @@ int runImport(const Invocation& invocation) {
   }
   OutputSink out(STDOUT_FILENO, false);
   out.line(text);
-  return out.flush() ? kExitOk : kExitIo;
+  return finishOutput(out, kExitOk);
 }
 
 }  // namespace tpa::tools

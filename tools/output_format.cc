@@ -1,5 +1,8 @@
 #include "tools/output_format.h"
 
+#include <cstdio>
+#include <cstring>
+
 #include "api/constants.h"
 #include "tools/json_escape.h"
 #include "tools/lint.h"
@@ -30,6 +33,12 @@ std::string annotationEscape(std::string_view text, bool property) {
 }
 
 }  // namespace
+
+int finishOutput(OutputSink& out, int code) {
+  if (out.flush()) return code;
+  std::fprintf(stderr, "tpa: cannot write standard output: %s\n", std::strerror(out.errorNumber()));
+  return kExitIo;
+}
 
 std::string githubAnnotation(std::string_view level, std::string_view file, std::size_t line,
                              std::size_t column, std::string_view message) {

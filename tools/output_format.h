@@ -16,6 +16,11 @@
 
 namespace tpa::tools {
 
+// Writes out what `out` holds and returns `code`; when standard output
+// cannot be written, says so on stderr ("tpa: cannot write standard output:
+// REASON") and returns kExitIo. Every command ends its report with this.
+[[nodiscard]] int finishOutput(OutputSink& out, int code);
+
 // "::LEVEL file=F,line=L,col=C::MESSAGE" with the annotation escapes
 // (line 0 leaves out the position).
 [[nodiscard]] std::string githubAnnotation(std::string_view level, std::string_view file,

@@ -85,6 +85,30 @@ JsonLine& JsonLine::raw(std::string_view name, std::string_view json) {
   return *this;
 }
 
+void writeBuildFailure(OutputSink& out, OutputFormat format, const std::string& name,
+                       const BuildFailure& failure) {
+  if (format == OutputFormat::kGithub) {
+    out.line(githubAnnotation("error", name, failure.line, failure.column, failure.message));
+    return;
+  }
+  JsonLine line;
+  line.field("file", name);
+  if (failure.exitCode == kExitBuildFailed) {
+    line.field("error", "build_failed")
+        .field("code", static_cast<long long>(failure.code))
+        .field("code_name", error::name(failure.code));
+  } else {
+    line.field("error", "build_threw").field("exception", failure.exception);
+    if (failure.located) {
+      line.field("key", failure.key)
+          .field("value", failure.value)
+          .field("line", static_cast<long long>(failure.line))
+          .field("column", static_cast<long long>(failure.column));
+    }
+  }
+  out.line(line.field("message", failure.message).str());
+}
+
 void writeCheckReport(OutputSink& out, OutputFormat format, const std::string& text,
                       const std::string& name, const std::vector<Finding>& findings,
                       const CheckResult& result) {

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/build_guard.h"
 #include "tools/cli.h"
 #include "tools/doc_scan.h"
 #include "tools/line_io.h"
@@ -53,6 +54,14 @@ struct CheckResult {
   int code = 0;      // the build's tpa::error code otherwise
   std::size_t rules = 0;
 };
+
+// A failed build of document `name` in a machine-readable format: the JSON
+// object {"file":F,"error":"build_failed","code":C,"code_name":N,"message":M}
+// or {"file":F,"error":"build_threw","exception":E,"key":K,"value":V,
+// "line":L,"column":C,"message":M} (key to column only when the value was
+// found), or an ::error annotation at the value.
+void writeBuildFailure(OutputSink& out, OutputFormat format, const std::string& name,
+                       const BuildFailure& failure);
 
 // check's report in JSON lines or annotations: one per finding (`findings`
 // at byte offsets of `text`), then the build's result.

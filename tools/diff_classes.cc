@@ -45,6 +45,9 @@ void addKey(DocumentKeys& keys, const std::string& key, char flag) {
         keys.stems[rule].push_back(key.substr(0, dollar));
       }
     }
+    for (std::size_t star = key.find('*'); star < dollar; star = key.find('*', star + 1)) {
+      keys.wildcards.insert(key.substr(star + 1, dollar - star - 1));
+    }
   }
 }
 
@@ -168,8 +171,15 @@ class NameClasses : public ClassSet {
 
 class NetworkClasses : public ClassSet {
  public:
-  NetworkClasses(const KeySelection& own, int width, const ClassSet* base, const ClassSet& names)
-      : width_(width), names_(names) {  // names_ before any example is made
+  NetworkClasses(const KeySelection& own, int width, const ClassSet* base, const ClassSet& names,
+                 const std::unordered_set<std::string>& wildcards)
+      : width_(width), names_(names) {
+    const char* textCharacters = width == 32 ? "0123456789." : "0123456789abcdef:";
+    for (const std::string& z : wildcards) {  // those that can end an address's text
+      if (z.find_first_not_of(textCharacters) != std::string::npos) continue;
+      wildcards_.insert(z);
+      maxWildcard_ = std::max(maxWildcard_, z.size());
+    }
     trie_.insert("");
     for (const std::vector<std::string>* networks : own.networks) {
       for (const std::string& bits : *networks) {
@@ -193,7 +203,7 @@ class NetworkClasses : public ClassSet {
     for (std::size_t n = bits.size(); n-- > 1;) {
       const auto it = index_.find(bits.substr(0, n));
       if (it == index_.end()) continue;
-      const std::string ending = longestEnding(storedText(base.example));
+      const std::string ending = signature(storedText(base.example)).first;
       const auto variant = variants_.find(bits.substr(0, n) + "|" + ending);
       return variant != variants_.end() ? variant->second : it->second;
     }
@@ -213,10 +223,10 @@ class NetworkClasses : public ClassSet {
     c.joint = !c.hasBase;
     c.pattern = addressText(padded(bits, '0')) + "/" + std::to_string(bits.size());
     index_.emplace(bits, static_cast<int>(classes_.size()));
-    for (auto& [ending, address] : examplesByEnding(bits)) {
-      c.key = bits + "|" + ending;
-      c.ending = ending;
-      c.example = address;
+    for (auto& [sig, example] : examplesByEnding(bits)) {
+      c.key = bits + "|" + sig;
+      c.ending = example.first;
+      c.example = example.second;
       variants_.emplace(c.key, static_cast<int>(classes_.size()));
       classes_.push_back(c);
     }
@@ -230,20 +240,36 @@ class NetworkClasses : public ClassSet {
     return out;
   }
 
-  // One address of the network for each longest stored ending that its
-  // addresses' text meets, as the last byte runs through its values.
-  std::map<std::string, std::string> examplesByEnding(const std::string& bits) const {
-    std::map<std::string, std::string> examples;
+  // One address of the network for each way its text can end where a
+  // wildcard could match it (signature -> its ending and the address), as
+  // the last byte runs through its values; none that is a stored address.
+  std::map<std::string, std::pair<std::string, std::string>> examplesByEnding(
+      const std::string& bits) const {
+    std::map<std::string, std::pair<std::string, std::string>> examples;
     std::string address = padded(bits, 'a');
     const bool whole = width_ - static_cast<int>(bits.size()) >= 8;  // the last byte is free
     std::string text = storedText(addressText(address));
-    for (int k = 0; k < (whole ? 256 : 1); ++k) {
-      if (whole) setLastByte(address, text, k);
-      const std::string ending = longestEnding(text);
-      if (!ending.empty() && ending[0] == '#') continue;  // a stored address: a name class
-      if (examples.count(ending) == 0) examples.emplace(ending, addressText(address));
+    for (int k = 0; k < (whole && !wildcards_.empty() ? 256 : 1); ++k) {
+      if (whole && !wildcards_.empty()) setLastByte(address, text, k);
+      if (names_.taken("#" + text)) continue;  // a stored address: a name class
+      auto [sig, ending] = signature(text);
+      if (examples.count(sig) == 0) examples.emplace(sig, std::make_pair(ending, addressText(address)));
     }
     return examples;
+  }
+
+  // For each wildcard text Z that ends `text`, Z and the character before it
+  // (which tells whether a longer stored ending hides Z); and the longest
+  // such ending, for people.
+  std::pair<std::string, std::string> signature(const std::string& text) const {
+    std::string sig, ending;
+    for (std::size_t n = 0; n <= maxWildcard_ && n <= text.size(); ++n) {
+      const std::string z = text.substr(text.size() - n);
+      if (wildcards_.count(z) == 0) continue;
+      ending = (n < text.size() ? text.substr(text.size() - n - 1, 1) : "") + z;
+      sig += ending + "|";
+    }
+    return {sig, ending};
   }
 
   // Sets the last byte of `address` (bits) and of its fixed-width `text`.
@@ -266,18 +292,10 @@ class NetworkClasses : public ClassSet {
     return text;
   }
 
-  // The longest ending of "#" text that the name classes know. Their
-  // endings are closed under shortening, so the first unknown one ends the
-  // search.
-  std::string longestEnding(const std::string& text) const {
-    const std::string framed = "#" + text;
-    std::size_t depth = 0;
-    while (depth < framed.size() && names_.taken(framed.substr(framed.size() - depth - 1))) ++depth;
-    return framed.substr(framed.size() - depth);
-  }
-
   int width_;
   const ClassSet& names_;
+  std::unordered_set<std::string> wildcards_;  // wildcard texts an address text can end in
+  std::size_t maxWildcard_ = 0;                // the longest of them
   std::unordered_set<std::string> trie_;        // every prefix of the networks, "" too
   std::unordered_map<std::string, int> index_;     // network bits -> its first class
   std::unordered_map<std::string, int> variants_;  // "BITS|ENDING" -> its class
@@ -304,8 +322,9 @@ std::unique_ptr<ClassSet> nameClasses(const KeySelection& own, const ClassSet* b
 }
 
 std::unique_ptr<ClassSet> networkClasses(const KeySelection& own, int width, const ClassSet* base,
-                                         const ClassSet& names) {
-  return std::make_unique<NetworkClasses>(own, width, base, names);
+                                         const ClassSet& names,
+                                         const std::unordered_set<std::string>& wildcards) {
+  return std::make_unique<NetworkClasses>(own, width, base, names, wildcards);
 }
 
 }  // namespace tpa::tools

@@ -10,9 +10,10 @@
 //    key) is the class of the names whose longest such ending it is; an
 //    ending that starts with '#' is the one name NAME;
 //  - addresses (IPv4 and IPv6 apart): the networks cut by the stored bit
-//    strings, each cut again by the ending of its addresses' fixed-width
-//    text (told apart by the text's last character); a stored address is a
-//    name class.
+//    strings, each cut again by how its addresses' fixed-width text ends
+//    where a wildcard could match it (the text after a '*' of a stored key
+//    that ends the address text, and the character before that); a stored
+//    address is a name class.
 // A class set is cut by the keys read under some rule numbers (`own`) and
 // lies over a base set cut by the keys of rule 0, the fallback of every
 // query; `owner` tells which own class holds a base class. Plain values built
@@ -38,6 +39,9 @@ struct DocumentKeys {
   std::unordered_map<int, std::vector<std::string>> stems;
   // The stored bit strings (networks), by their rule number.
   std::unordered_map<int, std::vector<std::string>> networks;
+  // What follows each '*' of a stem, in any rule: a wildcard search (re-read
+  // behind '*') can only end on a stored key through one of these.
+  std::unordered_set<std::string> wildcards;
 };
 [[nodiscard]] DocumentKeys storedKeys(const std::vector<parser::Rule>& rules);
 
@@ -47,7 +51,7 @@ struct DestinationClass {
   std::string kind;     // "name" (one name or address), "ending" or "network"
   std::string pattern;  // NAME (ADDRESS/32 or /128 for an address), *ENDING or ADDRESS/BITS
   std::string example;  // a destination of the class; empty when it has none
-  std::string ending;   // networks: the stored ending of "#" TEXT its addresses meet
+  std::string ending;   // networks: how its addresses' text ends (empty: not cut)
   bool joint = true;    // its own class; false: base classes cut it further
   bool hasBase = false;  // base classes lie inside it
 };
@@ -80,10 +84,11 @@ struct KeySelection {
 [[nodiscard]] std::unique_ptr<ClassSet> nameClasses(const KeySelection& own, const ClassSet* base);
 
 // Network classes of the addresses `width` bits wide (32 or 128); `names`
-// (this selection's name classes) keeps examples off stored addresses.
-[[nodiscard]] std::unique_ptr<ClassSet> networkClasses(const KeySelection& own, int width,
-                                                       const ClassSet* base,
-                                                       const ClassSet& names);
+// (this selection's name classes) keeps examples off stored addresses;
+// `wildcards`: DocumentKeys::wildcards of both documents.
+[[nodiscard]] std::unique_ptr<ClassSet> networkClasses(
+    const KeySelection& own, int width, const ClassSet* base, const ClassSet& names,
+    const std::unordered_set<std::string>& wildcards);
 
 }  // namespace tpa::tools
 

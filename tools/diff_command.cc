@@ -12,6 +12,7 @@
 #include <thread>
 #include <map>
 #include <memory>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -27,6 +28,7 @@
 #include "tools/decision_reason.h"
 #include "tools/diff_classes.h"
 #include "tools/doc_scan.h"
+#include "tools/json_escape.h"
 #include "tools/line_io.h"
 #include "tools/lint.h"
 #include "tools/output_format.h"
@@ -215,6 +217,7 @@ struct Change {
   std::string kind;         // the class's kind (empty for a question of QUERIES)
   std::string pattern;      // the class
   std::string ending;       // a network's addresses whose text ends so (empty: any)
+  std::vector<std::string> also;  // the other applications with the same change
 };
 
 // Writes the changes in the chosen format and counts them.
@@ -279,8 +282,10 @@ class Reporter {
   static std::string subject(const Change& c) {
     const std::string app = c.anyApp ? "*" : quoted(c.app);
     if (c.kind.empty()) return app + " " + quoted(c.destination);
+    const std::string more =
+        c.also.empty() ? "" : " (and " + std::to_string(c.also.size()) + " more)";
     const std::string ending = c.ending.empty() ? "" : " ending in " + quoted(c.ending);
-    return app + " " + c.kind + " " + quoted(c.pattern) + ending + " (e.g. " +
+    return app + more + " " + c.kind + " " + quoted(c.pattern) + ending + " (e.g. " +
            quoted(c.destination) + ")";
   }
 
@@ -293,6 +298,11 @@ class Reporter {
     } else {
       line.field("class", c.kind).field("pattern", c.pattern).field("example", c.destination);
       if (!c.ending.empty()) line.field("ending", c.ending);
+      if (!c.also.empty()) {
+        std::string apps;
+        appendJsonStringArray(apps, c.also);
+        line.raw("also", apps);
+      }
     }
     return line.field("change", kKindName[kind])
         .raw("old", sideJson(a, oldReason))
@@ -328,7 +338,7 @@ void compareQuestions(Side& before, Side& after, const std::vector<Question>& qu
   };
   inParallel([&] { answerAll(before, a); }, [&] { answerAll(after, b); });
   for (std::size_t i = 0; i < questions.size(); ++i) {
-    if (a[i] != b[i]) reporter.report({questions[i].app, false, questions[i].destination, "", "", ""},
+    if (a[i] != b[i]) reporter.report({questions[i].app, false, questions[i].destination, "", "", "", {}},
                                       questions[i].app);
   }
   reporter.writeSummary("questions", questions.size());
@@ -342,12 +352,13 @@ struct ClassSets {
   std::unique_ptr<ClassSet> kinds[kDestinationKinds];
 };
 
-ClassSets classSets(const KeySelection& selection, const ClassSets* base) {
+ClassSets classSets(const KeySelection& selection, const ClassSets* base,
+                    const std::unordered_set<std::string>& wildcards) {
   ClassSets sets;
   const auto baseOf = [base](int kind) { return base ? base->kinds[kind].get() : nullptr; };
-  sets.kinds[kNames] = nameClasses(selection, baseOf(kNames));
-  sets.kinds[kIpv4] = networkClasses(selection, 32, baseOf(kIpv4), *sets.kinds[kNames]);
-  sets.kinds[kIpv6] = networkClasses(selection, 128, baseOf(kIpv6), *sets.kinds[kNames]);
+  const ClassSet& names = *(sets.kinds[kNames] = nameClasses(selection, baseOf(kNames)));
+  sets.kinds[kIpv4] = networkClasses(selection, 32, baseOf(kIpv4), names, wildcards);
+  sets.kinds[kIpv6] = networkClasses(selection, 128, baseOf(kIpv6), names, wildcards);
   return sets;
 }
 
@@ -367,11 +378,14 @@ class CompleteDiff {
  public:
   CompleteDiff(Side& before, Side& after, Reporter& reporter)
       : old_(before), new_(after), reporter_(reporter),
-        oldKeys_(storedKeys(before.rules())), newKeys_(storedKeys(after.rules())) {}
+        oldKeys_(storedKeys(before.rules())), newKeys_(storedKeys(after.rules())) {
+    wildcards_ = oldKeys_.wildcards;
+    wildcards_.insert(newKeys_.wildcards.begin(), newKeys_.wildcards.end());
+  }
 
   void run() {
     const std::vector<AppGroup> groups = appGroups();
-    base_ = classSets(selection(0, 0), nullptr);
+    base_ = classSets(selection(0, 0), nullptr, wildcards_);
     for (int k = 0; k < kDestinationKinds; ++k) {
       baseAnswers_[k] = askAll(other_, base_.kinds[k]->classes(), false);
     }
@@ -380,6 +394,7 @@ class CompleteDiff {
       diffGroup(groups[i]);
     }
     progress(groups.size(), groups.size());
+    writeChanges();
     reporter_.writeSummary("classes", classes_);
   }
 
@@ -457,13 +472,13 @@ class CompleteDiff {
       for (int k = 0; k < kDestinationKinds; ++k) {
         const auto& classes = base_.kinds[k]->classes();
         for (std::size_t i = 0; i < classes.size(); ++i) {
-          if (baseAnswers_[k][i].changed()) reportAll(group, classes[i]);
+          if (baseAnswers_[k][i].changed()) reportAll(group, classes[i], baseAnswers_[k][i]);
         }
         classes_ += classes.size() * group.apps.size();
       }
       return;
     }
-    const ClassSets own = classSets(selection(group.oldRule, group.newRule), &base_);
+    const ClassSets own = classSets(selection(group.oldRule, group.newRule), &base_, wildcards_);
     const std::string& asked = group.apps.front().empty() ? other_ : group.apps.front();
     for (int k = 0; k < kDestinationKinds; ++k) diffKind(group, asked, *own.kinds[k], k);
   }
@@ -489,7 +504,7 @@ class CompleteDiff {
   // network, made at the first of them.
   void reportClass(const AppGroup& group, const std::vector<DestinationClass>& classes,
                    const std::vector<Pair>& answers, std::size_t i) {
-    if (classes[i].kind != "network") return reportAll(group, classes[i]);
+    if (classes[i].kind != "network") return reportAll(group, classes[i], answers[i]);
     const auto same = [&](std::size_t k) { return classes[k].pattern == classes[i].pattern; };
     std::size_t first = i, end = i + 1;
     while (first > 0 && same(first - 1)) --first;
@@ -498,8 +513,8 @@ class CompleteDiff {
     for (std::size_t k = first; k < end; ++k) {
       alike = alike && !(answers[k].old != answers[i].old) && !(answers[k].neu != answers[i].neu);
     }
-    if (!alike) return reportAll(group, classes[i]);
-    if (i == first) reportAll(group, wholeNetwork(classes[i]));
+    if (!alike) return reportAll(group, classes[i], answers[i]);
+    if (i == first) reportAll(group, wholeNetwork(classes[i]), answers[i]);
   }
 
   static DestinationClass wholeNetwork(DestinationClass c) {
@@ -520,15 +535,36 @@ class CompleteDiff {
       const Pair& at = answers[static_cast<std::size_t>(o)];
       const Answer& a = at.old.decided ? at.old : baseAnswers[j].old;
       const Answer& b = at.neu.decided ? at.neu : baseAnswers[j].neu;
-      if (a != b) reportAll(group, baseClasses[j]);
+      if (a != b) reportAll(group, baseClasses[j], {a, b});
     }
   }
 
-  void reportAll(const AppGroup& group, const DestinationClass& c) {
+  // Notes the change of `c` for the group's applications; the same change
+  // (class and both answers) of several groups is one report.
+  void reportAll(const AppGroup& group, const DestinationClass& c, const Pair& p) {
+    const std::string key = c.kind + '\n' + c.pattern + '\n' + c.ending + '\n' + c.example + '\n' +
+                            std::to_string(p.old.decision) + ' ' + std::to_string(p.old.value) +
+                            ' ' + std::to_string(p.neu.decision) + ' ' +
+                            std::to_string(p.neu.value);
+    const auto [it, fresh] = merged_.emplace(key, changes_.size());
+    if (fresh) changes_.push_back({"", false, c.example, c.kind, c.pattern, c.ending, {}});
+    Change& change = changes_[it->second];
     for (const std::string& app : group.apps) {
-      const bool anyApp = app.empty();
-      reporter_.report({anyApp ? "*" : app, anyApp, c.example, c.kind, c.pattern, c.ending},
-                       anyApp ? other_ : app);
+      if (app.empty()) {  // every application no document names comes first
+        if (!change.anyApp && !change.app.empty()) change.also.insert(change.also.begin(), change.app);
+        change.app = "*";
+        change.anyApp = true;
+      } else if (change.app.empty()) {
+        change.app = app;
+      } else {
+        change.also.push_back(app);
+      }
+    }
+  }
+
+  void writeChanges() {
+    for (const Change& change : changes_) {
+      reporter_.report(change, change.anyApp ? other_ : change.app);
     }
   }
 
@@ -546,9 +582,12 @@ class CompleteDiff {
   Side& new_;
   Reporter& reporter_;
   DocumentKeys oldKeys_, newKeys_;
+  std::unordered_set<std::string> wildcards_;  // of both documents
   std::string other_;  // a name no document has, for every application no document names
   ClassSets base_;     // the classes rule 0 cuts
   std::vector<Pair> baseAnswers_[kDestinationKinds];  // of base_, for other_
+  std::vector<Change> changes_;  // in the order first found
+  std::unordered_map<std::string, std::size_t> merged_;  // class and answers -> its change
   std::size_t classes_ = 0;    // classes compared, once per application
   std::size_t questions_ = 0;  // questions asked of each document
 };

@@ -43,20 +43,18 @@ TEST(TpaDiff, ReportsEachChangedClassWithReasonsAndExitStatus) {
         "\"include\",\"id\":1,\"reason\":\"rule number 1: include list, wildcard ",
         "{\"summary\":{\"classes\":24,\"changed\":3,\"include_to_exclude\":3,"}},
       {base, "[{'match_apps':['m'],'include':['*.x.test','10.0.0.0/9'],'id':'1'}]", "", "", 1,
-       {"\"m\" network \"10.128.0.0/9\" (e.g. \"10.213.85.1\"): include 1 -> exclude -1; old: "
+       {"\"m\" network \"10.128.0.0/9\" (e.g. \"10.213.85.85\"): include 1 -> exclude -1; old: "
         "rule number 1: include list, network prefix of 8 bits \"#00001010$11\"",
         "\"m\" name \"00001010\" (e.g. \"00001010\"): include 1 -> exclude -1"}},
       {base, "[{'match_apps':['m'],'include':['*.x.test','10.0.0.0/8'],'id':'1'},{'exclude':["
        "'*.x.test'],'include':['y.test']}]", "", "", 1,
-       {"* name \"y.test\" (e.g. \"y.test\"): exclude -1 -> include 2147483647",
-        "\"m\" name \"y.test\" (e.g. \"y.test\"): exclude -1 -> include 2147483647; old: rule number "
-        "1, then rule number 0: no list matched, the default",
+       {"* (and 1 more) name \"y.test\" (e.g. \"y.test\"): exclude -1 -> include 2147483647",
         "* ending \"*.x.test\" (e.g. \"tpa-probe.x.test\"): exclude -1 -> exclude 2147483647"}},
       // Annotations stand at NEW's deciding entry, else at the rule of NEW
       // where OLD's deciding entry stood.
       {base, "[\n {'include':['a.test']},\n {'match_apps':['m'],\n  'include':['*.x.test'],'id':'5'}]",
        "", "--format=github", 1,
-       {"::warning file=NEW,line=2,col=15::* name \"a.test\" (e.g. \"a.test\"): exclude -1 -> "
+       {"::warning file=NEW,line=2,col=15::* (and 1 more) name \"a.test\" (e.g. \"a.test\"): exclude -1 -> "
         "include 2147483647",
         "::warning file=NEW,line=4,col=15::\"m\" ending \"*.x.test\" (e.g. \"tpa-probe.x.test\"): "
         "include 1 -> include 5"}},
@@ -296,17 +294,19 @@ std::vector<Decision> decide(const std::string& rules, const std::string& querie
 }
 
 struct Reported {
-  std::string app, kind, pattern, example, ending;
+  std::string apps;  // "A,\"B\",\"C\"," : the app field, then the "also" list
+  std::string kind, pattern, example, ending;
   Decision old, neu;
 };
 
 std::vector<Reported> reportedChanges(const std::string& json) {
   static const std::regex kChange(
-      R"re(\{"app":"([^"]*)","class":"(\w+)","pattern":"([^"]*)","example":"([^"]*)"(?:,"ending":"([^"]*)")?,"change":"\w+","old":\{"decision":"(\w+)","id":(-?\d+).*"new":\{"decision":"(\w+)","id":(-?\d+))re");
+      R"re(\{"app":"([^"]*)","class":"(\w+)","pattern":"([^"]*)","example":"([^"]*)"(?:,"ending":"([^"]*)")?(?:,"also":\[([^\]]*)\])?,"change":"\w+","old":\{"decision":"(\w+)","id":(-?\d+).*"new":\{"decision":"(\w+)","id":(-?\d+))re");
   std::vector<Reported> out;
   for (std::sregex_iterator it(json.begin(), json.end(), kChange), end; it != end; ++it) {
     const std::smatch& m = *it;
-    out.push_back({m[1], m[2], m[3], m[4], m[5], {m[6], m[7]}, {m[8], m[9]}});
+    out.push_back({m.str(1) + "," + m.str(6) + ",", m[2], m[3], m[4], m[5], {m[7], m[8]},
+                   {m[9], m[10]}});
   }
   return out;
 }
@@ -381,7 +381,10 @@ TEST(TpaDiff, CompleteDiffCoversEveryChangedProbe) {
     const std::vector<Reported> reported = reportedChanges(diff.out);
     reportedClasses += reported.size();
     std::string queries;
-    for (const Reported& c : reported) queries += (c.app == "*" ? "zz" : c.app) + "\t" + c.example + "\n";
+    for (const Reported& c : reported) {
+      const std::string app = c.apps.substr(0, c.apps.find(','));
+      queries += (app == "*" ? "zz" : app) + "\t" + c.example + "\n";
+    }
     const std::vector<std::string> destinations = model.probes(a, b);
     for (const char* app : {"p", "q", "zz"}) {
       for (const std::string& d : destinations) queries += std::string(app) + "\t" + d + "\n";
@@ -392,7 +395,7 @@ TEST(TpaDiff, CompleteDiffCoversEveryChangedProbe) {
     for (std::size_t i = 0; i < reported.size(); ++i) {
       EXPECT_TRUE(reported[i].old == before[i] && reported[i].neu == after[i] &&
                   !(before[i] == after[i]))
-          << "reported, yet unchanged: " << reported[i].app << " " << reported[i].example;
+          << "reported, yet unchanged: " << reported[i].apps << " " << reported[i].example;
     }
     std::size_t at = reported.size();
     for (const char* app : {"p", "q", "zz"}) {
@@ -404,7 +407,10 @@ TEST(TpaDiff, CompleteDiffCoversEveryChangedProbe) {
         ++changedProbes;
         bool covered = false;
         for (const Reported& c : reported) {
-          covered = covered || (c.app == (named ? app : "*") && c.old == before[i] &&
+          const bool forApp = named ? has(c.apps, std::string(app) + ",") && c.apps[0] != '*'
+                                    : c.apps.rfind("*,", 0) == 0;
+          const bool alsoNamed = named && has(c.apps, "\"" + std::string(app) + "\"");
+          covered = covered || ((forApp || alsoNamed) && c.old == before[i] &&
                                 c.neu == after[i] && inClass(c, d));
         }
         EXPECT_TRUE(covered) << "missed: " << app << " " << d << ": " << before[i].decision

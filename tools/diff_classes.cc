@@ -88,14 +88,16 @@ std::string plainAddress(const std::string& stored) {
 
 class NameClasses : public ClassSet {
  public:
-  // A stored address is decided by the networks too, which the group's
-  // own keys cut: the base's stored addresses are the group's own classes.
+  // A stored address is decided by the networks too: when the group's own
+  // keys have networks, the base's stored addresses are its own classes.
   NameClasses(const KeySelection& own, const NameClasses* base) : base_(base) {
     add("");
     for (const std::vector<std::string>* stems : own.stems) {
       for (const std::string& stem : *stems) addEndings(stem);
     }
-    if (base != nullptr) {
+    bool networks = false;
+    for (const std::vector<std::string>* list : own.networks) networks = networks || !list->empty();
+    if (base != nullptr && networks) {
       for (const std::string& name : base->addresses_) add(name);
     }
     for (DestinationClass& c : classes_) describe(c);

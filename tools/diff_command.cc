@@ -462,7 +462,6 @@ class CompleteDiff {
       }
     };
     inParallel([&] { answerAll(old_, &Pair::old); }, [&] { answerAll(new_, &Pair::neu); });
-    questions_ += classes.size();
     return pairs;
   }
 
@@ -589,7 +588,6 @@ class CompleteDiff {
   std::vector<Change> changes_;  // in the order first found
   std::unordered_map<std::string, std::size_t> merged_;  // class and answers -> its change
   std::size_t classes_ = 0;    // classes compared, once per application
-  std::size_t questions_ = 0;  // questions asked of each document
 };
 
 // Builds one document; reads it back into its rules (a second reading of

@@ -200,14 +200,14 @@ TEST(TpaQuery, AnswersEachLineBeforeReadingTheNext) {
 }
 
 // Positions, rule numbers and defaults as the parser made them; values
-// escaped only where JSON needs it.
+// escaped only where JSON needs it, and bytes outside UTF-8 as \u00XX.
 TEST(TpaShow, PrintsRulesAsReadWithDefaultsAndEscapes) {
   const std::string document = "[{'id':'1'},{'match_apps':['a\\b', 'tab\there', 'line\nbreak', "
-                               "'bell\x07', 'caf\xc3\xa9', 'del\x7f']}]";
+                               "'bell\x07', 'caf\xc3\xa9', 'del\x7f', 'raw\xff']}]";
   EXPECT_EQ(runTool({"show", "-"}, doc(document)).out,
             doc("{'position':1,'rule_number':0,'apps':['#LAMBDA-APP'],'include':['*'],"
                 "'exclude':[''],'id':1}\n{'position':2,'rule_number':2,'apps':['a\\\\b',"
-                "'tab\\there','line\\nbreak','bell\\u0007','caf\xc3\xa9','del\x7f'],"
+                "'tab\\there','line\\nbreak','bell\\u0007','caf\xc3\xa9','del\x7f','raw\\u00ff'],"
                 "'include':['*'],'exclude':[''],'id':2147483647}\n"));
 }
 

@@ -244,20 +244,30 @@ class NetworkClasses : public ClassSet {
 
   // One address of the network for each way its text can end where a
   // wildcard could match it (signature -> its ending and the address), as
-  // the last byte runs through its values; none that is a stored address.
+  // the free bits of the last byte run through their values; none that is a
+  // stored address. Without such wildcards the first address that is not
+  // stored stands for the whole network.
   std::map<std::string, std::pair<std::string, std::string>> examplesByEnding(
       const std::string& bits) const {
     std::map<std::string, std::pair<std::string, std::string>> examples;
     std::string address = padded(bits, 'a');
-    const bool whole = width_ - static_cast<int>(bits.size()) >= 8;  // the last byte is free
     std::string text = storedText(addressText(address));
-    for (int k = 0; k < (whole && !wildcards_.empty() ? 256 : 1); ++k) {
-      if (whole && !wildcards_.empty()) setLastByte(address, text, k);
+    const int free = std::min(8, width_ - static_cast<int>(bits.size()));
+    const int mask = (1 << free) - 1, first = lastByte(address);
+    for (int k = 0; k <= mask; ++k) {
+      if (wildcards_.empty() && !examples.empty()) break;
+      setLastByte(address, text, (first & ~mask) | ((first + k) & mask));
       if (names_.taken("#" + text)) continue;  // a stored address: a name class
       auto [sig, ending] = signature(text);
       if (examples.count(sig) == 0) examples.emplace(sig, std::make_pair(ending, addressText(address)));
     }
     return examples;
+  }
+
+  int lastByte(const std::string& address) const {
+    int value = 0;
+    for (int i = width_ - 8; i < width_; ++i) value = value * 2 + (address[i] == '1');
+    return value;
   }
 
   // For each wildcard text Z that ends `text`, Z and the character before it

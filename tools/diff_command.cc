@@ -164,21 +164,19 @@ struct Place {
 
 class Annotator {
  public:
-  explicit Annotator(const Side& after) : new_(after) {}
+  Annotator(const Side& before, const Side& after) : old_(before), new_(after) {}
 
   Place place(const mapper::QueryTrace& oldTrace, const mapper::QueryTrace& newTrace) const {
     const std::vector<int> now = decidingPositions(new_.rules(), newTrace);
     if (!now.empty()) return entryPlace(now[0], decidingStep(newTrace));
     Place at;
-    const std::vector<int> was = decidingPositions(oldRules_ ? *oldRules_ : new_.rules(), oldTrace);
+    const std::vector<int> was = decidingPositions(old_.rules(), oldTrace);
     if (was.empty()) return at;
     at.note = " (no entry of NEW decides; in OLD the rule at position " +
               std::to_string(was[0]) + " did)";
     if (static_cast<std::size_t>(was[0]) <= new_.scan->rules.size()) at = rulePlace(was[0], at.note);
     return at;
   }
-
-  void setOldRules(const std::vector<parser::Rule>* rules) { oldRules_ = rules; }
 
  private:
   Place rulePlace(int position, const std::string& note) const {
@@ -205,8 +203,8 @@ class Annotator {
     return rulePlace(position, "");  // a default entry, or one the trace does not name
   }
 
+  const Side& old_;
   const Side& new_;
-  const std::vector<parser::Rule>* oldRules_ = nullptr;
 };
 
 // A change to report: who, which destinations, and both answers.
@@ -224,9 +222,7 @@ struct Change {
 class Reporter {
  public:
   Reporter(Side& before, Side& after, OutputFormat format, OutputSink& out)
-      : old_(before), new_(after), format_(format), out_(out), annotator_(after) {
-    annotator_.setOldRules(&before.rules());
-  }
+      : old_(before), new_(after), format_(format), out_(out), annotator_(before, after) {}
 
   // Asks `askedAs` (the application the question is asked for) again with
   // traces, for the reasons; reports when the answers still differ.

@@ -143,7 +143,9 @@ class DiffModel {
 
   std::string document() {
     std::vector<std::string> rules;
-    for (int n = 1 + pick(4); n > 0; --n) rules.push_back(rule());
+    // Sometimes eleven rules or more: rule 11's keys end in "$111", which
+    // holds rule 1's "$11".
+    for (int n = pick(4) == 0 ? 11 + pick(3) : 1 + pick(4); n > 0; --n) rules.push_back(rule());
     return join(rules);
   }
 
@@ -361,10 +363,10 @@ bool inClass(const Reported& c, const std::string& destination) {
 TEST(TpaDiff, CompleteDiffCoversEveryChangedProbe) {
   const char* seedText = std::getenv("TPA_MODEL_SEED");
   const char* roundsText = std::getenv("TPA_MODEL_ROUNDS");
-  const unsigned seed = seedText == nullptr ? 20261125u
+  const unsigned seed = seedText == nullptr ? 1u
                         : std::string(seedText) == "random" ? std::random_device{}()
                                                            : static_cast<unsigned>(std::atol(seedText));
-  const int rounds = roundsText == nullptr ? 40 : std::atoi(roundsText);
+  const int rounds = roundsText == nullptr ? 60 : std::atoi(roundsText);
   DiffModel model(seed);
   std::size_t changedProbes = 0, reportedClasses = 0;  // the test must test something
   for (int round = 0; round < rounds; ++round) {

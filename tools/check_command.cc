@@ -85,7 +85,8 @@ void writeWarnings(OutputSink& out, const std::string& text, const std::string& 
 // The build's result and rule count, for the machine-readable formats.
 CheckResult checkResult(api::TarnPatternAnalyzer& analyzer, const std::string& text,
                         const BuildOutcome& outcome) {
-  CheckResult result{outcome.threw, outcome.what, outcome.code, 0};
+  CheckResult result{outcome.threw, outcome.what, outcome.code, 0,
+                     describeBuildFailure(outcome, text)};
   parser::JsonParser parser;
   if (!outcome.threw && outcome.code == error::TPA_ERROR_NONE &&
       parseAsBuilt(parser, analyzer, text)) {

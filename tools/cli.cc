@@ -78,7 +78,8 @@ constexpr char kCheckHelp[] =
     "(result_name \"threw\" and result -1 when the build threw).\n"
     "--format=github writes each warning as a workflow annotation,\n"
     "  ::warning file=F,line=L,col=C::[CODE] message\n"
-    "and a failed build as ::error file=F::message.\n"
+    "and a failed build as ::error file=F::message (at the value that threw,\n"
+    "::error file=F,line=L,col=C::message).\n"
     "\n"
     "--strict makes warnings fail: exit status 4 when the document builds but\n"
     "has a warning (a failed build keeps its own status, 2 or 3).\n";

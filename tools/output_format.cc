@@ -139,10 +139,7 @@ void writeCheckReport(OutputSink& out, OutputFormat format, const std::string& t
                  .field("warnings", static_cast<long long>(findings.size()))
                  .str());
   } else if (failed) {
-    out.line(githubAnnotation(
-        "error", name, 0, 0,
-        result.threw ? "build threw: " + result.what
-                     : "build failed: " + std::to_string(result.code) + " " + resultName));
+    writeBuildFailure(out, format, name, result.failure);
   }
 }
 

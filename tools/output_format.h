@@ -53,6 +53,7 @@ struct CheckResult {
   std::string what;  // the exception's text when threw
   int code = 0;      // the build's tpa::error code otherwise
   std::size_t rules = 0;
+  BuildFailure failure;  // as the annotation of a failed build gives it
 };
 
 // A failed build of document `name` in a machine-readable format: the JSON

@@ -88,19 +88,22 @@ std::string plainAddress(const std::string& stored) {
 
 class NameClasses : public ClassSet {
  public:
-  // A stored address is decided by the networks too: when the group's own
-  // keys have networks, the base's stored addresses are its own classes.
-  NameClasses(const KeySelection& own, const NameClasses* base) : base_(base) {
+  // A stored address is decided by the networks too: the base's stored
+  // addresses that the group's own networks hold are its own classes.
+  NameClasses(const KeySelection& own, const NameClasses* base,
+              const std::unordered_set<std::string>& wildcards)
+      : base_(base), wildcards_(wildcards) {
     add("");
     for (const std::vector<std::string>* stems : own.stems) {
       for (const std::string& stem : *stems) addEndings(stem);
     }
-    bool networks = false;
-    for (const std::vector<std::string>* list : own.networks) networks = networks || !list->empty();
-    if (base != nullptr && networks) {
-      for (const std::string& name : base->addresses_) add(name);
+    if (base != nullptr) {
+      for (const std::string& name : base->addresses_) {
+        if (inOwnNetwork(own, name)) add(name);
+      }
     }
     for (DestinationClass& c : classes_) describe(c);
+    joinAlike();
   }
 
   bool taken(const std::string& key) const override {
@@ -118,6 +121,18 @@ class NameClasses : public ClassSet {
   }
 
  private:
+  // Whether a network of `own` holds the stored address "#" name: only
+  // then can the group's own rule decide it otherwise than its endings do.
+  static bool inOwnNetwork(const KeySelection& own, const std::string& framed) {
+    const std::string bits = cidr::convertToBinaryIPAddress(framed.substr(1));
+    for (const std::vector<std::string>* networks : own.networks) {
+      for (const std::string& n : *networks) {
+        if (n.size() < bits.size() && bits.compare(0, n.size(), n) == 0) return true;
+      }
+    }
+    return false;
+  }
+
   bool add(const std::string& ending) {
     if (!index_.emplace(ending, static_cast<int>(classes_.size())).second) return false;
     classes_.push_back({ending, "ending", "", "", "", true, false});
@@ -166,7 +181,43 @@ class NameClasses : public ClassSet {
     return !taken(before + ending) && !cidr::isIPAddress(prefix + ending);
   }
 
+  // Endings that meet the same wildcard texts the same way: for each text
+  // Z that follows a '*' of a stem and ends the ending, Z and the character
+  // before it (whether a longer stored ending hides Z from the wildcard).
+  // Then a search ends on the same stored key, or on none, in every machine
+  // and under every rule number, and so does every decision. Endings with a
+  // '$' (a name with the framing character) stand alone, as do names.
+  void joinAlike() {
+    std::unordered_map<std::string, int> first;  // signature -> its first class
+    std::unordered_map<int, std::string> shown;  // such a first class -> its ending
+    for (std::size_t i = 0; i < classes_.size(); ++i) {
+      DestinationClass& c = classes_[i];
+      if (c.kind != "ending" || c.key.find('$') != std::string::npos) continue;
+      const auto [sig, ending] = signature(c.key);
+      const auto [it, fresh] = first.emplace(sig, static_cast<int>(i));
+      if (fresh) continue;
+      c.sameAs = it->second;
+      shown[it->second] = ending;
+    }
+    for (const auto& [i, ending] : shown) classes_[i].pattern = "*" + ending;
+  }
+
+  std::pair<std::string, std::string> signature(const std::string& ending) const {
+    std::string sig, shown;
+    for (std::size_t n = 0; n <= ending.size(); ++n) {
+      const std::string z = ending.substr(ending.size() - n);
+      if (wildcards_.count(z) == 0) continue;
+      // The character before Z; '#' when Z is the whole ending (then no
+      // other ending shares the signature).
+      shown = (n < ending.size() ? ending.substr(ending.size() - n - 1, 1) : "#") + z;
+      sig += shown + '\n';
+    }
+    if (!shown.empty() && shown[0] == '#') shown.erase(0, 1);
+    return {sig, shown};
+  }
+
   const NameClasses* base_;
+  const std::unordered_set<std::string>& wildcards_;
   std::unordered_map<std::string, int> index_;  // ending -> its class
   std::vector<std::string> addresses_;          // the endings that are stored addresses
 };
@@ -329,8 +380,9 @@ DocumentKeys storedKeys(const std::vector<parser::Rule>& rules) {
   return keys;
 }
 
-std::unique_ptr<ClassSet> nameClasses(const KeySelection& own, const ClassSet* base) {
-  return std::make_unique<NameClasses>(own, static_cast<const NameClasses*>(base));
+std::unique_ptr<ClassSet> nameClasses(const KeySelection& own, const ClassSet* base,
+                                      const std::unordered_set<std::string>& wildcards) {
+  return std::make_unique<NameClasses>(own, static_cast<const NameClasses*>(base), wildcards);
 }
 
 std::unique_ptr<ClassSet> networkClasses(const KeySelection& own, int width, const ClassSet* base,

@@ -54,6 +54,9 @@ struct DestinationClass {
   std::string ending;   // networks: how its addresses' text ends (empty: not cut)
   bool joint = true;    // its own class; false: base classes cut it further
   bool hasBase = false;  // base classes lie inside it
+  // An earlier class of the same set that provably answers alike in both
+  // documents (-1: none); its answers, and its report, stand for this one.
+  int sameAs = -1;
 };
 
 // The classes of one kind of destination (names, IPv4 or IPv6 addresses).
@@ -80,8 +83,13 @@ struct KeySelection {
   std::vector<const std::vector<std::string>*> networks;
 };
 
-// Name classes over `base` (null: this is the base set).
-[[nodiscard]] std::unique_ptr<ClassSet> nameClasses(const KeySelection& own, const ClassSet* base);
+// Name classes over `base` (null: this is the base set). A wildcard search
+// can only end on a stored key through a text that follows a '*' of a stem
+// (`wildcards`, of both documents), so endings that meet the same such texts
+// the same way answer alike: the first of them stands for the others.
+[[nodiscard]] std::unique_ptr<ClassSet> nameClasses(
+    const KeySelection& own, const ClassSet* base,
+    const std::unordered_set<std::string>& wildcards);
 
 // Network classes of the addresses `width` bits wide (32 or 128); `names`
 // (this selection's name classes) keeps examples off stored addresses;

@@ -352,7 +352,8 @@ ClassSets classSets(const KeySelection& selection, const ClassSets* base,
                     const std::unordered_set<std::string>& wildcards) {
   ClassSets sets;
   const auto baseOf = [base](int kind) { return base ? base->kinds[kind].get() : nullptr; };
-  const ClassSet& names = *(sets.kinds[kNames] = nameClasses(selection, baseOf(kNames)));
+  const ClassSet& names =
+      *(sets.kinds[kNames] = nameClasses(selection, baseOf(kNames), wildcards));
   sets.kinds[kIpv4] = networkClasses(selection, 32, baseOf(kIpv4), names, wildcards);
   sets.kinds[kIpv6] = networkClasses(selection, 128, baseOf(kIpv6), names, wildcards);
   return sets;
@@ -451,10 +452,13 @@ class CompleteDiff {
     std::vector<Pair> pairs(classes.size());
     const auto answerAll = [&](Side& side, Answer Pair::*slot) {
       for (std::size_t i = 0; i < classes.size(); ++i) {
+        if (classes[i].sameAs >= 0) {
+          pairs[i].*slot = pairs[static_cast<std::size_t>(classes[i].sameAs)].*slot;
+          continue;
+        }
         if (classes[i].example.empty()) continue;
         mapper::QueryTrace trace;  // a query adds to the trace it is given
-        const bool wantTrace = traced && classes[i].hasBase;
-        pairs[i].*slot = side.ask(app, classes[i].example, wantTrace ? &trace : nullptr);
+        pairs[i].*slot = side.ask(app, classes[i].example, traced ? &trace : nullptr);
       }
     };
     inParallel([&] { answerAll(old_, &Pair::old); }, [&] { answerAll(new_, &Pair::neu); });
@@ -467,7 +471,8 @@ class CompleteDiff {
       for (int k = 0; k < kDestinationKinds; ++k) {
         const auto& classes = base_.kinds[k]->classes();
         for (std::size_t i = 0; i < classes.size(); ++i) {
-          if (baseAnswers_[k][i].changed()) reportAll(group, classes[i], baseAnswers_[k][i]);
+          if (classes[i].sameAs >= 0 || !baseAnswers_[k][i].changed()) continue;
+          reportAll(group, classes[i], baseAnswers_[k][i]);
         }
         classes_ += classes.size() * group.apps.size();
       }
@@ -485,7 +490,10 @@ class CompleteDiff {
     for (std::size_t i = 0; i < classes.size(); ++i) {
       const Pair& p = answers[i];
       const bool bothDecided = p.old.decided && p.neu.decided;
-      if (p.changed() && (classes[i].joint || bothDecided)) reportClass(group, classes, answers, i);
+      const bool own = classes[i].sameAs < 0;  // else its first class reports for it
+      if (own && p.changed() && (classes[i].joint || bothDecided)) {
+        reportClass(group, classes, answers, i);
+      }
       if (!classes[i].hasBase || bothDecided) continue;
       anyFellBack = true;
       anyOneSided = anyOneSided || p.old.decided || p.neu.decided;

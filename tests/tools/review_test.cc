@@ -29,19 +29,19 @@ TEST(TpaDiff, ReportsEachChangedClassWithReasonsAndExitStatus) {
     std::vector<std::string> parts;  // of standard output (or error, for codes above 1)
   } cases[] = {
       {base, base, "", "", 0, {"changed: 0 of "}},
-      // A name beside a wildcard takes every name that ends in it (and in
-      // its shorter endings) from the wildcard.
+      // A name beside a wildcard takes every name that ends in its last
+      // character and the wildcard's text (a.cdn.x.test, xn.x.test) from the
+      // wildcard.
       {"[{'match_apps':['m'],'include':['*.x.test'],'id':'1'}]", cdn, "", "", 1,
-       {"\"m\" ending \"*cdn.x.test\" (e.g. \"tpa-probe.cdn.x.test\"): include 1 -> exclude -1; "
+       {"\"m\" ending \"*n.x.test\" (e.g. \"tpa-probe.cdn.x.test\"): include 1 -> exclude -1; "
         "old: rule number 1: include list, wildcard \"#*.x.test$11\" (only include matched); new: "
         "rule number 1, then rule number 0: no list matched, the default\n",
-        "\"m\" ending \"*n.x.test\" (e.g. \"tpa-probe.n.x.test\"): include 1 -> exclude -1",
-        "changed: 3 of 24 classes (include to exclude 3)\n"}},
+        "changed: 1 of 24 classes (include to exclude 1)\n"}},
       {"[{'match_apps':['m'],'include':['*.x.test'],'id':'1'}]", cdn, "", "--format=json", 1,
-       {"{\"app\":\"m\",\"class\":\"ending\",\"pattern\":\"*cdn.x.test\",\"example\":"
+       {"{\"app\":\"m\",\"class\":\"ending\",\"pattern\":\"*n.x.test\",\"example\":"
         "\"tpa-probe.cdn.x.test\",\"change\":\"include_to_exclude\",\"old\":{\"decision\":"
         "\"include\",\"id\":1,\"reason\":\"rule number 1: include list, wildcard ",
-        "{\"summary\":{\"classes\":24,\"changed\":3,\"include_to_exclude\":3,"}},
+        "{\"summary\":{\"classes\":24,\"changed\":1,\"include_to_exclude\":1,"}},
       {base, "[{'match_apps':['m'],'include':['*.x.test','10.0.0.0/9'],'id':'1'}]", "", "", 1,
        {"\"m\" network \"10.128.0.0/9\" (e.g. \"10.213.85.85\"): include 1 -> exclude -1; old: "
         "rule number 1: include list, network prefix of 8 bits \"#00001010$11\"",
@@ -60,7 +60,7 @@ TEST(TpaDiff, ReportsEachChangedClassWithReasonsAndExitStatus) {
         "include 1 -> include 5"}},
       {"[{'match_apps':['m'],'include':['*.x.test'],'id':'1'}]", "[\n{'match_apps':['m'],'id':'1',"
        "'include':['*.x.test','cdn.x.test']}]", "", "--format=github", 1,
-       {"::warning file=NEW,line=2,col=1::\"m\" ending \"*cdn.x.test\" (e.g. "
+       {"::warning file=NEW,line=2,col=1::\"m\" ending \"*n.x.test\" (e.g. "
         "\"tpa-probe.cdn.x.test\"): include 1 -> exclude -1",
         "(no entry of NEW decides; in OLD the rule at position 1 did)\n"}},
       // QUERIES: the questions asked, reported as before.

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <exception>
 #include <new>
+#include <stdexcept>
+#include <tuple>
 
 #include "api/constants.h"
 #include "tools/cli.h"
@@ -16,12 +18,14 @@ BuildOutcome buildGuarded(api::TarnPatternAnalyzer& analyzer, const std::string&
     outcome.code = analyzer.build(text, false);
   } catch (const std::bad_alloc&) {
     throw;  // the tool's own (exit 70): the library fails its build with TPA_ERROR_OOM
+  } catch (const std::out_of_range& e) {
+    outcome = {0, true, e.what(), "std::out_of_range"};
+  } catch (const std::invalid_argument& e) {
+    outcome = {0, true, e.what(), "std::invalid_argument"};
   } catch (const std::exception& e) {
-    outcome.threw = true;
-    outcome.what = e.what();
+    outcome = {0, true, e.what(), "std::exception"};
   } catch (...) {
-    outcome.threw = true;
-    outcome.what = "unknown exception";
+    outcome = {0, true, "unknown exception", "an exception"};
   }
   return outcome;
 }
@@ -47,9 +51,52 @@ int reportBuildFailure(const BuildOutcome& outcome, const std::string& text,
   return kExitOk;
 }
 
-int buildDocument(const std::string& rules, std::string& text, api::TarnPatternAnalyzer& analyzer) {
+namespace {
+
+// What made address parsing throw, in the words of the value's author.
+const char* throwCause(const std::string& exception) {
+  if (exception == "std::out_of_range") return "a network with nothing after its '/'";
+  if (exception == "std::invalid_argument") return "an IPv6 network whose prefix is no number";
+  return "a malformed network";
+}
+
+}  // namespace
+
+BuildFailure describeBuildFailure(const BuildOutcome& outcome, const std::string& text) {
+  BuildFailure failure;
+  if (!outcome.threw) {
+    if (outcome.code == error::TPA_ERROR_NONE) return failure;
+    failure.exitCode = kExitBuildFailed;
+    failure.code = outcome.code;
+    failure.message = "build failed: " + std::to_string(outcome.code) + " " +
+                      error::name(outcome.code);
+    return failure;
+  }
+  failure.exitCode = kExitBuildThrew;
+  failure.exception = outcome.exception;
+  failure.message = "build threw " + outcome.exception + ": " + throwCause(outcome.exception);
+  KeyedValue culprit;
+  std::string what;
+  if (!findThrowingValue(text, culprit, what)) return failure;
+  failure.located = true;
+  failure.key = culprit.key;
+  failure.value = culprit.value.text;
+  std::tie(failure.line, failure.column) = LineIndex(text).at(culprit.value.offset);
+  failure.message += ", the " + culprit.key + " value " + quoted(culprit.value.text);
+  return failure;
+}
+
+int buildDocument(const std::string& rules, std::string& text, api::TarnPatternAnalyzer& analyzer,
+                  BuildFailure& failure) {
   if (!loadRules(rules, text)) return kExitNoInput;
-  return reportBuildFailure(buildGuarded(analyzer, text), text, displayName(rules));
+  const BuildOutcome outcome = buildGuarded(analyzer, text);
+  failure = describeBuildFailure(outcome, text);
+  return reportBuildFailure(outcome, text, displayName(rules));
+}
+
+int buildDocument(const std::string& rules, std::string& text, api::TarnPatternAnalyzer& analyzer) {
+  BuildFailure unused;
+  return buildDocument(rules, text, analyzer, unused);
 }
 
 }  // namespace tpa::tools

@@ -71,8 +71,8 @@ void writeBuildReport(OutputSink& out, api::TarnPatternAnalyzer& analyzer, const
            std::to_string(m.after.peakRssKiB - m.before.peakRssKiB) + " KiB");
 }
 
-void writeWarnings(OutputSink& out, const std::string& text, const std::string& name) {
-  const std::vector<Finding> findings = lintDocument(text);
+void writeWarnings(OutputSink& out, const std::string& text, const std::string& name,
+                   const std::vector<Finding>& findings) {
   const LineIndex lines(text);
   out.line("warnings: " + std::to_string(findings.size()));
   for (const Finding& f : findings) {
@@ -85,13 +85,23 @@ void writeWarnings(OutputSink& out, const std::string& text, const std::string& 
 // The build's result and rule count, for the machine-readable formats.
 CheckResult checkResult(api::TarnPatternAnalyzer& analyzer, const std::string& text,
                         const BuildOutcome& outcome) {
-  CheckResult result{outcome.threw, outcome.what, outcome.code, 0};
+  CheckResult result{outcome.threw, outcome.what, outcome.code, 0,
+                     describeBuildFailure(outcome, text)};
   parser::JsonParser parser;
   if (!outcome.threw && outcome.code == error::TPA_ERROR_NONE &&
       parseAsBuilt(parser, analyzer, text)) {
     result.rules = parser.getRules().size();
   }
   return result;
+}
+
+// With --strict, a document that builds but has warnings fails the check.
+int checkStatus(const Invocation& invocation, const Measured& measured, const std::string& text,
+                const std::string& name, std::size_t warnings) {
+  const int built = reportBuildFailure(measured.outcome, text, name);
+  if (built != kExitOk || !invocation.strict || warnings == 0) return built;
+  std::fprintf(stderr, "tpa: check --strict: %zu warning%s\n", warnings, warnings == 1 ? "" : "s");
+  return kExitWarnings;
 }
 
 }  // namespace
@@ -102,20 +112,18 @@ int runCheck(const Invocation& invocation) {
   const std::string name = displayName(invocation.rules);
   api::TarnPatternAnalyzer analyzer;
   const Measured measured = measureBuild(analyzer, text);
-  {
-    OutputSink out(STDOUT_FILENO, false);
-    if (invocation.format != OutputFormat::kText) {
-      writeCheckReport(out, invocation.format, text, name, lintDocument(text),
-                       checkResult(analyzer, text, measured.outcome));
-      if (!out.flush()) return kExitIo;
-      return reportBuildFailure(measured.outcome, text, name);
-    }
+  const std::vector<Finding> findings = lintDocument(text);
+  OutputSink out(STDOUT_FILENO, false);
+  if (invocation.format != OutputFormat::kText) {
+    writeCheckReport(out, invocation.format, text, name, findings,
+                     checkResult(analyzer, text, measured.outcome));
+  } else {
     out.line("document: " + name + " (" + std::to_string(text.size()) + " bytes)");
     writeBuildReport(out, analyzer, text, measured);
-    writeWarnings(out, text, name);
-    if (!out.flush()) return kExitIo;
+    writeWarnings(out, text, name, findings);
   }
-  return reportBuildFailure(measured.outcome, text, name);
+  if (finishOutput(out, kExitOk) != kExitOk) return kExitIo;
+  return checkStatus(invocation, measured, text, name, findings.size());
 }
 
 }  // namespace tpa::tools

@@ -13,6 +13,7 @@ namespace {
 
 constexpr char kToolHelp[] =
     "usage: tpa COMMAND RULES [ARGS]...\n"
+    "       tpa help [COMMAND] | --help | --version\n"
     "\n"
     "Reads a rules document exactly as the analyzer on the phone does and shows\n"
     "how it is read and what it decides. RULES is a file, or '-' for standard input.\n"
@@ -25,19 +26,21 @@ constexpr char kToolHelp[] =
     "  diff OLD NEW [QUERIES]       list the decisions that differ between two documents\n"
     "  import FORMAT FILE...        write a rules document from hosts, domain or AdBlock lists\n"
     "\n"
-    "Run 'tpa COMMAND --help' for the details of a command.\n"
+    "Run 'tpa COMMAND --help' (or 'tpa help COMMAND') for the details of a command.\n"
     "\n"
     "exit codes:\n"
     "  0   success\n"
     "  1   diff: some decision changed\n"
     "  2   the build failed          (stderr: tpa: build failed: CODE NAME)\n"
     "  3   the build threw           (stderr: tpa: build threw: WHAT ...)\n"
+    "  4   check --strict: the document built but has warnings\n"
     "  64  usage error\n"
     "  65  a query line has no TAB between APP and DEST; import: no name to import\n"
     "  66  RULES (or a list, or QUERIES) cannot be read\n"
     "  70  out of memory outside the build (stderr: tpa: out of memory); a build\n"
     "      that runs out fails with 2 and TPA_ERROR_OOM\n"
-    "  74  standard output cannot be written\n";
+    "  74  standard output cannot be written (stderr: tpa: cannot write standard\n"
+    "      output: REASON)\n";
 
 constexpr char kQueryHelp[] =
     "usage: tpa query RULES [APP DEST]...\n"
@@ -61,7 +64,7 @@ constexpr char kShowHelp[] =
     "rule_number is 0 for a rule of every application, else the position.\n";
 
 constexpr char kCheckHelp[] =
-    "usage: tpa check [--format=text|json|github] RULES\n"
+    "usage: tpa check [--format=text|json|github] [--strict] RULES\n"
     "\n"
     "Builds RULES and reports the result code, the number of rules, the sizes of\n"
     "the three automata, the build's time and memory, and warnings about\n"
@@ -75,7 +78,11 @@ constexpr char kCheckHelp[] =
     "(result_name \"threw\" and result -1 when the build threw).\n"
     "--format=github writes each warning as a workflow annotation,\n"
     "  ::warning file=F,line=L,col=C::[CODE] message\n"
-    "and a failed build as ::error file=F::message.\n";
+    "and a failed build as ::error file=F::message (at the value that threw,\n"
+    "::error file=F,line=L,col=C::message).\n"
+    "\n"
+    "--strict makes warnings fail: exit status 4 when the document builds but\n"
+    "has a warning (a failed build keeps its own status, 2 or 3).\n";
 
 constexpr char kExplainHelp[] =
     "usage: tpa explain [--format=text|json] RULES APP DEST [APP DEST]...\n"
@@ -102,27 +109,44 @@ constexpr char kDiffHelp[] =
     "usage: tpa diff [--format=text|json|github] OLD NEW [QUERIES]\n"
     "\n"
     "Builds both rules documents as a phone does and lists every decision that\n"
-    "differs, one line each:\n"
-    "  APP DEST: OLD-DECISION OLD-ID -> NEW-DECISION NEW-ID; old: REASON; new: REASON\n"
+    "differs. Without QUERIES the diff is complete: a query reads the stored keys\n"
+    "only as text, so the destinations fall into classes that both documents'\n"
+    "keys cut, and each class is asked once per document for each application\n"
+    "either document names and for every other application ('*'). A class is\n"
+    "  name     one NAME (an address stored whole: ADDRESS/32 or /128)\n"
+    "  ending   *ENDING: names that end in ENDING (byte for byte) and fall in\n"
+    "           the class; endings are told apart as far as a wildcard search\n"
+    "           sees them (the texts after a stored '*' they end in, and the\n"
+    "           character before each)\n"
+    "  network  ADDRESS/BITS: the addresses of a network cut by the stored\n"
+    "           networks, optionally only those whose fixed-width text ends in\n"
+    "           ENDING (where a stored wildcard could match that text)\n"
+    "Each changed class is one line,\n"
+    "  APP [(and N more)] CLASS PATTERN [ending in E] (e.g. EXAMPLE): OLD-DECISION\n"
+    "  OLD-ID -> NEW-DECISION NEW-ID; old: REASON; new: REASON\n"
     "where each REASON says which rule number, list and search decided (or that\n"
-    "no rule did), then a summary line with the count of each kind of change:\n"
-    "include to exclude, exclude to include, id changed.\n"
+    "no rule did); then a summary with the count of each kind of change:\n"
+    "include to exclude, exclude to include, id changed. Destinations that\n"
+    "contain '#' are left to QUERIES. On a terminal, progress goes to stderr.\n"
     "\n"
-    "QUERIES, in the 'tpa query' stream format (APP<TAB>DEST lines), gives the\n"
-    "questions. Without it they are derived from both documents: every\n"
-    "destination they name (for a wildcard its own name and a fresh name under\n"
-    "it, for a network its first and last address and the address just past\n"
-    "it) asked for each application of the rules that name it, for one\n"
-    "application of another rule, and for an unknown application.\n"
+    "QUERIES, in the 'tpa query' stream format (APP<TAB>DEST lines), asks those\n"
+    "questions instead, one line each: APP DEST: OLD -> NEW; old: ...; new: ...\n"
     "\n"
     "--format=json writes one JSON object per change,\n"
-    "  {\"app\":A,\"destination\":D,\"change\":KIND,\n"
-    "   \"old\":{\"decision\":..,\"id\":..,\"reason\":..},\"new\":{...}}\n"
-    "KIND being \"include_to_exclude\", \"exclude_to_include\" or \"id_changed\",\n"
-    "and a last object {\"summary\":{\"questions\":N,\"changed\":N,KIND:N,...}}.\n"
-    "--format=github writes each change as a workflow annotation on the rule of\n"
-    "NEW that now decides (of OLD when no rule of NEW does):\n"
+    "  {\"app\":A,\"class\":C,\"pattern\":P,\"example\":E[,\"ending\":T][,\"also\":[...]],\n"
+    "   \"change\":KIND,\"old\":{\"decision\":..,\"id\":..,\"reason\":..},\"new\":{...}}\n"
+    "(with QUERIES \"destination\" in place of class to ending), KIND being\n"
+    "\"include_to_exclude\", \"exclude_to_include\" or \"id_changed\", A \"*\" for every\n"
+    "application no document names, \"also\" the other applications with the same\n"
+    "change; and a last object {\"summary\":{\"classes\":N,\"changed\":N,KIND:N,...}}\n"
+    "(\"questions\" in place of \"classes\" with QUERIES).\n"
+    "--format=github writes each change as a workflow annotation on NEW, at the\n"
+    "entry that now decides (else at NEW's rule where OLD's deciding one stood):\n"
     "  ::warning file=F,line=L,col=C::message\n"
+    "A document that does not build is, besides its message on stderr, one\n"
+    "JSON object {\"file\":F,\"error\":\"build_failed\",\"code\":C,\"code_name\":N,...}\n"
+    "or {\"file\":F,\"error\":\"build_threw\",\"exception\":X,\"key\":K,\"value\":V,\n"
+    "\"line\":L,\"column\":C,...}, or an ::error annotation at the value.\n"
     "\n"
     "Exit status: 0 when no decision changed, 1 when some did, 2/3 when a\n"
     "document does not build, 65 for a QUERIES line without a TAB, 66 when a\n"
@@ -167,6 +191,11 @@ constexpr char kImportHelp[] =
 
 bool isHelpFlag(const std::string& arg) { return arg == "-h" || arg == "--help"; }
 
+// What a usage error tells to read: the command's help when it names one.
+std::string seeHelp(const std::string& command) {
+  return command.empty() ? " (see 'tpa --help')" : " (see 'tpa " + command + " --help')";
+}
+
 bool isOption(const std::string& arg) { return arg.size() > 1 && arg[0] == '-'; }
 
 bool commandFromName(const std::string& name, Command& command) {
@@ -191,6 +220,11 @@ ParseOutcome usageError(std::string message) {
   ParseOutcome outcome;
   outcome.error = std::move(message);
   return outcome;
+}
+
+// The formats a command writes, as its usage error lists them.
+const char* formatValues(Command command) {
+  return command == Command::kExplain ? "text or json" : "text, json or github";
 }
 
 ParseOutcome help(const std::string& topic) {
@@ -238,6 +272,10 @@ bool takeOption(Command command, const std::vector<std::string>& args, std::size
     bad = !formatFromName(value, command != Command::kExplain, invocation.format);
     return !bad;
   }
+  if (command == Command::kCheck && args[i] == "--strict") {
+    invocation.strict = true;
+    return true;
+  }
   if (command != Command::kImport) return false;
   if (optionValue(args, i, "--apps", value)) {
     invocation.apps = value;
@@ -266,7 +304,8 @@ bool collectOperands(const std::vector<std::string>& args, Command command,
       wantsHelp = true;
     } else if (!literal && isOption(arg)) {
       if (takeOption(command, args, i, options, bad)) continue;
-      unknown = bad ? "bad value in option '" + arg + "'" : "unknown option '" + arg + "'";
+      unknown = bad ? "bad value in option '" + arg + "' (expected " + formatValues(command) + ")"
+                    : "unknown option '" + arg + "'";
       return false;
     } else {
       operands.push_back(arg);
@@ -320,9 +359,26 @@ ParseOutcome withOperands(Command command, const std::string& name,
 
 }  // namespace
 
-ParseOutcome parseArguments(const std::vector<std::string>& args) {
+namespace {
+
+// "help [COMMAND]": the same text as "COMMAND --help".
+ParseOutcome helpCommand(const std::vector<std::string>& args) {
+  Command command;
+  if (args.size() > 2) return usageError("help: takes one COMMAND at most");
+  if (args.size() == 1) return help("");
+  if (!commandFromName(args[1], command)) return usageError("help: unknown command '" + args[1] + "'");
+  return help(args[1]);
+}
+
+ParseOutcome parseCommand(const std::vector<std::string>& args) {
   if (args.empty()) return usageError("missing COMMAND");
   if (isHelpFlag(args[0])) return help("");
+  if (args[0] == "help") return helpCommand(args);
+  if (args[0] == "--version") {
+    ParseOutcome outcome = help("");
+    outcome.invocation.command = Command::kVersion;
+    return outcome;
+  }
   Command command;
   if (!commandFromName(args[0], command)) return usageError("unknown command '" + args[0] + "'");
   std::vector<std::string> operands;
@@ -339,6 +395,18 @@ ParseOutcome parseArguments(const std::vector<std::string>& args) {
   }
   ParseOutcome outcome = withOperands(command, args[0], operands);
   outcome.invocation.format = options.format;
+  outcome.invocation.strict = options.strict;
+  return outcome;
+}
+
+}  // namespace
+
+ParseOutcome parseArguments(const std::vector<std::string>& args) {
+  ParseOutcome outcome = parseCommand(args);
+  if (outcome.ok) return outcome;
+  Command command;
+  const bool named = !args.empty() && commandFromName(args[0], command);
+  outcome.error += seeHelp(named ? args[0] : "");
   return outcome;
 }
 
@@ -382,5 +450,7 @@ bool loadRules(const std::string& path, std::string& text) {
 }
 
 std::string displayName(const std::string& path) { return path == "-" ? "<stdin>" : path; }
+
+std::string versionText() { return std::string("tpa ") + TPA_VERSION; }
 
 }  // namespace tpa::tools

@@ -15,6 +15,7 @@ namespace tpa::tools {
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitBuildFailed = 2;  // the build returned an error code
 inline constexpr int kExitBuildThrew = 3;   // an address input made the build throw (only those)
+inline constexpr int kExitWarnings = 4;     // check --strict: the document built, with warnings
 inline constexpr int kExitUsage = 64;       // bad command line
 inline constexpr int kExitBadQuery = 65;    // a query line without APP<TAB>DEST
 inline constexpr int kExitNoInput = 66;     // RULES could not be read
@@ -23,7 +24,7 @@ inline constexpr int kExitIo = 74;          // standard output could not be writ
 
 inline constexpr int kExitChanged = 1;  // diff: some decision changed
 
-enum class Command { kHelp, kQuery, kShow, kCheck, kExplain, kDiff, kImport };
+enum class Command { kHelp, kVersion, kQuery, kShow, kCheck, kExplain, kDiff, kImport };
 
 // How check, explain and diff write their report (--format=).
 enum class OutputFormat { kText, kJson, kGithub };
@@ -37,6 +38,7 @@ struct Invocation {
   // diff: OLD NEW [QUERIES]; import: FORMAT FILE...
   std::vector<std::string> operands;
   OutputFormat format = OutputFormat::kText;
+  bool strict = false;  // check only: warnings fail (kExitWarnings)
   // import only: --apps (comma-separated; empty: every application), --id,
   // and --exclude (the listed names go to the exclude list).
   std::string apps;
@@ -53,11 +55,15 @@ struct ParseOutcome {
 };
 
 // Parses argv[1..]. "--" ends option processing, so that an APP or DEST may
-// start with '-'; "-h"/"--help" anywhere before it asks for help.
+// start with '-'; "-h"/"--help" anywhere before it asks for help, as does
+// "tpa help [COMMAND]". A usage error's message names the help to read.
 [[nodiscard]] ParseOutcome parseArguments(const std::vector<std::string>& args);
 
 // The help text of the whole tool, or of one command ("query", ...).
 [[nodiscard]] std::string helpText(const std::string& topic);
+
+// "tpa VERSION", the project's version as the build configured it.
+[[nodiscard]] std::string versionText();
 
 // Reads a whole file ("-": standard input) into `text`, byte for byte.
 // Returns false and an explanation in `error` when it cannot be read.

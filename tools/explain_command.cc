@@ -244,7 +244,7 @@ int runExplain(const Invocation& invocation) {
     q.decision = api::Inspect::query(document.analyzer, app, destination, q.value, &q.trace);
     (json ? writeJson : writeText)(out, rules, q);
   }
-  return out.flush() ? kExitOk : kExitIo;
+  return finishOutput(out, kExitOk);
 }
 
 }  // namespace tpa::tools

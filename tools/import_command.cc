@@ -242,7 +242,7 @@ int runImport(const Invocation& invocation) {
   }
   OutputSink out(STDOUT_FILENO, false);
   out.line(outcome.document);
-  return out.flush() ? kExitOk : kExitIo;
+  return finishOutput(out, kExitOk);
 }
 
 }  // namespace tpa::tools

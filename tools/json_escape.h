@@ -1,7 +1,9 @@
-// JSON string literals for the tool's machine-readable output. Only '"', '\'
-// and bytes below 0x20 are escaped; every other byte, including bytes of
-// UTF-8 sequences and invalid ones, is copied as it is, so that what the
-// analyzer stores can be read back exactly. Stateless.
+// JSON string literals for the tool's machine-readable output, always valid
+// UTF-8. '"', '\' and bytes below 0x20 are escaped; well-formed UTF-8
+// sequences are copied as they are; every byte that is not part of one is
+// written as \u00XX of its value. Since valid characters are never escaped,
+// an escape from \u0080 to \u00ff always stands for one such raw byte, so
+// what the analyzer stores can still be read back exactly. Stateless.
 #ifndef TPA_TOOLS_JSON_ESCAPE_H_
 #define TPA_TOOLS_JSON_ESCAPE_H_
 

@@ -26,6 +26,7 @@ bool OutputSink::flush() {
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
       failed_ = true;
+      error_ = n < 0 ? errno : EIO;
       break;
     }
     done += static_cast<std::size_t>(n);

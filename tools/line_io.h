@@ -26,12 +26,15 @@ class OutputSink {
   // Writes out everything buffered; false once a write has failed.
   [[nodiscard]] bool flush();
   [[nodiscard]] bool failed() const { return failed_; }
+  // The errno of the failed write (0 while none failed; EIO for a write of 0).
+  [[nodiscard]] int errorNumber() const { return error_; }
 
  private:
   static constexpr std::size_t kBlock = 64 * 1024;
   int fd_;
   bool lineFlush_;
   bool failed_ = false;  // sticky: after a failed write nothing more is written
+  int error_ = 0;        // set with failed_
   std::string buffer_;   // pending bytes, written out at kBlock
 };
 

@@ -5,10 +5,23 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
+#include <string_view>
+
 #include "tools/cli.h"
 #include "tools/commands.h"
+#include "tools/line_io.h"
+#include "tools/output_format.h"
 
 namespace {
+
+// Help and version texts end like every report: a full output is an error.
+int writeText(const std::string& text) {
+  tpa::tools::OutputSink out(STDOUT_FILENO, false);
+  out.line(std::string_view(text).substr(0, text.size() - 1));  // line() adds the '\n'
+  return tpa::tools::finishOutput(out, tpa::tools::kExitOk);
+}
 
 int dispatch(const tpa::tools::Invocation& invocation) {
   using tpa::tools::Command;
@@ -25,18 +38,19 @@ int dispatch(const tpa::tools::Invocation& invocation) {
       return tpa::tools::runDiff(invocation);
     case Command::kImport:
       return tpa::tools::runImport(invocation);
+    case Command::kVersion:
+      return writeText(tpa::tools::versionText() + "\n");
     case Command::kHelp:
       break;
   }
-  std::fputs(tpa::tools::helpText(invocation.helpTopic).c_str(), stdout);
-  return tpa::tools::kExitOk;
+  return writeText(tpa::tools::helpText(invocation.helpTopic));
 }
 
 int run(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);
   const tpa::tools::ParseOutcome parsed = tpa::tools::parseArguments(args);
   if (!parsed.ok) {
-    std::fprintf(stderr, "tpa: %s\nRun 'tpa --help' for usage.\n", parsed.error.c_str());
+    std::fprintf(stderr, "tpa: %s\n", parsed.error.c_str());
     return tpa::tools::kExitUsage;
   }
   return dispatch(parsed.invocation);

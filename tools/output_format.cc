@@ -1,5 +1,8 @@
 #include "tools/output_format.h"
 
+#include <cstdio>
+#include <cstring>
+
 #include "api/constants.h"
 #include "tools/json_escape.h"
 #include "tools/lint.h"
@@ -30,6 +33,12 @@ std::string annotationEscape(std::string_view text, bool property) {
 }
 
 }  // namespace
+
+int finishOutput(OutputSink& out, int code) {
+  if (out.flush()) return code;
+  std::fprintf(stderr, "tpa: cannot write standard output: %s\n", std::strerror(out.errorNumber()));
+  return kExitIo;
+}
 
 std::string githubAnnotation(std::string_view level, std::string_view file, std::size_t line,
                              std::size_t column, std::string_view message) {
@@ -76,6 +85,30 @@ JsonLine& JsonLine::raw(std::string_view name, std::string_view json) {
   return *this;
 }
 
+void writeBuildFailure(OutputSink& out, OutputFormat format, const std::string& name,
+                       const BuildFailure& failure) {
+  if (format == OutputFormat::kGithub) {
+    out.line(githubAnnotation("error", name, failure.line, failure.column, failure.message));
+    return;
+  }
+  JsonLine line;
+  line.field("file", name);
+  if (failure.exitCode == kExitBuildFailed) {
+    line.field("error", "build_failed")
+        .field("code", static_cast<long long>(failure.code))
+        .field("code_name", error::name(failure.code));
+  } else {
+    line.field("error", "build_threw").field("exception", failure.exception);
+    if (failure.located) {
+      line.field("key", failure.key)
+          .field("value", failure.value)
+          .field("line", static_cast<long long>(failure.line))
+          .field("column", static_cast<long long>(failure.column));
+    }
+  }
+  out.line(line.field("message", failure.message).str());
+}
+
 void writeCheckReport(OutputSink& out, OutputFormat format, const std::string& text,
                       const std::string& name, const std::vector<Finding>& findings,
                       const CheckResult& result) {
@@ -106,10 +139,7 @@ void writeCheckReport(OutputSink& out, OutputFormat format, const std::string& t
                  .field("warnings", static_cast<long long>(findings.size()))
                  .str());
   } else if (failed) {
-    out.line(githubAnnotation(
-        "error", name, 0, 0,
-        result.threw ? "build threw: " + result.what
-                     : "build failed: " + std::to_string(result.code) + " " + resultName));
+    writeBuildFailure(out, format, name, result.failure);
   }
 }
 

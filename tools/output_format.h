@@ -10,11 +10,17 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/build_guard.h"
 #include "tools/cli.h"
 #include "tools/doc_scan.h"
 #include "tools/line_io.h"
 
 namespace tpa::tools {
+
+// Writes out what `out` holds and returns `code`; when standard output
+// cannot be written, says so on stderr ("tpa: cannot write standard output:
+// REASON") and returns kExitIo. Every command ends its report with this.
+[[nodiscard]] int finishOutput(OutputSink& out, int code);
 
 // "::LEVEL file=F,line=L,col=C::MESSAGE" with the annotation escapes
 // (line 0 leaves out the position).
@@ -47,7 +53,16 @@ struct CheckResult {
   std::string what;  // the exception's text when threw
   int code = 0;      // the build's tpa::error code otherwise
   std::size_t rules = 0;
+  BuildFailure failure;  // as the annotation of a failed build gives it
 };
+
+// A failed build of document `name` in a machine-readable format: the JSON
+// object {"file":F,"error":"build_failed","code":C,"code_name":N,"message":M}
+// or {"file":F,"error":"build_threw","exception":E,"key":K,"value":V,
+// "line":L,"column":C,"message":M} (key to column only when the value was
+// found), or an ::error annotation at the value.
+void writeBuildFailure(OutputSink& out, OutputFormat format, const std::string& name,
+                       const BuildFailure& failure);
 
 // check's report in JSON lines or annotations: one per finding (`findings`
 // at byte offsets of `text`), then the build's result.

@@ -10,6 +10,7 @@
 #include "tools/build_guard.h"
 #include "tools/commands.h"
 #include "tools/line_io.h"
+#include "tools/output_format.h"
 
 namespace tpa::tools {
 namespace {
@@ -72,11 +73,7 @@ int runQuery(const Invocation& invocation) {
       out.line(reply);
     }
   }
-  if (!out.flush()) {
-    std::fprintf(stderr, "tpa: cannot write the answers\n");
-    return kExitIo;
-  }
-  return code;
+  return finishOutput(out, code);
 }
 
 }  // namespace tpa::tools

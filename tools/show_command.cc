@@ -11,6 +11,7 @@
 #include "tools/commands.h"
 #include "tools/json_escape.h"
 #include "tools/line_io.h"
+#include "tools/output_format.h"
 
 namespace tpa::tools {
 namespace {
@@ -43,7 +44,7 @@ int runShow(const Invocation& invocation) {
     appendRule(line, rules[i], static_cast<int>(i + 1));
     out.line(line);
   }
-  return out.flush() ? kExitOk : kExitIo;
+  return finishOutput(out, kExitOk);
 }
 
 }  // namespace tpa::tools

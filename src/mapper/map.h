@@ -77,6 +77,10 @@ class Map {
   Decision get(const std::string& app, const std::string& destination,
                QueryTrace* trace = nullptr) const;
 
+  // The number a rule's destinations are filed under: 0 when its only
+  // application is LAMBDA_STRING, else its rule number.
+  static int domainRuleOf(int ruleNumber, const std::vector<std::string>& apps);
+
   // Read-only views for diagnostics and tests (null before construct).
   int capacity() const { return capacity_; }
   const Machine* appsMachine() const { return apps_.get(); }
@@ -90,9 +94,6 @@ class Map {
                             std::pair<std::string, int>& key);
   [[nodiscard]] int putList(bool include, int domainRule, const std::vector<std::string>& list,
                             int id, std::string& text, std::pair<std::string, int>& key);
-  // The number a rule's destinations are filed under: 0 when its only
-  // application is LAMBDA_STRING, else its rule number.
-  static int domainRuleOf(int ruleNumber, const std::vector<std::string>& apps);
 
   int capacity_;                      // cache capacity of every machine
   std::unique_ptr<Machine> apps_;     // tansformApp keys -> rule number

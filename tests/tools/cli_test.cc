@@ -15,6 +15,7 @@
 #include "run_tool.h"
 #include "testing/log_capture.h"
 #include "tools/doc_scan.h"
+#include "tools/json_escape.h"
 #include "tools/lint.h"
 
 namespace tpa::testing {
@@ -60,6 +61,105 @@ TEST(TpaCli, ExitCodesAndMessagesFollowTheContract) {
   }
 }
 
+TEST(TpaCli, VersionHelpAndUsageErrorsNameTheHelpToRead) {
+  const struct {
+    std::string command;
+    int code;
+    std::string part;  // of standard output on success, else of standard error
+  } cases[] = {
+      {"--version", 0, "tpa 0."},
+      {"help", 0, "usage: tpa COMMAND RULES"},
+      {"help diff", 0, "usage: tpa diff [--format=text|json|github] OLD NEW [QUERIES]"},
+      {"help frob", 64, "tpa: help: unknown command 'frob' (see 'tpa --help')\n"},
+      {"help diff check", 64, "help: takes one COMMAND at most"},
+      {"frob", 64, "unknown command 'frob' (see 'tpa --help')\n"},
+      {"diff a", 64, "tpa: diff: takes OLD NEW [QUERIES] (see 'tpa diff --help')\n"},
+      {"show", 64, "tpa: show: missing RULES (see 'tpa show --help')\n"},
+      {"diff --format=xml a b", 64,
+       "bad value in option '--format=xml' (expected text, json or github) (see 'tpa diff "
+       "--help')"},
+      {"explain --format=github - a b", 64, "(expected text or json)"},
+      {"query --strict -", 64, "query: unknown option '--strict' (see 'tpa query --help')"},
+  };
+  for (const auto& c : cases) {
+    const ToolResult r = runTool(words(c.command));
+    EXPECT_EQ(r.exitCode, c.code) << c.command << "\n" << r.err;
+    EXPECT_TRUE(has(c.code == 0 ? r.out : r.err, c.part)) << c.command << "\n" << r.out << r.err;
+  }
+  EXPECT_EQ(runTool({"help", "check"}).out, runTool({"check", "--help"}).out);
+}
+
+// --strict: warnings fail with their own status; a failed build keeps its own.
+TEST(TpaCheck, StrictFailsOnWarningsOnly) {
+  const struct {
+    std::string document, options;
+    int code;
+  } cases[] = {
+      {"[{'id':'1','include':['x.test']}]", "--strict", 0},
+      {"[{'id':'1','include':['x.test.']}]", "", 0},
+      {"[{'id':'1','include':['x.test.']}]", "--strict", 4},
+      {"[{'id':'1','include':['x.test.']}]", "--strict --format=github", 4},
+      {"[{'id':'1','include':['face/']}]", "--strict", 3},
+      {"[{'id':'1','include':['x.test.']}", "--strict", 2},
+  };
+  for (const auto& c : cases) {
+    const ToolResult r = runTool(words("check " + c.options + " -"), doc(c.document));
+    EXPECT_EQ(r.exitCode, c.code) << c.document << c.options << "\n" << r.err;
+    EXPECT_EQ(has(r.err, "tpa: check --strict: 1 warning\n"), c.code == 4) << r.err;
+  }
+}
+
+// Every command that writes a report says so when standard output is full.
+TEST(TpaCli, NamesAnUnwritableOutput) {
+  TempFile rules(doc("[{'include':['x.test']}]")), list("x.test\n");
+  const std::vector<std::vector<std::string>> commands = {
+      {"query", rules.path(), "a", "b"}, {"show", rules.path()}, {"check", rules.path()},
+      {"explain", rules.path(), "a", "b"}, {"diff", rules.path(), rules.path()},
+      {"import", "domains", list.path()}, {"--version"}, {"help", "show"}};
+  for (const auto& args : commands) {
+    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    ASSERT_GE(full, 0);
+    TempFile errors("");
+    const int err = open(errors.path().c_str(), O_WRONLY | O_CLOEXEC);
+    const pid_t pid = startTool(args, 0, full, err);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    close(full);
+    close(err);
+    std::string message;
+    FILE* f = std::fopen(errors.path().c_str(), "r");
+    for (int ch; f != nullptr && (ch = std::fgetc(f)) != EOF;) message += static_cast<char>(ch);
+    if (f != nullptr) std::fclose(f);
+    EXPECT_EQ(WEXITSTATUS(status), 74) << args[0] << "\n" << message;
+    EXPECT_TRUE(has(message, "tpa: cannot write standard output: No space left on device\n"))
+        << args[0] << "\n" << message;
+  }
+}
+
+// Valid UTF-8 is kept, every byte outside it becomes \u00XX: the output is
+// always valid UTF-8 and still tells the bytes apart.
+TEST(JsonEscape, KeepsValidUtf8AndEscapesEveryOtherByte) {
+  const char* cases[][2] = {
+      {"plain", "\"plain\""},
+      {"q\"b\\", "\"q\\\"b\\\\\""},
+      {"\t\x01", "\"\\t\\u0001\""},
+      {"caf\xc3\xa9", "\"caf\xc3\xa9\""},                  // 2 bytes
+      {"\xe2\x82\xac\xf0\x9f\x98\x80", "\"\xe2\x82\xac\xf0\x9f\x98\x80\""},  // 3, 4
+      {"caf\xe9", "\"caf\\u00e9\""},                          // Latin-1
+      {"\xc3", "\"\\u00c3\""},                                 // cut short
+      {"\xc0\xaf", "\"\\u00c0\\u00af\""},                     // overlong '/'
+      {"\xed\xa0\x80", "\"\\u00ed\\u00a0\\u0080\""},          // a surrogate
+      {"\xf4\x90\x80\x80", "\"\\u00f4\\u0090\\u0080\\u0080\""},  // above U+10FFFF
+      {"\x80" "a", "\"\\u0080a\""},                               // stray continuation
+      {"\x7f", "\"\x7f\""},
+  };
+  for (const auto& [text, json] : cases) {
+    std::string out;
+    tools::appendJsonString(out, text);
+    EXPECT_EQ(out, json) << text;
+  }
+}
+
 TEST(TpaQuery, AnswersPairsAndStandardInputLines) {
   const std::string mail = "com.example.mail\timap.example.com";
   const struct {
@@ -100,14 +200,14 @@ TEST(TpaQuery, AnswersEachLineBeforeReadingTheNext) {
 }
 
 // Positions, rule numbers and defaults as the parser made them; values
-// escaped only where JSON needs it.
+// escaped only where JSON needs it, and bytes outside UTF-8 as \u00XX.
 TEST(TpaShow, PrintsRulesAsReadWithDefaultsAndEscapes) {
   const std::string document = "[{'id':'1'},{'match_apps':['a\\b', 'tab\there', 'line\nbreak', "
-                               "'bell\x07', 'caf\xc3\xa9', 'del\x7f']}]";
+                               "'bell\x07', 'caf\xc3\xa9', 'del\x7f', 'raw\xff']}]";
   EXPECT_EQ(runTool({"show", "-"}, doc(document)).out,
             doc("{'position':1,'rule_number':0,'apps':['#LAMBDA-APP'],'include':['*'],"
                 "'exclude':[''],'id':1}\n{'position':2,'rule_number':2,'apps':['a\\\\b',"
-                "'tab\\there','line\\nbreak','bell\\u0007','caf\xc3\xa9','del\x7f'],"
+                "'tab\\there','line\\nbreak','bell\\u0007','caf\xc3\xa9','del\x7f','raw\\u00ff'],"
                 "'include':['*'],'exclude':[''],'id':2147483647}\n"));
 }
 

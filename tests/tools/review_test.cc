@@ -1,7 +1,16 @@
 // tpa diff and the machine-readable formats, run as a child process: each
-// kind of change shows up in diff. tpa import has its own import_test.
+// kind of change shows up in diff, and the complete diff is checked against
+// brute-force probes built from pieces of both documents' keys. tpa import
+// has its own import_test.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <regex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -10,27 +19,50 @@
 namespace tpa::testing {
 namespace {
 
-TEST(TpaDiff, ReportsEachKindOfChangeWithReasonsAndExitStatus) {
+TEST(TpaDiff, ReportsEachChangedClassWithReasonsAndExitStatus) {
   const std::string base = "[{'match_apps':['m'],'include':['*.x.test','10.0.0.0/8'],'id':'1'}]";
+  const std::string cdn = "[{'match_apps':['m'],'include':['*.x.test','cdn.x.test'],'id':'1'}]";
   const struct {
     std::string before, after, queries, options;
     int code;
     std::vector<std::string> parts;  // of standard output (or error, for codes above 1)
   } cases[] = {
-      {base, base, "", "", 0, {"changed: 0 of 10 decisions"}},
-      {base, "[{'match_apps':['m'],'include':['*.x.test','10.0.0.0/8'],'id':'2'}]", "", "", 1,
-       {"\"m\" \"tpa-probe.x.test\": include 1 -> include 2; old: rule number 1: include list, "
-        "wildcard \"#*.x.test$11\" (only include matched); new: ", "(id changed 3)"}},
+      {base, base, "", "", 0, {"changed: 0 of "}},
+      // A name beside a wildcard takes every name that ends in its last
+      // character and the wildcard's text (a.cdn.x.test, xn.x.test) from the
+      // wildcard.
+      {"[{'match_apps':['m'],'include':['*.x.test'],'id':'1'}]", cdn, "", "", 1,
+       {"\"m\" ending \"*n.x.test\" (e.g. \"tpa-probe.cdn.x.test\"): include 1 -> exclude -1; "
+        "old: rule number 1: include list, wildcard \"#*.x.test$11\" (only include matched); new: "
+        "rule number 1, then rule number 0: no list matched, the default\n",
+        "changed: 1 of 24 classes (include to exclude 1)\n"}},
+      {"[{'match_apps':['m'],'include':['*.x.test'],'id':'1'}]", cdn, "", "--format=json", 1,
+       {"{\"app\":\"m\",\"class\":\"ending\",\"pattern\":\"*n.x.test\",\"example\":"
+        "\"tpa-probe.cdn.x.test\",\"change\":\"include_to_exclude\",\"old\":{\"decision\":"
+        "\"include\",\"id\":1,\"reason\":\"rule number 1: include list, wildcard ",
+        "{\"summary\":{\"classes\":24,\"changed\":1,\"include_to_exclude\":1,"}},
       {base, "[{'match_apps':['m'],'include':['*.x.test','10.0.0.0/9'],'id':'1'}]", "", "", 1,
-       {"\"m\" \"10.255.255.255\": include 1 -> exclude -1; old: rule number 1: include list, "
-        "network prefix of 8 bits", "new: rule number 1, then rule number 0: no list matched, the "
-        "default", "(include to exclude 2)"}},
-      {base,
-       "[{'match_apps':['m'],'include':['*.x.test','10.0.0.0/8'],'exclude':['a.x.test'],"
-       "'id':'1'},{'exclude':['*.x.test'],'include':['y.test']}]", "", "", 1,
-       {"\"m\" \"a.x.test\": include 1 -> exclude 1; old: rule number 1: include list, wildcard",
-        "\"tpa.unknown.app\" \"y.test\": exclude -1 -> include 2147483647; old: unknown application",
-        "(include to exclude 1, exclude to include 2, id changed 2)"}},
+       {"\"m\" network \"10.128.0.0/9\" (e.g. \"10.213.85.85\"): include 1 -> exclude -1; old: "
+        "rule number 1: include list, network prefix of 8 bits \"#00001010$11\"",
+        "\"m\" name \"00001010\" (e.g. \"00001010\"): include 1 -> exclude -1"}},
+      {base, "[{'match_apps':['m'],'include':['*.x.test','10.0.0.0/8'],'id':'1'},{'exclude':["
+       "'*.x.test'],'include':['y.test']}]", "", "", 1,
+       {"* (and 1 more) name \"y.test\" (e.g. \"y.test\"): exclude -1 -> include 2147483647",
+        "* ending \"*.x.test\" (e.g. \"tpa-probe.x.test\"): exclude -1 -> exclude 2147483647"}},
+      // Annotations stand at NEW's deciding entry, else at the rule of NEW
+      // where OLD's deciding entry stood.
+      {base, "[\n {'include':['a.test']},\n {'match_apps':['m'],\n  'include':['*.x.test'],'id':'5'}]",
+       "", "--format=github", 1,
+       {"::warning file=NEW,line=2,col=15::* (and 1 more) name \"a.test\" (e.g. \"a.test\"): exclude -1 -> "
+        "include 2147483647",
+        "::warning file=NEW,line=4,col=15::\"m\" ending \"*.x.test\" (e.g. \"tpa-probe.x.test\"): "
+        "include 1 -> include 5"}},
+      {"[{'match_apps':['m'],'include':['*.x.test'],'id':'1'}]", "[\n{'match_apps':['m'],'id':'1',"
+       "'include':['*.x.test','cdn.x.test']}]", "", "--format=github", 1,
+       {"::warning file=NEW,line=2,col=1::\"m\" ending \"*n.x.test\" (e.g. "
+        "\"tpa-probe.cdn.x.test\"): include 1 -> exclude -1",
+        "(no entry of NEW decides; in OLD the rule at position 1 did)\n"}},
+      // QUERIES: the questions asked, reported as before.
       {base, "[{'match_apps':['m'],'include':['*.x.test'],'id':'1'}]", "m\t10.0.0.1\n",
        "--format=json", 1,
        {"{\"app\":\"m\",\"destination\":\"10.0.0.1\",\"change\":\"include_to_exclude\",\"old\":{"
@@ -41,9 +73,10 @@ TEST(TpaDiff, ReportsEachKindOfChangeWithReasonsAndExitStatus) {
         "\"exclude_to_include\":0,\"id_changed\":0}}\n"}},
       {base, "[\n {'include':['a.test']},\n {'match_apps':['m'],'include':['*.x.test'],'id':'5'}]",
        "m\tb.x.test\n", "--format=github", 1,
-       {"::warning file=NEW,line=3,col=2::\"m\" \"b.x.test\": include 1 -> include 5;"}},
+       {"::warning file=NEW,line=3,col=34::\"m\" \"b.x.test\": include 1 -> include 5;"}},
       {base, base, "no tab\n", "", 65, {"line 1: no TAB between APP and DEST"}},
-      {base, base, "", "--format=xml", 64, {"bad value in option '--format=xml'"}},
+      {base, base, "", "--format=xml", 64,
+       {"bad value in option '--format=xml' (expected text, json or github) (see 'tpa diff --help')"}},
   };
   for (const auto& c : cases) {
     TempFile before(doc(c.before)), after(doc(c.after)), queries(c.queries);
@@ -58,6 +91,338 @@ TEST(TpaDiff, ReportsEachKindOfChangeWithReasonsAndExitStatus) {
       EXPECT_TRUE(has(c.code > 1 ? r.err : r.out, part)) << c.after << "\n" << r.out << r.err;
     }
   }
+}
+
+// A document that does not build fails the diff with its own status, and
+// in json and github the failure is an object or an annotation that names
+// the library's code, or the value that made address parsing throw.
+TEST(TpaDiff, ReportsAFailedBuildInEveryFormat) {
+  TempFile good(doc("[{'include':['a.test']}]")), throwing(doc("[{'include':['ok.test',\n 'face/']}]"));
+  TempFile broken(doc("[{}"));
+  const struct {
+    std::string format;
+    const TempFile& file;
+    int code;
+    std::string out, err;
+  } cases[] = {
+      {"--format=json", broken, 2,
+       "{\"file\":\"F\",\"error\":\"build_failed\",\"code\":-4,\"code_name\":"
+       "\"TPA_ERROR_JSON_PARSE_MISMATCH\",\"message\":\"build failed: -4 "
+       "TPA_ERROR_JSON_PARSE_MISMATCH\"}\n",
+       "tpa: build failed: -4 TPA_ERROR_JSON_PARSE_MISMATCH\n"},
+      {"--format=github", broken, 2, "::error file=F::build failed: -4 TPA_ERROR_JSON_PARSE_MISMATCH\n",
+       "tpa: build failed: -4"},
+      {"--format=json", throwing, 3,
+       "{\"file\":\"F\",\"error\":\"build_threw\",\"exception\":\"std::out_of_range\",\"key\":"
+       "\"include\",\"value\":\"face/\",\"line\":2,\"column\":3,\"message\":\"build threw "
+       "std::out_of_range: a network with nothing after its '/', the include value \\\"face/\\\"\"}\n",
+       "(include value \"face/\" at F:2:3)"},
+      {"--format=github", throwing, 3,
+       "::error file=F,line=2,col=3::build threw std::out_of_range: a network with nothing after "
+       "its '/', the include value \"face/\"\n",
+       "tpa: build threw: "},
+      {"--format=text", throwing, 3, "", "tpa: build threw: "},
+  };
+  for (const auto& c : cases) {
+    const ToolResult r = runTool({"diff", c.format, good.path(), c.file.path()});
+    EXPECT_EQ(r.exitCode, c.code) << c.format;
+    EXPECT_EQ(replaced(r.out, c.file.path(), "F"), c.out) << c.format;
+    EXPECT_TRUE(has(replaced(r.err, c.file.path(), "F"), c.err)) << r.err;
+  }
+}
+
+// The complete diff against brute force: random pairs of documents (the
+// second an edit of the first) and probes made of pieces of both documents'
+// keys. Every probe whose decision differs must lie in a reported class with
+// the same change, and every reported example must really differ. A fixed
+// seed in CI; TPA_MODEL_SEED=random (and TPA_MODEL_ROUNDS) for fresh ones.
+class DiffModel {
+ public:
+  explicit DiffModel(unsigned seed) : rng_(seed) {}
+
+  std::string document() {
+    std::vector<std::string> rules;
+    // Sometimes eleven rules or more: rule 11's keys end in "$111", which
+    // holds rule 1's "$11".
+    for (int n = pick(4) == 0 ? 11 + pick(3) : 1 + pick(4); n > 0; --n) rules.push_back(rule());
+    return join(rules);
+  }
+
+  // `text` with one to three edits: an entry or a rule added, changed or
+  // removed, another id, other applications.
+  std::string edited(const std::string& text) {
+    std::vector<std::string> rules = split(text);
+    for (int n = 1 + pick(3); n > 0; --n) {
+      const std::size_t at = pick(static_cast<int>(rules.size()));
+      switch (pick(4)) {
+        case 0:
+          rules.push_back(rule());
+          break;
+        case 1:
+          if (rules.size() > 1) rules.erase(rules.begin() + static_cast<long>(at));
+          break;
+        default:
+          rules[at] = rule();
+      }
+    }
+    return join(rules);
+  }
+
+  // Destinations made of pieces of the documents' entries.
+  std::vector<std::string> probes(const std::string& a, const std::string& b) {
+    std::set<std::string> out;
+    static const std::regex kValue("\"([^\"]*)\"");
+    for (const std::string* text : {&a, &b}) {
+      for (std::sregex_iterator it(text->begin(), text->end(), kValue), end; it != end; ++it) {
+        addProbes(it->str(1), out);
+      }
+    }
+    for (int n = 0; n < 20; ++n) out.insert(name());
+    return {out.begin(), out.end()};
+  }
+
+ private:
+  int pick(int n) { return static_cast<int>(rng_() % static_cast<unsigned>(n)); }
+
+  std::string name() {
+    static const char* kLabels[] = {"a", "b", "ab", "x1", "10", "3"};
+    std::string out = pick(2) ? "t" : "x.t";
+    for (int n = 1 + pick(2); n > 0; --n) out = std::string(kLabels[pick(6)]) + "." + out;
+    return out;
+  }
+
+  std::string entry() {
+    static const char* kAddresses[] = {
+        "10.0.0.1",      "10.0.0.3",     "10.1.2.13",     "192.168.1.4",  "10.0.0.0/8",
+        "10.1.0.0/16",   "10.0.0.0/9",   "192.168.0.0/16", "2001:db8::1", "2001:db8::/32",
+        "2001:db8:1::/48", "2001:db8::13"};
+    switch (pick(6)) {
+      case 0:
+        return kAddresses[pick(12)];
+      case 1:
+        return "*." + name();
+      case 2:
+        return pick(3) ? "*" : "";
+      default:
+        return name();
+    }
+  }
+
+  std::string list(const char* key) {
+    if (pick(3) == 0) return "";
+    std::string out = std::string(",\"") + key + "\":[";
+    for (int n = pick(4); n > 0; --n) out += "\"" + entry() + "\"" + (n > 1 ? "," : "");
+    return out + "]";
+  }
+
+  std::string rule() {
+    static const char* kApps[] = {"", "\"p\"", "\"q\"", "\"p\",\"q\"", "\"#LAMBDA-APP\"",
+                                  "\"#LAMBDA-APP\",\"q\""};
+    const int apps = pick(6);
+    std::string out = "{\"id\":\"" + std::to_string(1 + pick(4)) + "\"";
+    if (apps != 0) out += std::string(",\"match_apps\":[") + kApps[apps] + "]";
+    return out + list("include") + list("exclude") + "}";
+  }
+
+  void addProbes(const std::string& value, std::set<std::string>& out) {
+    if (value.empty() || value == "id" || value == "match_apps" || value == "include" ||
+        value == "exclude" || value == "p" || value == "q" || value[0] == '#') {
+      return;
+    }
+    const std::string bare = value.substr(0, value.find('/'));
+    out.insert(bare);
+    unsigned char bytes[16];
+    if (inet_pton(AF_INET, bare.c_str(), bytes) == 1) {
+      for (int n = 0; n < 6; ++n) {
+        bytes[3 - pick(2)] = static_cast<unsigned char>(pick(2) ? rng_() : pick(20));
+        if (pick(3) == 0) bytes[1] = static_cast<unsigned char>(rng_());
+        char text[INET_ADDRSTRLEN];
+        out.insert(inet_ntop(AF_INET, bytes, text, sizeof text));
+      }
+      return;
+    }
+    if (inet_pton(AF_INET6, bare.c_str(), bytes) == 1) {
+      for (int n = 0; n < 6; ++n) {
+        bytes[15 - pick(3)] = static_cast<unsigned char>(pick(2) ? rng_() : pick(20));
+        if (pick(3) == 0) bytes[4 + pick(4)] = static_cast<unsigned char>(rng_());
+        char text[INET6_ADDRSTRLEN];
+        out.insert(inet_ntop(AF_INET6, bytes, text, sizeof text));
+      }
+      return;
+    }
+    static const char* kPrefixes[] = {"", "a", "b.", "x", "1", "*"};
+    for (int n = 0; n < 4; ++n) {
+      const std::string tail = value.substr(static_cast<std::size_t>(pick(static_cast<int>(value.size()))));
+      out.insert(kPrefixes[pick(6)] + tail);
+    }
+  }
+
+  static std::string join(const std::vector<std::string>& rules) {
+    std::string out = "[";
+    for (std::size_t i = 0; i < rules.size(); ++i) out += (i ? ",\n" : "") + rules[i];
+    return out + "]";
+  }
+
+  static std::vector<std::string> split(const std::string& text) {
+    std::vector<std::string> rules;
+    std::size_t start = 1;
+    for (std::size_t end; (end = text.find(",\n", start)) != std::string::npos; start = end + 2) {
+      rules.push_back(text.substr(start, end - start));
+    }
+    rules.push_back(text.substr(start, text.size() - 1 - start));
+    return rules;
+  }
+
+  std::mt19937 rng_;
+};
+
+struct Decision {
+  std::string decision, id;
+  bool operator==(const Decision& o) const { return decision == o.decision && id == o.id; }
+};
+
+// `tpa query RULES` on APP<TAB>DEST lines.
+std::vector<Decision> decide(const std::string& rules, const std::string& queries) {
+  std::vector<Decision> out;
+  for (const std::string& w : words(runTool({"query", rules}, queries).out)) {
+    if (w == "include" || w == "exclude") {
+      out.push_back({w, ""});
+    } else if (!out.empty()) {
+      out.back().id = w;
+    }
+  }
+  return out;
+}
+
+struct Reported {
+  std::string apps;  // "A,\"B\",\"C\"," : the app field, then the "also" list
+  std::string kind, pattern, example, ending;
+  Decision old, neu;
+};
+
+std::vector<Reported> reportedChanges(const std::string& json) {
+  static const std::regex kChange(
+      R"re(\{"app":"([^"]*)","class":"(\w+)","pattern":"([^"]*)","example":"([^"]*)"(?:,"ending":"([^"]*)")?(?:,"also":\[([^\]]*)\])?,"change":"\w+","old":\{"decision":"(\w+)","id":(-?\d+).*"new":\{"decision":"(\w+)","id":(-?\d+))re");
+  std::vector<Reported> out;
+  for (std::sregex_iterator it(json.begin(), json.end(), kChange), end; it != end; ++it) {
+    const std::smatch& m = *it;
+    out.push_back({m.str(1) + "," + m.str(6) + ",", m[2], m[3], m[4], m[5], {m[7], m[8]},
+                   {m[9], m[10]}});
+  }
+  return out;
+}
+
+// The address's bytes and family (0: no address), as the map reads it.
+int addressOf(const std::string& text, unsigned char* bytes) {
+  if (inet_pton(AF_INET6, text.c_str(), bytes) == 1) return 6;
+  unsigned a, b, c, d;
+  if (std::sscanf(text.c_str(), "%u.%u.%u.%u", &a, &b, &c, &d) != 4 || a > 255 || b > 255 ||
+      c > 255 || d > 255 || text.empty() || text[0] < '0' || text[0] > '9') {
+    return 0;
+  }
+  bytes[0] = a, bytes[1] = b, bytes[2] = c, bytes[3] = d;
+  return 4;
+}
+
+// The fixed-width text the map stores an address as.
+std::string fixedWidth(const unsigned char* bytes, int family) {
+  char text[64];
+  if (family == 4) {
+    std::snprintf(text, sizeof text, "%03d.%03d.%03d.%03d", bytes[0], bytes[1], bytes[2], bytes[3]);
+  } else {
+    std::string out;
+    for (int i = 0; i < 16; ++i) {
+      std::snprintf(text, sizeof text, "%02x", bytes[i]);
+      out += (i > 0 && i % 2 == 0 ? ":" : "") + std::string(text);
+    }
+    return out;
+  }
+  return text;
+}
+
+bool inClass(const Reported& c, const std::string& destination) {
+  unsigned char bytes[16] = {}, net[16] = {};
+  const int family = addressOf(destination, bytes);
+  if (c.kind == "ending") return family == 0 && destination.size() >= c.pattern.size() - 1 &&
+                                 destination.compare(destination.size() - (c.pattern.size() - 1),
+                                                     std::string::npos, c.pattern, 1) == 0;
+  const std::size_t slash = c.pattern.rfind('/');
+  if (c.kind == "name" && (slash == std::string::npos || family == 0)) return c.pattern == destination;
+  const int netFamily = addressOf(c.pattern.substr(0, slash), net);
+  if (family == 0 || family != netFamily) return false;
+  const int bits = std::atoi(c.pattern.c_str() + slash + 1);
+  for (int i = 0; i < bits; ++i) {
+    if (((bytes[i / 8] ^ net[i / 8]) >> (7 - i % 8)) & 1) return false;
+  }
+  const std::string framed = "#" + fixedWidth(bytes, family);
+  return framed.size() >= c.ending.size() &&
+         framed.compare(framed.size() - c.ending.size(), std::string::npos, c.ending) == 0;
+}
+
+TEST(TpaDiff, CompleteDiffCoversEveryChangedProbe) {
+  const char* seedText = std::getenv("TPA_MODEL_SEED");
+  const char* roundsText = std::getenv("TPA_MODEL_ROUNDS");
+  const unsigned seed = seedText == nullptr ? 1u
+                        : std::string(seedText) == "random" ? std::random_device{}()
+                                                           : static_cast<unsigned>(std::atol(seedText));
+  const int rounds = roundsText == nullptr ? 60 : std::atoi(roundsText);
+  DiffModel model(seed);
+  std::size_t changedProbes = 0, reportedClasses = 0;  // the test must test something
+  for (int round = 0; round < rounds; ++round) {
+    const std::string a = model.document(), b = model.edited(a);
+    SCOPED_TRACE("seed " + std::to_string(seed) + " round " + std::to_string(round) + "\nOLD " +
+                 a + "\nNEW " + b);
+    TempFile oldFile(a), newFile(b);
+    const ToolResult diff = runTool({"diff", "--format=json", oldFile.path(), newFile.path()});
+    if (diff.exitCode == 2) {  // a document whose automata run out of states
+      EXPECT_TRUE(has(diff.out, "\"error\":\"build_failed\",\"code\":-2")) << diff.out;
+      continue;
+    }
+    ASSERT_LE(diff.exitCode, 1) << diff.err;
+    const std::vector<Reported> reported = reportedChanges(diff.out);
+    reportedClasses += reported.size();
+    std::string queries;
+    for (const Reported& c : reported) {
+      const std::string app = c.apps.substr(0, c.apps.find(','));
+      queries += (app == "*" ? "zz" : app) + "\t" + c.example + "\n";
+    }
+    const std::vector<std::string> destinations = model.probes(a, b);
+    for (const char* app : {"p", "q", "zz"}) {
+      for (const std::string& d : destinations) queries += std::string(app) + "\t" + d + "\n";
+    }
+    const std::vector<Decision> before = decide(oldFile.path(), queries);
+    const std::vector<Decision> after = decide(newFile.path(), queries);
+    ASSERT_EQ(before.size(), after.size());
+    for (std::size_t i = 0; i < reported.size(); ++i) {
+      EXPECT_TRUE(reported[i].old == before[i] && reported[i].neu == after[i] &&
+                  !(before[i] == after[i]))
+          << "reported, yet unchanged: " << reported[i].apps << " " << reported[i].example;
+    }
+    std::size_t at = reported.size();
+    for (const char* app : {"p", "q", "zz"}) {
+      const bool named = a.find(std::string("\"") + app + "\"") != std::string::npos ||
+                         b.find(std::string("\"") + app + "\"") != std::string::npos;
+      for (const std::string& d : destinations) {
+        const std::size_t i = at++;
+        if (before[i] == after[i]) continue;
+        ++changedProbes;
+        bool covered = false;
+        for (const Reported& c : reported) {
+          const bool forApp = named ? has(c.apps, std::string(app) + ",") && c.apps[0] != '*'
+                                    : c.apps.rfind("*,", 0) == 0;
+          const bool alsoNamed = named && has(c.apps, "\"" + std::string(app) + "\"");
+          covered = covered || ((forApp || alsoNamed) && c.old == before[i] &&
+                                c.neu == after[i] && inClass(c, d));
+        }
+        EXPECT_TRUE(covered) << "missed: " << app << " " << d << ": " << before[i].decision
+                             << " " << before[i].id << " -> " << after[i].decision << " "
+                             << after[i].id << "\n" << diff.out;
+      }
+    }
+  }
+  EXPECT_GT(changedProbes, static_cast<std::size_t>(rounds));
+  EXPECT_GT(reportedClasses, static_cast<std::size_t>(rounds));
+  std::printf("%zu changed probes, %zu reported classes\n", changedProbes, reportedClasses);
 }
 
 TEST(TpaFormat, CheckAndExplainWriteJsonLines) {

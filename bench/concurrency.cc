@@ -5,6 +5,7 @@
 //   --seconds=2               wall time of each queries-per-second run
 //   --rebuilds=4              rebuilds per size while a thread queries
 //   --only=wait|throughput    one of the two tables
+//   --streams=hot,distinct    the streams of the queries per second
 // Prints Markdown tables: the longest and the 99.9th-percentile wait of a
 // query that began while another thread rebuilt the same document, and the
 // queries per second of 1..N threads on the hot and the distinct stream (each
@@ -36,6 +37,7 @@ struct Options {
   double seconds = 2;
   int rebuilds = 4;
   std::string only;
+  std::string streams = "hot,distinct";
 };
 
 std::vector<int> parseList(const char* text) {
@@ -67,6 +69,8 @@ Options parseOptions(int argc, char** argv) {
       o.seconds = std::atof(v);
     } else if (const char* v = value("--rebuilds=")) {
       o.rebuilds = std::atoi(v);
+    } else if (const char* v = value("--streams=")) {
+      o.streams = v;
     } else if (const char* v = value("--only=")) {
       o.only = v;
     } else {
@@ -211,7 +215,8 @@ double queriesPerSecond(api::TarnPatternAnalyzer& analyzer, const QueryStream& s
 }
 
 void measureThroughput(const Options& o) {
-  const Workload w = makeWorkload(o.throughputSize, true);
+  const Workload w =
+      makeWorkload(o.throughputSize, o.streams.find("distinct") != std::string::npos);
   api::TarnPatternAnalyzer analyzer;
   if (analyzer.build(w.json, false) != 0) {
     std::fprintf(stderr, "build failed\n");
@@ -222,6 +227,7 @@ void measureThroughput(const Options& o) {
     const QueryStream* stream;
   } streams[] = {{"hot", &w.hot}, {"distinct", &w.distinct}};
   for (const auto& s : streams) {
+    if (o.streams.find(s.name) == std::string::npos) continue;
     double one = 0;
     for (const int threads : o.threads) {
       const double qps = queriesPerSecond(analyzer, *s.stream, threads, o.seconds);

@@ -164,7 +164,8 @@ void measureWait(int size, int rebuilds) {
       (void)ask(analyzer, w.hot, i);
       const Clock::time_point end = Clock::now();
       ++queries;
-      if (during) waits.add(std::chrono::duration_cast<std::chrono::nanoseconds>(end - start).count());
+      if (during)
+        waits.add(std::chrono::duration_cast<std::chrono::nanoseconds>(end - start).count());
     }
   });
   double buildMs = 0;
@@ -247,14 +248,16 @@ int main(int argc, char** argv) {
   const Options o = parseOptions(argc, argv);
   std::printf("%u hardware threads\n\n", std::thread::hardware_concurrency());
   if (o.only.empty() || o.only == "wait") {
-    std::printf("| rules | rebuilds | build ms | queries during builds | 99.9th percentile wait ms "
-                "| longest wait ms |\n|---:|---:|---:|---:|---:|---:|\n");
+    std::printf(
+        "| rules | rebuilds | build ms | queries during builds | 99.9th percentile wait ms "
+        "| longest wait ms |\n|---:|---:|---:|---:|---:|---:|\n");
     for (const int size : o.sizes) measureWait(size, o.rebuilds);
     std::printf("\n");
   }
   if (o.only.empty() || o.only == "throughput") {
-    std::printf("| rules | stream | threads | queries per second | multiple of one thread |\n"
-                "|---:|---|---:|---:|---:|\n");
+    std::printf(
+        "| rules | stream | threads | queries per second | multiple of one thread |\n"
+        "|---:|---|---:|---:|---:|\n");
     measureThroughput(o);
   }
   return 0;

@@ -165,7 +165,7 @@ TEST(Concurrency, QueriesDuringRebuildsSeeOldOrNewRules) {
 // no build begun before it ended, has exactly that build's answers.
 TEST(Concurrency, RebuildStormAnswersFromOneWholeMap) {
   const std::vector<std::pair<std::string, std::string>> queries = {
-      {"app.a", "flip.test"}, {"app.a", "10.9.8.7"},   {"app.b", "w.wild.test"},
+      {"app.a", "flip.test"}, {"app.a", "10.9.8.7"},    {"app.b", "w.wild.test"},
       {"app.c", "flip.test"}, {"app.a", "2001:db8::1"}, {"app.a", "stable.test"}};
   const std::string docs[2] = {
       R"([{"match_apps": ["app.a"], "include": ["stable.test", "flip.test", "10.0.0.0/8"],)"

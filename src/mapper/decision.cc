@@ -341,8 +341,8 @@ bool BitNames::anyPrefixOf(const std::string& bits) const {
 
 // --- DecisionMemo -----------------------------------------------------------
 
-bool DecisionMemo::find(std::uint64_t epoch, const std::string& app,
-                        const std::string& destination, Decision& out) {
+bool DecisionMemo::find(std::uint64_t epoch, const std::string& app, const std::string& destination,
+                        Decision& out) {
   probeKept_ = app.size() <= kMaxKey && destination.size() <= kMaxKey - app.size();
   if (!probeKept_) return false;
   try {

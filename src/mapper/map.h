@@ -118,7 +118,8 @@ class Map {
   // query. A put after a query may leave stale answers in the caches, which
   // their evictions would then reveal one by one, so the memos stay unused
   // until clearCache empties the caches (or construct replaces them).
-  mutable std::atomic<bool> queried_{false};  // a query ran through the machines since they were emptied
+  // A query ran through the machines since they were emptied.
+  mutable std::atomic<bool> queried_{false};
   std::atomic<bool> memoUsable_{true};
   bool shared_ = false;  // shareBetweenThreads ran: queries never touch the caches
 };

@@ -111,29 +111,44 @@ TEST(Hostile, BytesFilesAndTheTwoExceptionsLeaveTheAnalyzerWorking) {
   expectExampleAnswers(analyzer);
 }
 
-TEST(Concurrency, QueriesDuringRebuildsSeeOldOrNewRules) {
-  const std::vector<std::pair<std::string, std::string>> queries = {
-      {"app.a", "stable.test"}, {"app.a", "flip.test"},   {"app.a", "10.9.8.7"},
-      {"app.b", "w.wild.test"}, {"app.a", "2001:db8::1"}, {"app.c", "flip.test"}};
-  const std::string docs[2] = {
-      R"([{"match_apps": ["app.a"], "include": ["stable.test", "flip.test", "10.0.0.0/8"],)"
-      R"( "id": "1"}, {"include": ["*.wild.test"], "id": "3"}])",
-      R"([{"match_apps": ["app.a", "app.c"], "include": ["stable.test", "2001:db8::/32"],)"
-      R"( "exclude": ["flip.test"], "id": "2"}, {"exclude": ["*.wild.test"], "id": "4"}])"};
-  const auto answers = [&](TarnPatternAnalyzer& analyzer) {
-    std::vector<Answer> out;
-    for (const auto& [app, to] : queries) out.push_back(ask(analyzer, app, to));
-    return out;
-  };
-  std::vector<Answer> expected[2];
-  for (int g = 0; g < 2; ++g) {
-    TarnPatternAnalyzer reference;
-    ASSERT_EQ(0, reference.build(docs[g], false));
-    expected[g] = answers(reference);
+// Two documents for the concurrency tests: queries on which they agree, and
+// queries on which they differ (flip.test, the networks, the wildcard).
+const std::vector<std::pair<std::string, std::string>> kQueries = {
+    {"app.a", "stable.test"}, {"app.a", "flip.test"},   {"app.a", "10.9.8.7"},
+    {"app.b", "w.wild.test"}, {"app.a", "2001:db8::1"}, {"app.c", "flip.test"}};
+const std::string kDocs[2] = {
+    R"([{"match_apps": ["app.a"], "include": ["stable.test", "flip.test", "10.0.0.0/8"],)"
+    R"( "id": "1"}, {"include": ["*.wild.test"], "id": "3"}])",
+    R"([{"match_apps": ["app.a", "app.c"], "include": ["stable.test", "2001:db8::/32"],)"
+    R"( "exclude": ["flip.test"], "id": "2"}, {"exclude": ["*.wild.test"], "id": "4"}])"};
+
+std::vector<Answer> answers(TarnPatternAnalyzer& analyzer) {
+  std::vector<Answer> out;
+  for (const auto& [app, to] : kQueries) out.push_back(ask(analyzer, app, to));
+  return out;
+}
+
+// Each document's answers, from an analyzer of its own; the analyzer under
+// test starts with the first document.
+class Concurrency : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (int g = 0; g < 2; ++g) {
+      TarnPatternAnalyzer reference;
+      ASSERT_EQ(0, reference.build(kDocs[g], false));
+      expected[g] = answers(reference);
+    }
+    ASSERT_EQ(0, analyzer.build(kDocs[0], false));
   }
+
+  const std::vector<std::pair<std::string, std::string>>& queries = kQueries;
+  const std::string (&docs)[2] = kDocs;
+  std::vector<Answer> expected[2];
   LogCapture quiet;
   TarnPatternAnalyzer analyzer;
-  ASSERT_EQ(0, analyzer.build(docs[0], false));
+};
+
+TEST_F(Concurrency, QueriesDuringRebuildsSeeOldOrNewRules) {
   std::atomic<bool> done{false};
   std::atomic<long> wrong{0};
   std::vector<std::thread> readers;
@@ -163,24 +178,7 @@ TEST(Concurrency, QueriesDuringRebuildsSeeOldOrNewRules) {
 // two, alternating two documents with a failing one. Every answer is one of
 // the two documents' answers; a query that began after a build returned, with
 // no build begun before it ended, has exactly that build's answers.
-TEST(Concurrency, RebuildStormAnswersFromOneWholeMap) {
-  const std::vector<std::pair<std::string, std::string>> queries = {
-      {"app.a", "flip.test"}, {"app.a", "10.9.8.7"},    {"app.b", "w.wild.test"},
-      {"app.c", "flip.test"}, {"app.a", "2001:db8::1"}, {"app.a", "stable.test"}};
-  const std::string docs[2] = {
-      R"([{"match_apps": ["app.a"], "include": ["stable.test", "flip.test", "10.0.0.0/8"],)"
-      R"( "id": "1"}, {"include": ["*.wild.test"], "id": "3"}])",
-      R"([{"match_apps": ["app.a", "app.c"], "include": ["stable.test", "2001:db8::/32"],)"
-      R"( "exclude": ["flip.test"], "id": "2"}, {"exclude": ["*.wild.test"], "id": "4"}])"};
-  std::vector<Answer> expected[2];
-  for (int g = 0; g < 2; ++g) {
-    TarnPatternAnalyzer reference;
-    ASSERT_EQ(0, reference.build(docs[g], false));
-    for (const auto& [app, to] : queries) expected[g].push_back(ask(reference, app, to));
-  }
-  LogCapture quiet;
-  TarnPatternAnalyzer analyzer;
-  ASSERT_EQ(0, analyzer.build(docs[0], false));
+TEST_F(Concurrency, RebuildStormAnswersFromOneWholeMap) {
   // Build k (document k % 2) begins after started = k and has returned when
   // completed = k.
   std::atomic<int> started{0}, completed{0};

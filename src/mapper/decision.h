@@ -116,7 +116,7 @@ class BitNames {
 // kHitsPerGrowth of those, up to kMaxSets: a working set of thousands of
 // pairs (dozens of apps, each with its destinations) is answered from it,
 // within a budget of about 2 MB for names of typical length (kMaxSets * kWays
-// entries of 80 bytes plus their keys; 6 MB if every key had kMaxKey
+// entries of 72 bytes plus their keys; 6 MB if every key had kMaxKey
 // characters). A hit allocates nothing; when memory runs out the memo keeps
 // what it has and never throws. Each querying thread has its own (see Map),
 // so no two threads write one. Not thread-safe.

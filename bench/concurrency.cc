@@ -5,6 +5,8 @@
 //   --seconds=2               wall time of each queries-per-second run
 //   --repeat=3                runs per thread count, the best one reported
 //   --rebuilds=4              rebuilds per size while a thread queries
+//   --control_ms=N            instead of each rebuild, N ms of nothing: the
+//                             waits the machine itself causes (its load)
 //   --only=wait|throughput    one of the two tables
 //   --streams=hot,distinct    the streams of the queries per second
 // Prints Markdown tables: the longest and the 99.9th-percentile wait of a
@@ -39,6 +41,7 @@ struct Options {
   double seconds = 2;
   int repeat = 3;
   int rebuilds = 4;
+  int controlMs = 0;
   std::string only;
   std::string streams = "hot,distinct";
 };
@@ -72,6 +75,8 @@ Options parseOptions(int argc, char** argv) {
       o.seconds = std::atof(v);
     } else if (const char* v = value("--repeat=")) {
       o.repeat = std::atoi(v);
+    } else if (const char* v = value("--control_ms=")) {
+      o.controlMs = std::atoi(v);
     } else if (const char* v = value("--rebuilds=")) {
       o.rebuilds = std::atoi(v);
     } else if (const char* v = value("--streams=")) {
@@ -152,7 +157,7 @@ int ask(api::TarnPatternAnalyzer& analyzer, const QueryStream& s, std::size_t i)
 // One thread asks the hot stream without pause while this one rebuilds the
 // same document `rebuilds` times, 50 ms apart; every query that began while a
 // build ran is timed.
-void measureWait(int size, int rebuilds) {
+void measureWait(int size, int rebuilds, int controlMs) {
   const Workload w = makeWorkload(size, false);
   api::TarnPatternAnalyzer analyzer;
   if (analyzer.build(w.json, false) != 0) {
@@ -178,7 +183,12 @@ void measureWait(int size, int rebuilds) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     building = true;
     const Clock::time_point start = Clock::now();
-    const int code = analyzer.build(w.json, false);
+    int code = 0;
+    if (controlMs > 0) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(controlMs));
+    } else {
+      code = analyzer.build(w.json, false);
+    }
     buildMs += std::chrono::duration<double, std::milli>(Clock::now() - start).count();
     building = false;
     if (code != 0) std::fprintf(stderr, "rebuild failed: %d\n", code);
@@ -275,7 +285,7 @@ int main(int argc, char** argv) {
     std::printf(
         "| rules | rebuilds | build ms | queries during builds | 99.9th percentile wait ms "
         "| longest wait ms |\n|---:|---:|---:|---:|---:|---:|\n");
-    for (const int size : o.sizes) measureWait(size, o.rebuilds);
+    for (const int size : o.sizes) measureWait(size, o.rebuilds, o.controlMs);
     std::printf("\n");
   }
   if (o.only.empty() || o.only == "throughput") {

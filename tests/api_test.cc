@@ -1,13 +1,16 @@
 // Two rare codes and the plain log writer, then the facade:
-// validation, rule numbering, all-or-nothing rebuilds, the lock.
+// validation, rule numbering, all-or-nothing rebuilds, builds in call order.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <memory>
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -123,6 +126,32 @@ TEST(Analyzer, FailedBuildKeepsTheOldMapWithItsCachesEmptied) {
     EXPECT_EQ(c.logs, capture.records());
     expectExampleAnswers(analyzer);
   }
+}
+
+// While a long build runs, one thread asks for a build and then another:
+// they take effect in that order, so the second's rules are the last word.
+TEST(Analyzer, BuildsTakeEffectInTheOrderTheyWereCalled) {
+  std::string big = R"([{"include": [)";
+  for (int i = 0; i < 200000; ++i) big += "\"d" + std::to_string(i) + ".test\", ";
+  big += R"("x.test"], "id": "1"}])";
+  TarnPatternAnalyzer analyzer;
+  std::atomic<bool> longBuildDone{false};
+  std::vector<std::thread> builders;
+  for (const char* id : {"1", "2", "3"}) {
+    const std::string doc =
+        id[0] == '1' ? big : R"([{"include": ["x.test"], "id": ")" + std::string(id) + "\"}]";
+    std::atomic<bool> calling{false};
+    builders.emplace_back([&, doc] {
+      calling = true;
+      EXPECT_EQ(0, analyzer.build(doc, false));
+      if (doc.size() > 100) longBuildDone = true;
+    });
+    while (!calling) std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_FALSE(longBuildDone.load()) << "the long build ended too soon to test anything";
+  for (std::thread& t : builders) t.join();
+  EXPECT_EQ(Answer(1, 3), ask(analyzer, "any", "x.test"));
 }
 
 // Named "[]", a file would be renamed by validation if paths were validated.

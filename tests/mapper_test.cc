@@ -4,11 +4,14 @@
 // target of the benchmarks (bench/).
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <climits>
 #include <cstdint>
+#include <memory>
 #include <random>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -226,6 +229,61 @@ TEST(Map, PutAfterAQueryStopsTheMemoUntilTheCachesAreCleared) {
   EXPECT_EQ("exclude -1", f.ask("app", "y.test"));
   f.put(1, {"app"}, {"y.test"}, {}, 5);
   EXPECT_EQ("include 5", f.ask("app", "y.test"));  // the memo would say exclude -1
+}
+
+// A thread's memo holds decisions of every map it asks: each map answers with
+// its own, also a map made where a freed one was.
+TEST(Map, EachMapsMemoAnswersForThatMapAlone) {
+  auto first = std::make_unique<Fixture>(), second = std::make_unique<Fixture>();
+  first->put(1, {"app"}, {"x.test"}, {}, 1);
+  second->put(1, {"app"}, {}, {"x.test"}, 2);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ("include 1", first->ask("app", "x.test"));
+    EXPECT_EQ("exclude 2", second->ask("app", "x.test"));
+  }
+  first.reset();
+  first = std::make_unique<Fixture>();
+  first->put(1, {"app"}, {"y.test"}, {}, 3);
+  EXPECT_EQ("exclude -1", first->ask("app", "x.test"));
+  EXPECT_EQ("exclude 2", second->ask("app", "x.test"));
+}
+
+// A shared map (its machines online, so that their caches would be written)
+// asked by four threads at once while another clears its caches: every answer
+// is the one a single thread gets.
+TEST(Concurrency, SharedMapAnswersManyThreadsAsOne) {
+  std::mt19937 rng(5);
+  Fixture f(4);
+  const List names = {"a.test", "*.a.test", "10.1.0.0/16", "2001:db8::/32", "c.test"};
+  for (int r = 1; r <= 6; ++r) {
+    f.put(r % 3, {"app" + std::to_string(r)}, {names[r % 5]}, {names[(r + 2) % 5]}, r);
+  }
+  std::vector<std::pair<std::string, std::string>> queries;
+  std::vector<std::string> expected;
+  for (int i = 0; i < 64; ++i) {
+    const std::string n = std::to_string(rng() % 40);
+    const std::string to = i % 3 == 0   ? n + ".a.test"
+                           : i % 3 == 1 ? "10.1." + n + ".1"
+                                        : "2001:db8::" + n;
+    queries.emplace_back("app" + std::to_string(rng() % 8), to);
+    tpa::mapper::QueryTrace t;
+    expected.push_back(text(f.map.get(queries.back().first, queries.back().second, &t)));
+  }
+  f.map.clearCache();
+  f.map.shareBetweenThreads();
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 2000; ++i) {
+        const std::size_t q = (i * 7 + t) % queries.size();
+        if (f.ask(queries[q].first, queries[q].second) != expected[q]) ++wrong;
+      }
+    });
+  }
+  for (int i = 0; i < 50; ++i) (void)f.map.clearCache();
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(0, wrong.load());
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -110,29 +111,44 @@ TEST(Hostile, BytesFilesAndTheTwoExceptionsLeaveTheAnalyzerWorking) {
   expectExampleAnswers(analyzer);
 }
 
-TEST(Concurrency, QueriesDuringRebuildsSeeOldOrNewRules) {
-  const std::vector<std::pair<std::string, std::string>> queries = {
-      {"app.a", "stable.test"}, {"app.a", "flip.test"},   {"app.a", "10.9.8.7"},
-      {"app.b", "w.wild.test"}, {"app.a", "2001:db8::1"}, {"app.c", "flip.test"}};
-  const std::string docs[2] = {
-      R"([{"match_apps": ["app.a"], "include": ["stable.test", "flip.test", "10.0.0.0/8"],)"
-      R"( "id": "1"}, {"include": ["*.wild.test"], "id": "3"}])",
-      R"([{"match_apps": ["app.a", "app.c"], "include": ["stable.test", "2001:db8::/32"],)"
-      R"( "exclude": ["flip.test"], "id": "2"}, {"exclude": ["*.wild.test"], "id": "4"}])"};
-  const auto answers = [&](TarnPatternAnalyzer& analyzer) {
-    std::vector<Answer> out;
-    for (const auto& [app, to] : queries) out.push_back(ask(analyzer, app, to));
-    return out;
-  };
-  std::vector<Answer> expected[2];
-  for (int g = 0; g < 2; ++g) {
-    TarnPatternAnalyzer reference;
-    ASSERT_EQ(0, reference.build(docs[g], false));
-    expected[g] = answers(reference);
+// Two documents for the concurrency tests: queries on which they agree, and
+// queries on which they differ (flip.test, the networks, the wildcard).
+const std::vector<std::pair<std::string, std::string>> kQueries = {
+    {"app.a", "stable.test"}, {"app.a", "flip.test"},   {"app.a", "10.9.8.7"},
+    {"app.b", "w.wild.test"}, {"app.a", "2001:db8::1"}, {"app.c", "flip.test"}};
+const std::string kDocs[2] = {
+    R"([{"match_apps": ["app.a"], "include": ["stable.test", "flip.test", "10.0.0.0/8"],)"
+    R"( "id": "1"}, {"include": ["*.wild.test"], "id": "3"}])",
+    R"([{"match_apps": ["app.a", "app.c"], "include": ["stable.test", "2001:db8::/32"],)"
+    R"( "exclude": ["flip.test"], "id": "2"}, {"exclude": ["*.wild.test"], "id": "4"}])"};
+
+std::vector<Answer> answers(TarnPatternAnalyzer& analyzer) {
+  std::vector<Answer> out;
+  for (const auto& [app, to] : kQueries) out.push_back(ask(analyzer, app, to));
+  return out;
+}
+
+// Each document's answers, from an analyzer of its own; the analyzer under
+// test starts with the first document.
+class Concurrency : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (int g = 0; g < 2; ++g) {
+      TarnPatternAnalyzer reference;
+      ASSERT_EQ(0, reference.build(kDocs[g], false));
+      expected[g] = answers(reference);
+    }
+    ASSERT_EQ(0, analyzer.build(kDocs[0], false));
   }
+
+  const std::vector<std::pair<std::string, std::string>>& queries = kQueries;
+  const std::string (&docs)[2] = kDocs;
+  std::vector<Answer> expected[2];
   LogCapture quiet;
   TarnPatternAnalyzer analyzer;
-  ASSERT_EQ(0, analyzer.build(docs[0], false));
+};
+
+TEST_F(Concurrency, QueriesDuringRebuildsSeeOldOrNewRules) {
   std::atomic<bool> done{false};
   std::atomic<long> wrong{0};
   std::vector<std::thread> readers;
@@ -156,6 +172,51 @@ TEST(Concurrency, QueriesDuringRebuildsSeeOldOrNewRules) {
   for (std::thread& t : readers) t.join();
   EXPECT_EQ(0, wrong.load());
   EXPECT_EQ(expected[0], answers(analyzer));
+}
+
+// Readers query without pause while a writer rebuilds every millisecond or
+// two, alternating two documents with a failing one. Every answer is one of
+// the two documents' answers; a query that began after a build returned, with
+// no build begun before it ended, has exactly that build's answers.
+TEST_F(Concurrency, RebuildStormAnswersFromOneWholeMap) {
+  // Build k (document k % 2) begins after started = k and has returned when
+  // completed = k.
+  std::atomic<int> started{0}, completed{0};
+  std::atomic<bool> done{false};
+  std::atomic<long> mixed{0}, stale{0}, settled{0};
+  std::vector<std::thread> readers;
+  for (int r = 0; r < 4; ++r) {
+    readers.emplace_back([&, r] {
+      for (std::size_t q = r; !done.load(); ++q) {
+        const std::size_t i = q % queries.size();
+        const int before = completed.load();
+        const bool idle = started.load() == before;
+        const Answer a = ask(analyzer, queries[i].first, queries[i].second);
+        if (idle && started.load() == before) {
+          ++settled;
+          if (a != expected[before % 2][i]) ++stale;
+        } else if (a != expected[0][i] && a != expected[1][i]) {
+          ++mixed;
+        }
+      }
+    });
+  }
+  int failures = 0;
+  for (int k = 1; k <= 40; ++k) {
+    started = k;
+    if (analyzer.build(docs[k % 2], false) != 0) ++failures;
+    completed = k;
+    std::this_thread::sleep_for(std::chrono::microseconds(500 + 100 * (k % 10)));
+    if (analyzer.build("[{\"include\": [", false) != tpa::error::TPA_ERROR_JSON_PARSE_MISMATCH) {
+      ++failures;
+    }
+  }
+  done = true;
+  for (std::thread& t : readers) t.join();
+  EXPECT_EQ(0, failures);
+  EXPECT_EQ(0, mixed.load());
+  EXPECT_EQ(0, stale.load());
+  EXPECT_GT(settled.load(), 0);
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <exception>
 #include <initializer_list>
-#include <mutex>
 #include <new>
 #include <string>
 #include <system_error>
@@ -18,6 +17,7 @@
 #include "api/constants.h"
 #include "api/diagnostics.h"
 #include "api/log.h"
+#include "api/publication.h"
 #include "mapper/decision.h"
 #include "mapper/map.h"
 #include "parser/json_parser.h"
@@ -240,13 +240,19 @@ void Builder::clearCache() {
   if (map) map->clearCache();
 }
 
-TarnPatternAnalyzer::TarnPatternAnalyzer() = default;
+struct TarnPatternAnalyzer::Shared {
+  Publication published;
+  BuildTurns builds;
+};
+
+TarnPatternAnalyzer::TarnPatternAnalyzer() : shared(std::make_unique<Shared>()) {}
 
 TarnPatternAnalyzer::~TarnPatternAnalyzer() = default;
 
 int TarnPatternAnalyzer::build(const std::string& source, bool fromFile) {
-  std::unique_lock<std::shared_mutex> lock(mutex);
-  builder.clearCache();
+  // Queries go on reading the current map meanwhile; only builds wait here.
+  const BuildTurns::Turn turn(shared->builds);
+  if (mapper::Map* current = shared->published.current()) current->clearCache();
   std::string copy;
   try {
     copy = source;
@@ -255,9 +261,16 @@ int TarnPatternAnalyzer::build(const std::string& source, bool fromFile) {
   } catch (const std::bad_alloc&) {
     return outOfMemory();
   }
-  Builder fresh;
-  int result = fresh.build(copy, fromFile);
-  if (result == error::TPA_ERROR_NONE) builder = fresh;
+  int result;
+  {
+    Builder fresh;
+    result = fresh.build(copy, fromFile);
+    if (result == error::TPA_ERROR_NONE) {
+      fresh.map->shareBetweenThreads();
+      // The previous map comes back once no query reads it, freed with fresh.
+      fresh.map = shared->published.publish(std::move(fresh.map));
+    }
+  }
   mapper::releaseFreedMemory();  // the previous rules or the failed build
   return result;
 }
@@ -274,28 +287,37 @@ int TarnPatternAnalyzer::validate(std::string& text) {
 }
 
 int TarnPatternAnalyzer::query(const std::string& app, const std::string& destination, int& value) {
-  std::unique_lock<std::shared_mutex> lock(mutex);
-  return builder.query(app, destination, value);
+  return Inspect::query(*this, app, destination, value, nullptr);
 }
 
-const mapper::Map* Inspect::map(const Builder& builder) { return builder.map.get(); }
+namespace {
 
-const mapper::Map* Inspect::map(const TarnPatternAnalyzer& analyzer) {
-  return map(analyzer.builder);
-}
-
-int Inspect::query(const Builder& builder, const std::string& app, const std::string& destination,
-                   int& value, mapper::QueryTrace* trace) {
-  if (!builder.map) return mapper::TPA_DECISION_EXCLUDE;
-  mapper::Decision decision = builder.map->get(app, destination, trace);
+// The facade's answer from `map`: exclude, value untouched, without one.
+int answer(const mapper::Map* map, const std::string& app, const std::string& destination,
+           int& value, mapper::QueryTrace* trace) {
+  if (map == nullptr) return mapper::TPA_DECISION_EXCLUDE;
+  const mapper::Decision decision = map->get(app, destination, trace);
   value = decision.value;
   return decision.decision;
 }
 
+}  // namespace
+
+const mapper::Map* Inspect::map(const Builder& builder) { return builder.map.get(); }
+
+const mapper::Map* Inspect::map(const TarnPatternAnalyzer& analyzer) {
+  return analyzer.shared->published.current();
+}
+
+int Inspect::query(const Builder& builder, const std::string& app, const std::string& destination,
+                   int& value, mapper::QueryTrace* trace) {
+  return answer(builder.map.get(), app, destination, value, trace);
+}
+
 int Inspect::query(TarnPatternAnalyzer& analyzer, const std::string& app,
                    const std::string& destination, int& value, mapper::QueryTrace* trace) {
-  std::unique_lock<std::shared_mutex> lock(analyzer.mutex);
-  return query(analyzer.builder, app, destination, value, trace);
+  const Publication::Reading reading(analyzer.shared->published);
+  return answer(reading.map(), app, destination, value, trace);
 }
 
 void Inspect::setTwoThreadMinimum(long long symbols) {

@@ -1,16 +1,17 @@
 // The public face of the analyzer. A Builder turns a rules document into a
 // compiled mapper::Map that it owns alone (moved, never copied) and answers
-// queries against it. A TarnPatternAnalyzer wraps one Builder behind a lock so
-// that rules can be rebuilt and queried from any thread: a rebuild is
-// all-or-nothing, and the old map answers until a new one is complete.
-// Builder is not thread-safe; TarnPatternAnalyzer's build and query are. A
-// build of a large document puts its include lists on a second thread of its
-// own, joined before build returns.
+// queries against it. A TarnPatternAnalyzer lets rules be rebuilt and queried
+// from any thread: a rebuild is all-or-nothing, and the old map answers until
+// a new one is complete. Builder is not thread-safe. TarnPatternAnalyzer's
+// build and query are: queries never wait for one another nor for a build,
+// which constructs the new map beside the answering one and swaps it in;
+// builds run one at a time, in the order they were called. A build of a large
+// document puts its include lists on a second thread of its own, joined before
+// build returns.
 #ifndef TPA_API_ANALYZER_H_
 #define TPA_API_ANALYZER_H_
 
 #include <memory>
-#include <shared_mutex>
 #include <string>
 
 #include "api/export.h"
@@ -51,6 +52,7 @@ class TPA_EXPORT Builder {
 
  private:
   friend class Inspect;  // the tool's and the tests' view of the map (api/diagnostics.h)
+  friend class TarnPatternAnalyzer;  // publishes the map a build made
 
   std::unique_ptr<mapper::Map> map;  // null until the first successful build
 };
@@ -62,25 +64,26 @@ class TPA_EXPORT TarnPatternAnalyzer {
   TarnPatternAnalyzer(const TarnPatternAnalyzer&) = delete;
   TarnPatternAnalyzer& operator=(const TarnPatternAnalyzer&) = delete;
 
-  // Rebuilds the rules under the lock. The current map's caches are emptied
-  // first; the new map replaces it only when the build succeeds. A JSON text
-  // (fromFile false) goes through validate first. Returns a tpa::error code.
+  // Rebuilds the rules once the builds called earlier have ended. The current
+  // map's caches are emptied first; the new map replaces it only when the
+  // build succeeds: a query that begins after build returns reads it, one that
+  // began before reads the old map whole. A JSON text (fromFile false) goes
+  // through validate first. Returns a tpa::error code.
   [[nodiscard]] int build(const std::string& source, bool fromFile);
 
   // Rewrites the two degenerate documents in place: "" becomes "[]", and "[]"
   // becomes "[{}]" (one rule of defaults). Only one rewrite applies. Returns 0.
   int validate(std::string& text);
 
-  // Builder::query under the lock.
+  // Builder::query on the current map; never waits for a build.
   [[nodiscard]] int query(const std::string& app, const std::string& destination, int& value);
 
  private:
   friend class Inspect;
+  struct Shared;
 
-  Builder builder;
-  // Taken exclusively by build and query alike: every query reorders and
-  // fills the map's caches, so no two may run at once.
-  std::shared_mutex mutex;
+  // The published map and the builds' turns; never null.
+  std::unique_ptr<Shared> shared;
 };
 
 }  // namespace tpa::api

@@ -3,7 +3,7 @@
 // the installed interface and not exported from the shared library. The map
 // pointers are borrowed from the facade and valid until its next build; read
 // them only while no other thread builds. The traced query on an analyzer
-// takes its lock like any query.
+// reads its current map like any query.
 #ifndef TPA_API_DIAGNOSTICS_H_
 #define TPA_API_DIAGNOSTICS_H_
 

@@ -1,7 +1,8 @@
 // The entry points that drive the process-wide analyzer: configure creates it,
 // build rebuilds its rules, query asks it; jni_cleanup destroys it at exit.
-// The analyzer locks build and query itself, but the pointer to it is not
-// guarded: configure must run before other threads call in, cleanup at exit.
+// The analyzer makes build and query safe from any thread itself (a query
+// never waits for a build), but the pointer to it is not guarded: configure
+// must run before other threads call in, cleanup at exit.
 #ifndef TPA_JNI_NATIVE_HANDLER_H_
 #define TPA_JNI_NATIVE_HANDLER_H_
 

@@ -341,7 +341,8 @@ bool BitNames::anyPrefixOf(const std::string& bits) const {
 
 // --- DecisionMemo -----------------------------------------------------------
 
-bool DecisionMemo::find(const std::string& app, const std::string& destination, Decision& out) {
+bool DecisionMemo::find(std::uint64_t epoch, const std::string& app, const std::string& destination,
+                        Decision& out) {
   probeKept_ = app.size() <= kMaxKey && destination.size() <= kMaxKey - app.size();
   if (!probeKept_) return false;
   try {
@@ -353,13 +354,14 @@ bool DecisionMemo::find(const std::string& app, const std::string& destination, 
     return false;
   }
   probeAppLength_ = app.size();
+  probeEpoch_ = epoch;
   // The application's length tells "ab" + "c" from "a" + "bc".
   probeHash_ = std::hash<std::string_view>{}(probe_) ^ (probeAppLength_ * 0x9e3779b97f4a7c15u);
   Entry* ways = set(probeHash_);
   for (std::size_t i = 0; i < kWays; ++i) {
     Entry& e = ways[i];
-    if (e.lastUsed != 0 && e.hash == probeHash_ && e.appLength == probeAppLength_ &&
-        e.key == probe_) {
+    if (e.lastUsed != 0 && e.hash == probeHash_ && e.epoch == probeEpoch_ &&
+        e.appLength == probeAppLength_ && e.key == probe_) {
       e.lastUsed = ++clock_;
       out = e.decision;
       ++hits_;
@@ -373,11 +375,13 @@ void DecisionMemo::remember(const Decision& d) {
   if (!probeKept_) return;
   probeKept_ = false;
   Entry* ways = set(probeHash_);
+  // Entries of other epochs answer no query of this one: they go first.
+  const auto age = [this](const Entry& e) { return e.epoch == probeEpoch_ ? e.lastUsed : 0; };
   Entry* victim = ways;
   for (std::size_t i = 1; i < kWays; ++i) {
-    if (ways[i].lastUsed < victim->lastUsed) victim = &ways[i];
+    if (age(ways[i]) < age(*victim)) victim = &ways[i];
   }
-  if (victim->lastUsed != 0 && ++replaced_ >= entries_.size()) {
+  if (age(*victim) != 0 && ++replaced_ >= entries_.size()) {
     // A table that keeps replacing entries grows, unless it hardly answers
     // anything (a stream of new pairs would only fill a larger one).
     const bool useful = hits_ >= replaced_ / kHitsPerGrowth;
@@ -396,6 +400,7 @@ void DecisionMemo::remember(const Decision& d) {
   }
   victim->hash = probeHash_;
   victim->appLength = probeAppLength_;
+  victim->epoch = probeEpoch_;
   victim->lastUsed = ++clock_;
   victim->decision = d;
 }
@@ -411,7 +416,7 @@ bool DecisionMemo::grow() {
   sets_ *= 2;
   // An old set splits into two new ones, each taking at most kWays entries.
   for (Entry& e : old) {
-    if (e.lastUsed == 0) continue;
+    if (e.lastUsed == 0 || e.epoch != probeEpoch_) continue;
     Entry* ways = set(e.hash);
     for (std::size_t i = 0; i < kWays; ++i) {
       if (ways[i].lastUsed == 0) {

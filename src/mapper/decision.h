@@ -104,23 +104,29 @@ class BitNames {
   std::vector<bool> lengths_;
 };
 
-// Whole decisions of recent queries, keyed by (application, destination), so
-// that a repeated query skips the machines. Set-associative: sets of kWays
-// entries, the least recently used entry of a set replaced; pairs longer than
-// kMaxKey characters are never kept. The table starts at kMinSets sets on
-// first use and doubles whenever it has replaced as many entries as it holds
-// while answering at least one query in kHitsPerGrowth of those, up to
-// kMaxSets: a working set of thousands of pairs (dozens of apps, each
-// with its destinations) is answered from it, within a budget of about 2 MB
-// for names of typical length (kMaxSets * kWays entries of 72 bytes plus
-// their keys; 6 MB if every key had kMaxKey characters). A hit allocates
-// nothing; when memory runs out the memo keeps what it has and never throws.
-// Owned by one Map, whose queries it serves one at a time. Not thread-safe.
+// Whole decisions of recent queries, keyed by (application, destination) and
+// the epoch of the map that made them (Map files each map's decisions under
+// an epoch no other map shares and renews it when its caches are emptied), so
+// that a repeated query skips the machines and a decision only ever answers
+// for the map, and the state of it, that made it. Set-associative: sets of
+// kWays entries, an entry of another epoch replaced first, then the least
+// recently used; pairs longer than kMaxKey characters are never kept. The
+// table starts at kMinSets sets on first use and doubles whenever it has
+// replaced as many entries as it holds while answering at least one query in
+// kHitsPerGrowth of those, up to kMaxSets: a working set of thousands of
+// pairs (dozens of apps, each with its destinations) is answered from it,
+// within a budget of about 2 MB for names of typical length (kMaxSets * kWays
+// entries of 72 bytes plus their keys; 6 MB if every key had kMaxKey
+// characters). A hit allocates nothing; when memory runs out the memo keeps
+// what it has and never throws. Each querying thread has its own (see Map),
+// so no two threads write one. Not thread-safe.
 class DecisionMemo {
  public:
-  // The decision kept for the pair, into `out`; false when there is none. The
-  // pair is also kept as the key that the next remember() files under.
-  [[nodiscard]] bool find(const std::string& app, const std::string& destination, Decision& out);
+  // The decision kept for the pair under `epoch`, into `out`; false when there
+  // is none. The pair and epoch are also kept as the key that the next
+  // remember() files under.
+  [[nodiscard]] bool find(std::uint64_t epoch, const std::string& app,
+                          const std::string& destination, Decision& out);
   // Files `d` under the pair of the last find(), unless that pair was too long.
   void remember(const Decision& d);
   // Forgets every decision (the table and its strings' room are kept).
@@ -137,6 +143,7 @@ class DecisionMemo {
     std::string key;             // application followed by destination
     std::uint64_t hash = 0;      // of key and appLength
     std::size_t appLength = 0;   // where the destination starts in key
+    std::uint64_t epoch = 0;     // of the map that made the decision
     std::uint64_t lastUsed = 0;  // 0: empty
     Decision decision;
   };
@@ -154,6 +161,7 @@ class DecisionMemo {
   std::string probe_;  // key of the last find(); its room is reused
   std::uint64_t probeHash_ = 0;
   std::size_t probeAppLength_ = 0;
+  std::uint64_t probeEpoch_ = 0;
   bool probeKept_ = false;   // probe_ may be filed: it is not too long
   std::uint64_t clock_ = 0;  // last lastUsed given; later uses get higher values
 };

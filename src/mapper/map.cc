@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <iterator>
 #include <new>
+#include <optional>
 
 #include "api/constants.h"
 #include "api/log.h"
@@ -95,6 +96,24 @@ class CacheBypass {
   Machine* machines_[3];
 };
 
+// Map::forgetDecisions hands these out: unique in the process, never 0.
+std::atomic<std::uint64_t> nextMemoEpoch{1};
+
+// A querying thread's own: the key buffers of its queries, reserved once, and
+// its memo of decisions of any map, each filed under its map's epoch.
+struct QueryScratch {
+  QueryScratch() { reserve(buffers); }
+  QueryBuffers buffers;
+  DecisionMemo memo;
+};
+
+// Made on the thread's first query; throws std::bad_alloc when it cannot be
+// (and is tried again on the next).
+QueryScratch& scratchOfThisThread() {
+  thread_local QueryScratch scratch;
+  return scratch;
+}
+
 }  // namespace
 
 void storedDestination(const std::string& d, std::string& text) {
@@ -124,9 +143,7 @@ int Map::construct(int appsSize, int includeSize, int excludeSize, fsa::Construc
   reserve(buffers_);
   includeBits_ = BitNames();
   excludeBits_ = BitNames();
-  memo_.clear();
-  queried_ = false;
-  memoUsable_ = true;
+  forgetDecisions();
   return error::TPA_ERROR_NONE;
 }
 
@@ -134,10 +151,7 @@ int Map::put(int ruleNumber, const std::vector<std::string>& apps,
              const std::vector<std::string>& include, const std::vector<std::string>& exclude,
              int id) {
   if (!apps_ || !include_ || !exclude_) return error::TPA_ERROR_OOM;
-  if (queried_) {
-    memoUsable_ = false;
-    memo_.clear();
-  }
+  if (queried_.load()) memoUsable_.store(false);
   Key& key = buffers_.key;
   int result = putApps(ruleNumber, apps, key);
   if (result != error::TPA_ERROR_NONE) return result;
@@ -201,22 +215,36 @@ int Map::clearCache() {
   apps_->clearCache();
   include_->clearCache();
   exclude_->clearCache();
-  memo_.clear();
-  queried_ = false;
-  memoUsable_ = true;
+  forgetDecisions();
   return kClearCacheResult;
+}
+
+void Map::forgetDecisions() {
+  memoEpoch_.store(nextMemoEpoch.fetch_add(1, std::memory_order_relaxed));
+  queried_.store(false);
+  memoUsable_.store(true);
+}
+
+void Map::shareBetweenThreads() {
+  for (Machine* m : {apps_.get(), include_.get(), exclude_.get()}) {
+    if (m != nullptr) m->bypassCache(true);
+  }
+  shared_ = true;
 }
 
 Decision Map::get(const std::string& app, const std::string& destination, QueryTrace* trace) const {
   if (!apps_ || !include_ || !exclude_) return Decision();
+  QueryScratch* scratch = nullptr;
   try {
-    const bool memo = memoUsable_ && trace == nullptr;
+    scratch = &scratchOfThisThread();
+    const bool memo = memoUsable_.load() && trace == nullptr;
     Decision d;
-    if (memo && memo_.find(app, destination, d)) return d;
-    queried_ = true;
-    MapDecisionMaker maker(*apps_, *include_, *exclude_, buffers_, includeBits_, excludeBits_);
+    if (memo && scratch->memo.find(memoEpoch_.load(), app, destination, d)) return d;
+    if (!queried_.load(std::memory_order_relaxed)) queried_.store(true);
+    MapDecisionMaker maker(*apps_, *include_, *exclude_, scratch->buffers, includeBits_,
+                           excludeBits_);
     d = maker.decide(app, destination, trace);
-    if (memo) memo_.remember(d);
+    if (memo) scratch->memo.remember(d);
     return d;
   } catch (const std::bad_alloc&) {
     // A cache, the memo or a key buffer could not grow; each is left
@@ -225,8 +253,12 @@ Decision Map::get(const std::string& app, const std::string& destination, QueryT
   }
   try {
     if (trace != nullptr) *trace = QueryTrace();
-    CacheBypass bypass(*apps_, *include_, *exclude_);
-    MapDecisionMaker maker(*apps_, *include_, *exclude_, buffers_, includeBits_, excludeBits_);
+    // A shared map's machines already read their automata alone.
+    std::optional<CacheBypass> bypass;
+    if (!shared_) bypass.emplace(*apps_, *include_, *exclude_);
+    QueryBuffers own;
+    MapDecisionMaker maker(*apps_, *include_, *exclude_, scratch ? scratch->buffers : own,
+                           includeBits_, excludeBits_);
     return maker.decide(app, destination, trace);
   } catch (const std::bad_alloc&) {
     return Decision();  // not even the query's own keys could be framed

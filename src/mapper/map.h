@@ -2,14 +2,18 @@
 // machine maps framed application keys to rule numbers, the include and
 // exclude machines hold every rule's framed destinations with the rule's id.
 // Built once (construct, put per rule, finishList for lists made from their
-// text, then freeze), then only queried (get), which updates the machines'
-// caches; a memo of whole decisions answers repeated queries before the
-// machines. Owns its machines and memo alone. Not thread-
-// safe: get writes the caches, the memo and shared key buffers, so callers
+// text, then freeze), then only queried (get); a memo of whole decisions, one
+// per querying thread, answers repeated queries before the machines. Owns its
+// machines alone. Building is for one thread. Once shareBetweenThreads has
+// run, get only reads the map (and the calling thread's own key buffers and
+// memo), so any number of threads may query it at once, also while
+// clearCache runs; before, get writes the machines' caches and callers
 // serialise queries.
 #ifndef TPA_MAPPER_MAP_H_
 #define TPA_MAPPER_MAP_H_
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -65,8 +69,15 @@ class Map {
   // the list put before it. Throws std::bad_alloc.
   [[nodiscard]] int finishList(bool include, std::size_t& keysPut);
 
-  // Empties the three caches and the memo. Returns -1 whether or not it did:
-  // callers must not read the result as a failure.
+  // Readies a built map for queries from any number of threads at once: a
+  // machine whose automaton could not be frozen answers from its automaton
+  // alone from now on, as a frozen one does, so that queries write nothing
+  // the map holds. Call before other threads may see the map.
+  void shareBetweenThreads();
+
+  // Empties the three caches and sets every thread's memo of this map aside.
+  // Returns -1 whether or not it did: callers must not read the result as a
+  // failure.
   int clearCache();
 
   // The decision for a query; the default (-1, exclude) without machines.
@@ -102,17 +113,23 @@ class Map {
   // The bit strings among the destinations stored in include_ and exclude_.
   BitNames includeBits_;
   BitNames excludeBits_;
-  // Key buffers reused by put and get, so that a query answered from the
-  // caches allocates nothing. Only ever used by one call at a time.
-  mutable QueryBuffers buffers_;
-  // The memo holds only decisions the machines would give again: every cached
+  // Key buffers reused by put (get uses those of its thread).
+  QueryBuffers buffers_;
+  // Files and finds this map's decisions in the threads' memos: a value no
+  // other map and no earlier state of this one has had. Renewed by construct
+  // and clearCache, so that a thread's memo answers only with decisions of
+  // the map it queries, made since its caches were last emptied.
+  void forgetDecisions();
+  std::atomic<std::uint64_t> memoEpoch_{0};
+  // The memos hold only decisions the machines would give again: every cached
   // search answer is the automaton's answer as long as no key is put after a
   // query. A put after a query may leave stale answers in the caches, which
-  // their evictions would then reveal one by one, so the memo stays unused
+  // their evictions would then reveal one by one, so the memos stay unused
   // until clearCache empties the caches (or construct replaces them).
-  mutable DecisionMemo memo_;
-  mutable bool queried_ = false;  // a query ran through the machines since they were emptied
-  bool memoUsable_ = true;
+  // A query ran through the machines since they were emptied.
+  mutable std::atomic<bool> queried_{false};
+  std::atomic<bool> memoUsable_{true};
+  bool shared_ = false;  // shareBetweenThreads ran: queries never touch the caches
 };
 
 }  // namespace tpa::mapper

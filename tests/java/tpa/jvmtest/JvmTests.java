@@ -8,6 +8,7 @@ import com.velmora.android.tarn.app.networkfilter.udp.*;
 import java.net.InetSocketAddress;
 import java.nio.channels.*;
 import java.util.*;
+import java.util.concurrent.atomic.*;
 import java.util.function.*;
 
 // The JNI library in a real JVM: registration on the proxy classes, configure, build and query,
@@ -63,6 +64,7 @@ public final class JvmTests {
     test("build before configure is -1", () -> checkEquals(-1, dnsService.nativeBuild("[]"), ""));
     test("the example document through build and query", this::exampleDocument);
     test("a failed build keeps the old rules; configure drops them", this::failedBuildKeepsOldRules);
+    test("queries on every proxy thread while builds run", this::queriesDuringBuilds);
     test("original address: empty for family 10, zero untracked", this::originalAddressOfUntracked);
     test("original address of a redirected connection", this::originalAddressOfRedirected);
     test("set network marks the socket", this::setNetworkMarksSocket);
@@ -147,6 +149,48 @@ public final class JvmTests {
     expectExampleAnswers();
     tcpService.nativeConfigure("first", "second"); // a fresh analyzer, not yet built
     expectQuery(false, "com.example.mail", "cdn.shop.test");
+  }
+
+  // One thread per registered nativeQuery asks without pause while this one rebuilds, alternating
+  // two documents with a broken one. Answers both documents agree on never change; the one they
+  // differ on is the last built document's whenever no build ran during the query.
+  private void queriesDuringBuilds() throws Exception {
+    String[] docs = {EXAMPLE, EXAMPLE.replace("none.invalid", "mail.shop.test")};
+    checkEquals(0, dnsService.nativeBuild(docs[0]), "build");
+    AtomicInteger started = new AtomicInteger(), completed = new AtomicInteger();
+    AtomicInteger wrong = new AtomicInteger(), settled = new AtomicInteger();
+    AtomicBoolean done = new AtomicBoolean();
+    List<Thread> threads = new ArrayList<>();
+    for (BiPredicate<String, String> querier : queriers) {
+      threads.add(new Thread(() -> {
+        while (!done.get()) {
+          if (!querier.test("com.example.mail", "cdn.shop.test")) wrong.incrementAndGet();
+          if (querier.test("com.example.mail", "ads.other.test")) wrong.incrementAndGet();
+          int before = completed.get();
+          boolean idle = started.get() == before;
+          boolean flip = querier.test("org.unknown.app", "mail.shop.test");
+          if (idle && started.get() == before) {
+            settled.incrementAndGet();
+            if (flip != (before % 2 == 1)) wrong.incrementAndGet();
+          }
+        }
+      }));
+    }
+    threads.forEach(Thread::start);
+    try {
+      for (int k = 1; k <= 300; k++) {
+        started.set(k);
+        checkEquals(0, tcpService.nativeBuild(docs[k % 2]), "build " + k);
+        completed.set(k);
+        checkEquals(-4, udpService.nativeBuild("[{\"include\": [\"x\"]"), "unbalanced");
+      }
+    } finally {
+      done.set(true);
+      for (Thread thread : threads) thread.join();
+    }
+    checkEquals(0, wrong.get(), "answers of neither document, or of the one replaced");
+    checkEquals(true, settled.get() > 0, "queries with no build running");
+    expectExampleAnswers();
   }
 
   // ---- socket helpers ----

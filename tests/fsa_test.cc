@@ -266,6 +266,40 @@ TEST(SuffixAutomaton, FromTextTakesTheValuesThatExtendGives) {
   }
 }
 
+// Neighbouring suffixes that share 255 characters or more, and states followed by 255 characters
+// or more (every byte after "#w", and after "w", a clone): made from the text, the automaton
+// answers as the online one on pieces of the text.
+TEST(SuffixAutomaton, FromTextAgreesPastByteSizedLengthsAndCounts) {
+  std::string longKey = "#";
+  for (int i = 0; i < 300; ++i) longKey += static_cast<char>('a' + i % 7 + (i % 61 == 0));
+  std::vector<std::string> keys = {"#xw$", longKey + "$", "#*." + longKey + "$",
+                                   longKey.substr(40) + "$"};
+  for (int c = 0; c < 256; ++c) keys.push_back(std::string("#w") + static_cast<char>(c) + "$");
+  std::string text;
+  for (const std::string& k : keys) text += k;
+  Automaton online, direct;
+  online.construct(static_cast<int>(text.size()));
+  direct.construct(static_cast<int>(text.size()), tpa::fsa::Construction::kFromText);
+  for (std::size_t k = 0; k < keys.size(); ++k) {
+    ASSERT_EQ(0, online.add(keys[k], static_cast<int>(k)));
+    ASSERT_EQ(0, direct.add(keys[k], static_cast<int>(k)));
+  }
+  std::size_t keysPut = 0;
+  ASSERT_TRUE(online.freeze());
+  ASSERT_EQ(0, direct.finish(keysPut));
+  ASSERT_EQ(online.size(), direct.size());
+  std::mt19937 rng(4);
+  for (int i = 0; i < 3000; ++i) {
+    const std::string q = text.substr(rng() % text.size(), rng() % 400) + (i % 3 ? "" : "w");
+    Value a, b;
+    ASSERT_EQ(online.tryFindFull(q, a), direct.tryFindFull(q, b)) << q;
+    ASSERT_EQ(a, b) << q;
+    ASSERT_EQ(online.tryFindPartial(q, a), direct.tryFindPartial(q, b)) << q;
+    ASSERT_EQ(a, b) << q;
+    ASSERT_EQ(online.findWholeKey(q, a), direct.findWholeKey(q, b)) << q;
+  }
+}
+
 // The suffix array and the LCP lengths against sorting and comparing by hand, on strings made
 // of runs and repeats (every LMS pattern of SA-IS) as well as random ones.
 TEST(SuffixSort, AgreesWithSortingOnRandomStrings) {

@@ -27,8 +27,8 @@
 // Ohlebusch's lcp-interval traversal), once to count states, transitions and
 // values, once to place them; a node carries, per BWT character of its
 // interval, the LF images of the first and last occurrence. Memory: the
-// suffix array, LCP array and BWT of R in suffix order (9 bytes per
-// character), per clone 4 bytes, 2 bytes per state while counting, and the
+// suffix array, LCP array and BWT of R in suffix order (6 bytes per
+// character), per clone 4 bytes, 1 byte per state while counting, and the
 // frozen form; SA-IS's own peak of about 14 bytes per character comes first.
 // The heap is trimmed between the stages, so that what one frees is not
 // left resident under the next.
@@ -78,7 +78,9 @@ class ReversedTree {
     bwt_.resize(sa_.size());
     for (std::size_t j = 0; j < sa_.size(); ++j) {
       const Index i = sa_[j];
-      lcp_[j] = plcp[static_cast<std::size_t>(i)];
+      const Index shared = plcp[static_cast<std::size_t>(i)];
+      lcp_[j] = static_cast<unsigned char>(std::min(shared, kLongLcp));
+      if (shared >= kLongLcp) longLcp_.push_back(shared);
       bwt_[j] = i > 0 ? reversed_[static_cast<std::size_t>(i - 1)] : 0;
     }
     for (const unsigned char c : reversed_) ++start_[c + 1];
@@ -100,6 +102,7 @@ class ReversedTree {
   template <typename Visit>
   void walk(Visit visit) {
     Index seen[256] = {};
+    nextLongLcp_ = 0;
     stack_.clear();
     reach_.clear();
     stack_.push_back(Open{0, 0, -1, false, 0});
@@ -144,7 +147,11 @@ class ReversedTree {
     std::size_t reachStart;
   };
 
-  Index lcp(Index j) const { return lcp_[static_cast<std::size_t>(j)]; }
+  // The LCP at j; called once per j, in increasing order, in each walk.
+  Index lcp(Index j) {
+    const Index shared = lcp_[static_cast<std::size_t>(j)];
+    return shared < kLongLcp ? shared : longLcp_[nextLongLcp_++];
+  }
 
   // Ends the open intervals deeper than `depth` at rb, each a child of the
   // one below it or of a new interval of that depth.
@@ -201,7 +208,15 @@ class ReversedTree {
   std::vector<unsigned char> reversed_;  // until the arrays are made
   unsigned char first_ = 0;              // T's first character
   std::vector<Index> sa_;
-  std::vector<Index> lcp_;     // shared with the suffix sorted before, in suffix order
+  // The length shared with the suffix sorted before, in suffix order: in a
+  // byte, kLongLcp standing for the next of longLcp_ (a domain name's
+  // neighbours rarely share more), so that the array costs 1 byte per
+  // character where 4 would be the peak's largest share after the suffix
+  // array.
+  static constexpr Index kLongLcp = 255;
+  std::vector<unsigned char> lcp_;
+  std::vector<Index> longLcp_;     // the lengths of kLongLcp and more, in suffix order
+  std::size_t nextLongLcp_ = 0;    // the walk's next in longLcp_
   std::vector<unsigned char> bwt_;  // the character before each suffix, in suffix order
   Index start_[257] = {};      // where the suffixes starting with each character begin
   std::vector<Open> stack_;    // the root at the bottom, deeper intervals above
@@ -289,23 +304,34 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   // First walk: the clones, and what each state stores.
   CloneIndex clones(n);
   std::vector<bool> cloneValued;
-  // Stored transitions per state: the prefix states', then the clones' as found.
-  std::vector<std::uint16_t> edges(static_cast<std::size_t>(n) + 1, 0);
-  std::vector<std::uint16_t> cloneEdges;
+  // Stored transitions per state: the prefix states', then the clones' as
+  // found, in a byte each while they last, kManyEdges standing for the count
+  // kept in manyEdges (a state rarely follows 255 characters or more).
+  constexpr std::uint8_t kManyEdges = 255;
+  std::vector<std::uint8_t> edges(static_cast<std::size_t>(n) + 1, 0);
+  std::vector<std::uint8_t> cloneEdges;
+  std::vector<std::pair<Index, std::uint16_t>> manyEdges;  // (state, count), sorted once complete
+  const auto count = [&](Index state, std::size_t stored) {
+    if (stored < kManyEdges) return static_cast<std::uint8_t>(stored);
+    manyEdges.emplace_back(state, static_cast<std::uint16_t>(stored));
+    return kManyEdges;
+  };
   tree->walk([&](const Node& node) {
     if (node.kind == NodeKind::kRoot) return;
     // A prefix state's transition on the next character of T is the text's.
     const std::size_t fromText = node.kind == NodeKind::kPrefix && node.maxSuffix > 0 ? 1 : 0;
-    const auto stored = static_cast<std::uint16_t>(node.reaches - fromText);
+    const std::size_t stored = node.reaches - fromText;
     if (node.kind == NodeKind::kPrefix) {
-      edges[static_cast<std::size_t>(prefixState(node.maxSuffix))] = stored;
+      const Index state = prefixState(node.maxSuffix);
+      edges[static_cast<std::size_t>(state)] = count(state, stored);
       return;
     }
+    cloneEdges.push_back(count(n + 1 + clones.count(), stored));
     clones.add(node.lb, node.rb);
     cloneValued.push_back(valuedAt(firstEnd(node)));
-    cloneEdges.push_back(stored);
   });
   clones.seal();
+  std::sort(manyEdges.begin(), manyEdges.end());
   states = 1 + static_cast<std::int64_t>(n) + static_cast<std::int64_t>(clones.count());
   if (states > maxStates) return nullptr;
 
@@ -318,8 +344,12 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   f.targetWidth_ = states <= (1 << 24) ? 3 : 4;
   f.hasEdges_.resize(total);
   f.valued_.resize(total);
-  const auto edgesOf = [&](std::size_t s) {
-    return s < edges.size() ? edges[s] : cloneEdges[s - edges.size()];
+  const auto edgesOf = [&](std::size_t s) -> std::size_t {
+    const std::uint8_t stored = s < edges.size() ? edges[s] : cloneEdges[s - edges.size()];
+    if (stored < kManyEdges) return stored;
+    const auto many = std::lower_bound(manyEdges.begin(), manyEdges.end(),
+                                       std::make_pair(static_cast<Index>(s), std::uint16_t{0}));
+    return many->second;
   };
   std::size_t withEdges = 0;
   for (std::size_t s = 0; s < total; ++s) withEdges += edgesOf(s) > 0 ? 1 : 0;
@@ -332,8 +362,10 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
     edgeCount += edgesOf(s);
   }
   f.edgeStart_.push_back(static_cast<std::uint32_t>(edgeCount));
-  edges = std::vector<std::uint16_t>();
-  cloneEdges = std::vector<std::uint16_t>();
+  edges = std::vector<std::uint8_t>();
+  cloneEdges = std::vector<std::uint8_t>();
+  manyEdges = {};
+  releaseFreedMemory();  // the counts, before the runs take their place
   f.runs_.resize(edgeCount * f.edgeBytes());
   for (const ValuedKey& k : keys) f.valued_.set(static_cast<std::size_t>(k.end) + 1);
   for (std::size_t c = 0; c < cloneValued.size(); ++c) {

@@ -245,6 +245,10 @@ class CloneIndex {
   void seal() {
     firstOf_.push_back(static_cast<std::uint32_t>(starts_.size()));
     endsHere_.seal();
+    // Grown by doubling, they may hold twice what they use through the
+    // second walk, the build's peak.
+    firstOf_.shrink_to_fit();
+    starts_.shrink_to_fit();
   }
   Index count() const { return static_cast<Index>(starts_.size()); }
 
@@ -269,6 +273,17 @@ class CloneIndex {
   std::vector<Index> starts_;           // per clone in order: its left end
 };
 
+// The keys proper: a value given by extend alone may claim no length, or
+// more than the text before it. Throws std::bad_alloc.
+std::vector<StoredKey> storedKeys(const std::vector<ValuedKey>& keys) {
+  std::vector<StoredKey> stored;
+  stored.reserve(keys.size());
+  for (const ValuedKey& k : keys) {
+    if (k.length > 0 && k.length <= k.end + 1) stored.push_back(StoredKey{k.end, k.length});
+  }
+  return stored;
+}
+
 }  // namespace
 
 std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned char>& text,
@@ -276,19 +291,12 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
                                                            std::int64_t maxStates,
                                                            std::int64_t& states) {
   const auto n = static_cast<Index>(text.size());
-  // The keys proper: a value given by extend alone may claim no length, or
-  // more than the text before it.
-  std::vector<StoredKey> stored;
-  stored.reserve(keys.size());
-  for (const ValuedKey& k : keys) {
-    if (k.length > 0 && k.length <= k.end + 1) stored.push_back(StoredKey{k.end, k.length});
-  }
   if (n == 0) {
     states = 1;
     if (maxStates < 1) return nullptr;
     Builder empty(1, 0, Sizes{0, 0, 0});
     empty.beginState(0, kNoValue);
-    return empty.finish(stored, {});
+    return empty.finish(storedKeys(keys), {});
   }
   // The value at each end position of T.
   RankedBits keyEnds;
@@ -422,6 +430,8 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   tree.reset();  // before the key indexes are made
   f.text_ = std::move(text);
   text = std::vector<unsigned char>();
+  // Only now, not to be held beside the arrays of the walks.
+  const std::vector<StoredKey> stored = storedKeys(keys);
   // A key is found whole when its first copy ends in a state of its length.
   std::vector<StoredKey> whole;
   for (const StoredKey& k : stored) {

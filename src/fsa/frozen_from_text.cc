@@ -29,7 +29,7 @@
 // interval, the LF images of the first and last occurrence. Memory: the
 // suffix array, LCP array and BWT of R in suffix order (6 bytes per
 // character), per clone 4 bytes, 1 byte per state while counting, and the
-// frozen form; SA-IS's own peak of about 10 bytes per character comes first.
+// frozen form; SA-IS's own peak of about 12 bytes per character comes first.
 // The heap is trimmed between the stages, so that what one frees is not
 // left resident under the next.
 #include <algorithm>

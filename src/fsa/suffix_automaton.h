@@ -14,7 +14,7 @@
 // every lookup as before. An automaton constructed kFromText never builds the
 // online states: it keeps the text and its key ends (1 byte per character, 12
 // per key) and finish() makes the read-only form straight from them, at a
-// peak of about 30 bytes per character (the suffix array and its companions,
+// peak of about 20 bytes per character (the suffix array and its companions,
 // then the frozen form beside them). Owns its states, transitions and
 // text. Not thread-safe: callers serialise every access.
 #ifndef TPA_FSA_SUFFIX_AUTOMATON_H_

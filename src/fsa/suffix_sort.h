@@ -8,7 +8,7 @@
 // string of at most n/2 names (named in the array's unused part), then the
 // same for the reduced string, at most half as long (with bucket arrays as
 // long as its names are many), so that the recursion is at most log2(n)
-// deep; about 10n bytes in all on domain names. A suffix that is a prefix of
+// deep; about 12n bytes in all on domain names. A suffix that is a prefix of
 // another sorts before it.
 // prefixLcp is Kasai et al.'s algorithm in its permuted form (Karkkainen,
 // Manzini and Puglisi): O(n), one array of 4n bytes, filled in place.

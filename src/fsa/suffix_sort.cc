@@ -67,7 +67,7 @@ bool sameLms(const Symbol* s, Index n, Index l, Index endL, Index r, Index endR)
 
 // Names the LMS substrings, whose sorted order sa[0, m) holds, in that
 // order (equal ones share a name), and returns the names in text order, the
-// reduced string; *names gets the largest. The names are parked in
+// reduced string; `names` gets the largest. The names are parked in
 // sa[m + p / 2] for LMS position p (two LMS positions are at least two
 // apart, and m <= n / 2), so that no array of n is needed beside sa.
 template <typename Symbol>
@@ -145,10 +145,7 @@ std::vector<Index> sais(const Symbol* s, Index n, Index upper) {
   // suffix array: the LMS suffixes sorted.
   Index k = 0;
   lmsInTextOrder([&](Index i) { sa[static_cast<std::size_t>(k++)] = i; });
-  for (Index i = 0; i < m; ++i) {
-    Index& rank = order[static_cast<std::size_t>(i)];
-    rank = sa[static_cast<std::size_t>(rank)];
-  }
+  for (Index& lms : order) lms = sa[static_cast<std::size_t>(lms)];
   std::fill(sa.begin(), sa.end(), -1);
   induce(s, n, lType, b,
          [&](auto place) {

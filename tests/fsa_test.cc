@@ -271,14 +271,15 @@ TEST(SuffixAutomaton, FromTextTakesTheValuesThatExtendGives) {
   }
 }
 
-// Neighbouring suffixes that share 255 characters or more, and states followed by 255 characters
-// or more (every byte after "#w", and after "w", a clone): made from the text, the automaton
-// answers as the online one on pieces of the text.
+// Neighbouring suffixes that share 255 characters or more, states followed by 255 characters or
+// more (every byte after "#w", and after "w", a clone), and runs: made from the text, the
+// automaton answers as the online one on pieces of the text.
 TEST(SuffixAutomaton, FromTextAgreesPastByteSizedLengthsAndCounts) {
   std::string longKey = "#";
   for (int i = 0; i < 300; ++i) longKey += static_cast<char>('a' + i % 7 + (i % 61 == 0));
   std::vector<std::string> keys = {"#xw$", longKey + "$", "#*." + longKey + "$",
-                                   longKey.substr(40) + "$"};
+                                   longKey.substr(40) + "$", std::string(300, 'a') + "$",
+                                   "#" + std::string(200, 'a') + "b$"};  // runs: many clones end together
   for (int c = 0; c < 256; ++c) keys.push_back(std::string("#w") + static_cast<char>(c) + "$");
   std::string text;
   for (const std::string& k : keys) text += k;

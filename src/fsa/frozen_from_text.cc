@@ -234,21 +234,25 @@ class CloneIndex {
 
   // The next clone in the walk's order. Throws std::bad_alloc.
   void add(Index lb, Index rb) {
-    if (starts_.empty() || rb != lastEnd_) {
+    const std::size_t k = starts_.size();
+    if (k % 64 == 0) groupStart_.push_back(0);
+    if (k == 0 || rb != lastEnd_) {
       endsHere_.set(static_cast<std::size_t>(rb));
-      firstOf_.push_back(static_cast<std::uint32_t>(starts_.size()));
+      if (groups_ % kSampleEvery == 0) sampled_.push_back(static_cast<std::uint32_t>(k));
+      groupStart_.back() |= std::uint64_t{1} << (k % 64);
+      ++groups_;
       lastEnd_ = rb;
     }
     starts_.push_back(lb);
   }
   // Call once every clone is in. Throws std::bad_alloc.
   void seal() {
-    firstOf_.push_back(static_cast<std::uint32_t>(starts_.size()));
     endsHere_.seal();
     // Grown by doubling, they may hold twice what they use through the
     // second walk, the build's peak.
-    firstOf_.shrink_to_fit();
     starts_.shrink_to_fit();
+    groupStart_.shrink_to_fit();
+    sampled_.shrink_to_fit();
   }
   Index count() const { return static_cast<Index>(starts_.size()); }
 
@@ -257,20 +261,59 @@ class CloneIndex {
   // search (a text of long runs ends thousands of clones at one place).
   Index find(Index lb, Index rb) const {
     if (!endsHere_.test(static_cast<std::size_t>(rb))) return -1;
-    const std::uint32_t r = endsHere_.rank(static_cast<std::size_t>(rb));
-    const auto first = starts_.begin() + firstOf_[r];
-    const auto last = starts_.begin() + firstOf_[r + 1];
+    const std::size_t firstClone = firstOf(endsHere_.rank(static_cast<std::size_t>(rb)));
+    const auto first = starts_.begin() + static_cast<std::ptrdiff_t>(firstClone);
+    const auto last = starts_.begin() + static_cast<std::ptrdiff_t>(nextGroup(firstClone));
     const auto at = std::lower_bound(first, last, lb, std::greater<Index>());
     if (at == last || *at != lb) return -1;
     return n_ + 1 + static_cast<Index>(at - starts_.begin());
   }
 
  private:
+  static constexpr std::uint32_t kSampleEvery = 16;
+
+  static std::size_t lowestBit(std::uint64_t bits) {
+    return RankedBits::bitCount((bits & (~bits + 1)) - 1);
+  }
+  // groupStart_'s bits from clone k on (k < count()), the word holding them in w.
+  std::uint64_t bitsFrom(std::size_t k, std::size_t& w) const {
+    w = k / 64;
+    return groupStart_[w] & (~std::uint64_t{0} << (k % 64));
+  }
+  // The first clone of the r-th right end: from the sampled one before it,
+  // past the starts of the groups between (a few words).
+  std::size_t firstOf(std::uint32_t r) const {
+    std::size_t w = 0;
+    std::uint64_t bits = bitsFrom(sampled_[r / kSampleEvery], w);
+    std::uint32_t skip = r % kSampleEvery;
+    for (std::uint32_t here = RankedBits::bitCount(bits); skip >= here;
+         here = RankedBits::bitCount(bits)) {
+      skip -= here;
+      bits = groupStart_[++w];
+    }
+    for (; skip > 0; --skip) bits &= bits - 1;
+    return w * 64 + lowestBit(bits);
+  }
+  // The first clone of the group after the one that clone k starts, or count().
+  std::size_t nextGroup(std::size_t k) const {
+    if (++k >= starts_.size()) return starts_.size();
+    std::size_t w = 0;
+    for (std::uint64_t bits = bitsFrom(k, w);; bits = groupStart_[w]) {
+      if (bits != 0) return std::min(w * 64 + lowestBit(bits), starts_.size());
+      if (++w == groupStart_.size()) return starts_.size();
+    }
+  }
+
   Index n_;
   Index lastEnd_ = -1;
-  RankedBits endsHere_;                 // right ends of clones
-  std::vector<std::uint32_t> firstOf_;  // per such right end, +1: its first clone
-  std::vector<Index> starts_;           // per clone in order: its left end
+  std::uint32_t groups_ = 0;
+  RankedBits endsHere_;  // right ends of clones
+  // A bit per clone, set for the first of those ending where it does; and
+  // every kSampleEvery-th such first clone, so that the r-th is found
+  // without an offset per right end.
+  std::vector<std::uint64_t> groupStart_;
+  std::vector<std::uint32_t> sampled_;
+  std::vector<Index> starts_;  // per clone in order: its left end
 };
 
 // The keys proper: a value given by extend alone may claim no length, or

@@ -277,9 +277,10 @@ TEST(SuffixAutomaton, FromTextTakesTheValuesThatExtendGives) {
 TEST(SuffixAutomaton, FromTextAgreesPastByteSizedLengthsAndCounts) {
   std::string longKey = "#";
   for (int i = 0; i < 300; ++i) longKey += static_cast<char>('a' + i % 7 + (i % 61 == 0));
+  // The runs end many clones together.
   std::vector<std::string> keys = {"#xw$", longKey + "$", "#*." + longKey + "$",
                                    longKey.substr(40) + "$", std::string(300, 'a') + "$",
-                                   "#" + std::string(200, 'a') + "b$"};  // runs: many clones end together
+                                   "#" + std::string(200, 'a') + "b$"};
   for (int c = 0; c < 256; ++c) keys.push_back(std::string("#w") + static_cast<char>(c) + "$");
   std::string text;
   for (const std::string& k : keys) text += k;

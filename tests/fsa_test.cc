@@ -235,6 +235,16 @@ TEST(SuffixAutomaton, AgreesWithModelsOnRandomKeys) {
   checkRandom("ab.", 3, 0.6);  // automata broken by a failed extend
 }
 
+// A frozen online automaton and the one made from its text answer q alike.
+void expectSameLookups(const Automaton& online, const Automaton& direct, const std::string& q) {
+  Value a, b;
+  ASSERT_EQ(online.tryFindFull(q, a), direct.tryFindFull(q, b)) << q;
+  ASSERT_EQ(a, b) << q;
+  ASSERT_EQ(online.tryFindPartial(q, a), direct.tryFindPartial(q, b)) << q;
+  ASSERT_EQ(a, b) << q;
+  ASSERT_EQ(online.findWholeKey(q, a), direct.findWholeKey(q, b)) << q;
+}
+
 // Values given by extend alone, not by add: a value without a key length, and key ends; made
 // from the text, every lookup of every piece of the text answers as online.
 TEST(SuffixAutomaton, FromTextTakesTheValuesThatExtendGives) {
@@ -256,13 +266,39 @@ TEST(SuffixAutomaton, FromTextTakesTheValuesThatExtendGives) {
   for (std::size_t from = 0; from < text.size(); ++from) {
     for (std::size_t to = from; to <= text.size(); ++to) {
       const std::string q = text.substr(from, to - from) + (to % 3 == 0 ? "x" : "");
-      Value a, b;
-      ASSERT_EQ(online.tryFindFull(q, a), direct.tryFindFull(q, b)) << q;
-      ASSERT_EQ(a, b) << q;
-      ASSERT_EQ(online.tryFindPartial(q, a), direct.tryFindPartial(q, b)) << q;
-      ASSERT_EQ(a, b) << q;
-      ASSERT_EQ(online.findWholeKey(q, a), direct.findWholeKey(q, b)) << q;
+      ASSERT_NO_FATAL_FAILURE(expectSameLookups(online, direct, q));
     }
+  }
+}
+
+// Neighbouring suffixes that share 255 characters or more, states followed by 255 characters or
+// more (every byte after "#w", and after "w", a clone), and runs: made from the text, the
+// automaton answers as the online one on pieces of the text.
+TEST(SuffixAutomaton, FromTextAgreesPastByteSizedLengthsAndCounts) {
+  std::string longKey = "#";
+  for (int i = 0; i < 300; ++i) longKey += static_cast<char>('a' + i % 7 + (i % 61 == 0));
+  // The runs end many clones together.
+  std::vector<std::string> keys = {"#xw$", longKey + "$", "#*." + longKey + "$",
+                                   longKey.substr(40) + "$", std::string(300, 'a') + "$",
+                                   "#" + std::string(200, 'a') + "b$"};
+  for (int c = 0; c < 256; ++c) keys.push_back(std::string("#w") + static_cast<char>(c) + "$");
+  std::string text;
+  for (const std::string& k : keys) text += k;
+  Automaton online, direct;
+  online.construct(static_cast<int>(text.size()));
+  direct.construct(static_cast<int>(text.size()), tpa::fsa::Construction::kFromText);
+  for (std::size_t k = 0; k < keys.size(); ++k) {
+    ASSERT_EQ(0, online.add(keys[k], static_cast<int>(k)));
+    ASSERT_EQ(0, direct.add(keys[k], static_cast<int>(k)));
+  }
+  std::size_t keysPut = 0;
+  ASSERT_TRUE(online.freeze());
+  ASSERT_EQ(0, direct.finish(keysPut));
+  ASSERT_EQ(online.size(), direct.size());
+  std::mt19937 rng(4);
+  for (int i = 0; i < 3000; ++i) {
+    const std::string q = text.substr(rng() % text.size(), rng() % 400) + (i % 3 ? "" : "w");
+    ASSERT_NO_FATAL_FAILURE(expectSameLookups(online, direct, q));
   }
 }
 
@@ -273,9 +309,10 @@ TEST(SuffixSort, AgreesWithSortingOnRandomStrings) {
   for (int round = 0; round < 400; ++round) {
     std::string s;
     const int alphabet = 1 + static_cast<int>(rng() % (round % 3 == 0 ? 2 : 5));
-    for (int i = static_cast<int>(rng() % 60); i > 0; --i) {
+    const bool large = round >= 390;  // reduced strings long enough to recurse again
+    for (int i = static_cast<int>(rng() % (large ? 2000 : 60)); i > 0; --i) {
       s.push_back(static_cast<char>('a' + rng() % alphabet));
-      if (rng() % 4 == 0 && s.size() < 100) s += s.substr(rng() % s.size());
+      if (rng() % 4 == 0 && s.size() < (large ? 4000u : 100u)) s += s.substr(rng() % s.size());
     }
     if (round == 1) s.assign(1, '\xff');
     const auto* bytes = reinterpret_cast<const unsigned char*>(s.data());

@@ -50,11 +50,22 @@ bool automataAllocated(const mapper::Map& map) {
 // A second thread pays for itself when both halves are large.
 std::atomic<long long> twoThreadMinimum{1 << 16};
 
+// Two list machines made at once hold their construction arrays at once,
+// about 20 bytes per character each at their peaks: the second thread is
+// only taken while what the smaller adds to the build's peak stays within
+// this, so that a large document is made one machine after the other, at
+// the peak of the larger alone (the time of the smaller, a third of the
+// lists' at most, is what that costs).
+constexpr long long kOverlapBudgetBytes = 4 << 20;
+constexpr long long kPeakBytesPerCharacter = 20;
+
 bool worthTwoThreads(const parser::JsonParser& parser) {
   const long long minimum = twoThreadMinimum.load(std::memory_order_relaxed);
-  return parser.grossIncludeBytesCount() >= minimum &&
-         static_cast<long long>(parser.grossAppBytesCount()) + parser.grossExcludeBytesCount() >=
-             minimum;
+  const long long include = parser.grossIncludeBytesCount();
+  const long long exclude = parser.grossExcludeBytesCount();
+  const bool large = include >= minimum &&
+                     static_cast<long long>(parser.grossAppBytesCount()) + exclude >= minimum;
+  return large && std::min(include, exclude) * kPeakBytesPerCharacter <= kOverlapBudgetBytes;
 }
 
 // Where a step of the build stopped, in the order of a one-thread put of

@@ -27,9 +27,9 @@
 // Ohlebusch's lcp-interval traversal), once to count states, transitions and
 // values, once to place them; a node carries, per BWT character of its
 // interval, the LF images of the first and last occurrence. Memory: the
-// suffix array, LCP array and BWT of R in suffix order (9 bytes per
-// character), per clone 4 bytes, 2 bytes per state while counting, and the
-// frozen form; SA-IS's own peak of about 14 bytes per character comes first.
+// suffix array, LCP array and BWT of R in suffix order (6 bytes per
+// character), per clone 4 bytes, 1 byte per state while counting, and the
+// frozen form; SA-IS's own peak of about 12 bytes per character comes first.
 // The heap is trimmed between the stages, so that what one frees is not
 // left resident under the next.
 #include <algorithm>
@@ -78,7 +78,9 @@ class ReversedTree {
     bwt_.resize(sa_.size());
     for (std::size_t j = 0; j < sa_.size(); ++j) {
       const Index i = sa_[j];
-      lcp_[j] = plcp[static_cast<std::size_t>(i)];
+      const Index shared = plcp[static_cast<std::size_t>(i)];
+      lcp_[j] = static_cast<unsigned char>(std::min(shared, kLongLcp));
+      if (shared >= kLongLcp) longLcp_.push_back(shared);
       bwt_[j] = i > 0 ? reversed_[static_cast<std::size_t>(i - 1)] : 0;
     }
     for (const unsigned char c : reversed_) ++start_[c + 1];
@@ -100,6 +102,7 @@ class ReversedTree {
   template <typename Visit>
   void walk(Visit visit) {
     Index seen[256] = {};
+    nextLongLcp_ = 0;
     stack_.clear();
     reach_.clear();
     stack_.push_back(Open{0, 0, -1, false, 0});
@@ -144,7 +147,11 @@ class ReversedTree {
     std::size_t reachStart;
   };
 
-  Index lcp(Index j) const { return lcp_[static_cast<std::size_t>(j)]; }
+  // The LCP at j; called once per j, in increasing order, in each walk.
+  Index lcp(Index j) {
+    const Index shared = lcp_[static_cast<std::size_t>(j)];
+    return shared < kLongLcp ? shared : longLcp_[nextLongLcp_++];
+  }
 
   // Ends the open intervals deeper than `depth` at rb, each a child of the
   // one below it or of a new interval of that depth.
@@ -201,7 +208,15 @@ class ReversedTree {
   std::vector<unsigned char> reversed_;  // until the arrays are made
   unsigned char first_ = 0;              // T's first character
   std::vector<Index> sa_;
-  std::vector<Index> lcp_;     // shared with the suffix sorted before, in suffix order
+  // The length shared with the suffix sorted before, in suffix order: in a
+  // byte, kLongLcp standing for the next of longLcp_ (a domain name's
+  // neighbours rarely share more), so that the array costs 1 byte per
+  // character where 4 would be the peak's largest share after the suffix
+  // array.
+  static constexpr Index kLongLcp = 255;
+  std::vector<unsigned char> lcp_;
+  std::vector<Index> longLcp_;     // the lengths of kLongLcp and more, in suffix order
+  std::size_t nextLongLcp_ = 0;    // the walk's next in longLcp_
   std::vector<unsigned char> bwt_;  // the character before each suffix, in suffix order
   Index start_[257] = {};      // where the suffixes starting with each character begin
   std::vector<Open> stack_;    // the root at the bottom, deeper intervals above
@@ -219,17 +234,25 @@ class CloneIndex {
 
   // The next clone in the walk's order. Throws std::bad_alloc.
   void add(Index lb, Index rb) {
-    if (starts_.empty() || rb != lastEnd_) {
+    const std::size_t k = starts_.size();
+    if (k % 64 == 0) groupStart_.push_back(0);
+    if (k == 0 || rb != lastEnd_) {
       endsHere_.set(static_cast<std::size_t>(rb));
-      firstOf_.push_back(static_cast<std::uint32_t>(starts_.size()));
+      if (groups_ % kSampleEvery == 0) sampled_.push_back(static_cast<std::uint32_t>(k));
+      groupStart_.back() |= std::uint64_t{1} << (k % 64);
+      ++groups_;
       lastEnd_ = rb;
     }
     starts_.push_back(lb);
   }
   // Call once every clone is in. Throws std::bad_alloc.
   void seal() {
-    firstOf_.push_back(static_cast<std::uint32_t>(starts_.size()));
     endsHere_.seal();
+    // Grown by doubling, they may hold twice what they use through the
+    // second walk, the build's peak.
+    starts_.shrink_to_fit();
+    groupStart_.shrink_to_fit();
+    sampled_.shrink_to_fit();
   }
   Index count() const { return static_cast<Index>(starts_.size()); }
 
@@ -238,21 +261,71 @@ class CloneIndex {
   // search (a text of long runs ends thousands of clones at one place).
   Index find(Index lb, Index rb) const {
     if (!endsHere_.test(static_cast<std::size_t>(rb))) return -1;
-    const std::uint32_t r = endsHere_.rank(static_cast<std::size_t>(rb));
-    const auto first = starts_.begin() + firstOf_[r];
-    const auto last = starts_.begin() + firstOf_[r + 1];
+    const std::size_t firstClone = firstOf(endsHere_.rank(static_cast<std::size_t>(rb)));
+    const auto first = starts_.begin() + static_cast<std::ptrdiff_t>(firstClone);
+    const auto last = starts_.begin() + static_cast<std::ptrdiff_t>(nextGroup(firstClone));
     const auto at = std::lower_bound(first, last, lb, std::greater<Index>());
     if (at == last || *at != lb) return -1;
     return n_ + 1 + static_cast<Index>(at - starts_.begin());
   }
 
  private:
+  static constexpr std::uint32_t kSampleEvery = 16;
+
+  static std::size_t lowestBit(std::uint64_t bits) {
+    return RankedBits::bitCount((bits & (~bits + 1)) - 1);
+  }
+  // groupStart_'s bits from clone k on (k < count()), the word holding them in w.
+  std::uint64_t bitsFrom(std::size_t k, std::size_t& w) const {
+    w = k / 64;
+    return groupStart_[w] & (~std::uint64_t{0} << (k % 64));
+  }
+  // The first clone of the r-th right end: from the sampled one before it,
+  // past the starts of the groups between (a few words).
+  std::size_t firstOf(std::uint32_t r) const {
+    std::size_t w = 0;
+    std::uint64_t bits = bitsFrom(sampled_[r / kSampleEvery], w);
+    std::uint32_t skip = r % kSampleEvery;
+    for (std::uint32_t here = RankedBits::bitCount(bits); skip >= here;
+         here = RankedBits::bitCount(bits)) {
+      skip -= here;
+      bits = groupStart_[++w];
+    }
+    for (; skip > 0; --skip) bits &= bits - 1;
+    return w * 64 + lowestBit(bits);
+  }
+  // The first clone of the group after the one that clone k starts, or count().
+  std::size_t nextGroup(std::size_t k) const {
+    if (++k >= starts_.size()) return starts_.size();
+    std::size_t w = 0;
+    for (std::uint64_t bits = bitsFrom(k, w);; bits = groupStart_[w]) {
+      if (bits != 0) return std::min(w * 64 + lowestBit(bits), starts_.size());
+      if (++w == groupStart_.size()) return starts_.size();
+    }
+  }
+
   Index n_;
   Index lastEnd_ = -1;
-  RankedBits endsHere_;                 // right ends of clones
-  std::vector<std::uint32_t> firstOf_;  // per such right end, +1: its first clone
-  std::vector<Index> starts_;           // per clone in order: its left end
+  std::uint32_t groups_ = 0;
+  RankedBits endsHere_;  // right ends of clones
+  // A bit per clone, set for the first of those ending where it does; and
+  // every kSampleEvery-th such first clone, so that the r-th is found
+  // without an offset per right end.
+  std::vector<std::uint64_t> groupStart_;
+  std::vector<std::uint32_t> sampled_;
+  std::vector<Index> starts_;  // per clone in order: its left end
 };
+
+// The keys proper: a value given by extend alone may claim no length, or
+// more than the text before it. Throws std::bad_alloc.
+std::vector<StoredKey> storedKeys(const std::vector<ValuedKey>& keys) {
+  std::vector<StoredKey> stored;
+  stored.reserve(keys.size());
+  for (const ValuedKey& k : keys) {
+    if (k.length > 0 && k.length <= k.end + 1) stored.push_back(StoredKey{k.end, k.length});
+  }
+  return stored;
+}
 
 }  // namespace
 
@@ -261,19 +334,12 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
                                                            std::int64_t maxStates,
                                                            std::int64_t& states) {
   const auto n = static_cast<Index>(text.size());
-  // The keys proper: a value given by extend alone may claim no length, or
-  // more than the text before it.
-  std::vector<StoredKey> stored;
-  stored.reserve(keys.size());
-  for (const ValuedKey& k : keys) {
-    if (k.length > 0 && k.length <= k.end + 1) stored.push_back(StoredKey{k.end, k.length});
-  }
   if (n == 0) {
     states = 1;
     if (maxStates < 1) return nullptr;
     Builder empty(1, 0, Sizes{0, 0, 0});
     empty.beginState(0, kNoValue);
-    return empty.finish(stored, {});
+    return empty.finish(storedKeys(keys), {});
   }
   // The value at each end position of T.
   RankedBits keyEnds;
@@ -289,23 +355,34 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   // First walk: the clones, and what each state stores.
   CloneIndex clones(n);
   std::vector<bool> cloneValued;
-  // Stored transitions per state: the prefix states', then the clones' as found.
-  std::vector<std::uint16_t> edges(static_cast<std::size_t>(n) + 1, 0);
-  std::vector<std::uint16_t> cloneEdges;
+  // Stored transitions per state: the prefix states', then the clones' as
+  // found, in a byte each while they last, kManyEdges standing for the count
+  // kept in manyEdges (a state rarely follows 255 characters or more).
+  constexpr std::uint8_t kManyEdges = 255;
+  std::vector<std::uint8_t> edges(static_cast<std::size_t>(n) + 1, 0);
+  std::vector<std::uint8_t> cloneEdges;
+  std::vector<std::pair<Index, std::uint16_t>> manyEdges;  // (state, count), sorted once complete
+  const auto count = [&](Index state, std::size_t stored) {
+    if (stored < kManyEdges) return static_cast<std::uint8_t>(stored);
+    manyEdges.emplace_back(state, static_cast<std::uint16_t>(stored));
+    return kManyEdges;
+  };
   tree->walk([&](const Node& node) {
     if (node.kind == NodeKind::kRoot) return;
     // A prefix state's transition on the next character of T is the text's.
     const std::size_t fromText = node.kind == NodeKind::kPrefix && node.maxSuffix > 0 ? 1 : 0;
-    const auto stored = static_cast<std::uint16_t>(node.reaches - fromText);
+    const std::size_t stored = node.reaches - fromText;
     if (node.kind == NodeKind::kPrefix) {
-      edges[static_cast<std::size_t>(prefixState(node.maxSuffix))] = stored;
+      const Index state = prefixState(node.maxSuffix);
+      edges[static_cast<std::size_t>(state)] = count(state, stored);
       return;
     }
+    cloneEdges.push_back(count(n + 1 + clones.count(), stored));
     clones.add(node.lb, node.rb);
     cloneValued.push_back(valuedAt(firstEnd(node)));
-    cloneEdges.push_back(stored);
   });
   clones.seal();
+  std::sort(manyEdges.begin(), manyEdges.end());
   states = 1 + static_cast<std::int64_t>(n) + static_cast<std::int64_t>(clones.count());
   if (states > maxStates) return nullptr;
 
@@ -318,8 +395,12 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   f.targetWidth_ = states <= (1 << 24) ? 3 : 4;
   f.hasEdges_.resize(total);
   f.valued_.resize(total);
-  const auto edgesOf = [&](std::size_t s) {
-    return s < edges.size() ? edges[s] : cloneEdges[s - edges.size()];
+  const auto edgesOf = [&](std::size_t s) -> std::size_t {
+    const std::uint8_t stored = s < edges.size() ? edges[s] : cloneEdges[s - edges.size()];
+    if (stored < kManyEdges) return stored;
+    const auto many = std::lower_bound(manyEdges.begin(), manyEdges.end(),
+                                       std::make_pair(static_cast<Index>(s), std::uint16_t{0}));
+    return many->second;
   };
   std::size_t withEdges = 0;
   for (std::size_t s = 0; s < total; ++s) withEdges += edgesOf(s) > 0 ? 1 : 0;
@@ -332,8 +413,10 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
     edgeCount += edgesOf(s);
   }
   f.edgeStart_.push_back(static_cast<std::uint32_t>(edgeCount));
-  edges = std::vector<std::uint16_t>();
-  cloneEdges = std::vector<std::uint16_t>();
+  edges = std::vector<std::uint8_t>();
+  cloneEdges = std::vector<std::uint8_t>();
+  manyEdges = {};
+  releaseFreedMemory();  // the counts, before the runs take their place
   f.runs_.resize(edgeCount * f.edgeBytes());
   for (const ValuedKey& k : keys) f.valued_.set(static_cast<std::size_t>(k.end) + 1);
   for (std::size_t c = 0; c < cloneValued.size(); ++c) {
@@ -390,6 +473,8 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   tree.reset();  // before the key indexes are made
   f.text_ = std::move(text);
   text = std::vector<unsigned char>();
+  // Only now, not to be held beside the arrays of the walks.
+  const std::vector<StoredKey> stored = storedKeys(keys);
   // A key is found whole when its first copy ends in a state of its length.
   std::vector<StoredKey> whole;
   for (const StoredKey& k : stored) {

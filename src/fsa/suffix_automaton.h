@@ -14,7 +14,7 @@
 // every lookup as before. An automaton constructed kFromText never builds the
 // online states: it keeps the text and its key ends (1 byte per character, 12
 // per key) and finish() makes the read-only form straight from them, at a
-// peak of about 30 bytes per character (the suffix array and its companions,
+// peak of about 20 bytes per character (the suffix array and its companions,
 // then the frozen form beside them). Owns its states, transitions and
 // text. Not thread-safe: callers serialise every access.
 #ifndef TPA_FSA_SUFFIX_AUTOMATON_H_
@@ -143,6 +143,8 @@ class SuffixAutomaton {
     }
     const int n = static_cast<int>(size);
     if (collected_ && n >= 1) {
+      Collected::roomFor(collected_->text, static_cast<std::size_t>(n));
+      Collected::roomFor(collected_->keys, 1);
       collected_->text.insert(collected_->text.end(), key, key + n);
       collected_->keys.push_back(ValuedKey{static_cast<std::int32_t>(collected_->text.size()) - 1,
                                            n, static_cast<std::int32_t>(userDefinedValue)});
@@ -163,8 +165,10 @@ class SuffixAutomaton {
   [[nodiscard]] int extend(char ch, SAStateValue<T> value) {
     if (frozen_) return error::TPA_ERROR_ARRAY_OUT_OF_INDEX;  // takes nothing more
     if (collected_) {
+      Collected::roomFor(collected_->text, 1);
       collected_->text.push_back(static_cast<unsigned char>(ch));
       if (value != SAStateValue<T>()) {
+        Collected::roomFor(collected_->keys, 1);
         collected_->keys.push_back(
             ValuedKey{static_cast<std::int32_t>(collected_->text.size()) - 1,
                       value.storedKeyLength(), static_cast<std::int32_t>(value.userDefinedValue())});
@@ -525,6 +529,16 @@ class SuffixAutomaton {
   struct Collected {
     std::vector<unsigned char> text;
     std::vector<ValuedKey> keys;
+
+    // Grows v for `more` values by an eighth, not the library's doubling:
+    // the text outgrows its reservation (framing makes it longer than the
+    // rules' bytes) by a little, and what a doubled block leaves unused may
+    // be resident, reused heap, through the whole build. Throws
+    // std::bad_alloc.
+    template <typename V>
+    static void roomFor(std::vector<V>& v, std::size_t more) {
+      if (v.size() + more > v.capacity()) v.reserve(v.size() + more + v.size() / 8);
+    }
   };
 
   // Appends the collected text to fresh online states until an extend fails.

@@ -15,16 +15,21 @@ struct Buckets {
   std::vector<Index> sStart;
 };
 
-// Induces the order of every suffix from the LMS suffixes listed in `lms`
-// (in the order they are to keep): L-types left to right, S-types right to
-// left. `lType[i]`: the suffix at i is larger than the one at i + 1 (the
-// last suffix, before the empty end, always is).
-template <typename Symbol>
+// Whether the suffix at i is an LMS suffix: S-type after an L-type.
+inline bool isLms(const std::vector<bool>& lType, Index i) {
+  return i > 0 && lType[static_cast<std::size_t>(i - 1)] && !lType[static_cast<std::size_t>(i)];
+}
+
+// Induces the order of every suffix from the LMS suffixes, given by
+// `placeLms(place)` calling place(d) for each in the order they are to keep:
+// L-types left to right, S-types right to left. `lType[i]`: the suffix at i
+// is larger than the one at i + 1 (the last suffix, before the empty end,
+// always is).
+template <typename Symbol, typename PlaceLms>
 void induce(const Symbol* s, Index n, const std::vector<bool>& lType, const Buckets& b,
-            const std::vector<Index>& lms, std::vector<Index>& sa) {
-  std::fill(sa.begin(), sa.end(), -1);
+            PlaceLms placeLms, std::vector<Index>& sa) {
   std::vector<Index> next(b.sStart);
-  for (const Index d : lms) sa[static_cast<std::size_t>(next[s[d]]++)] = d;
+  placeLms([&](Index d) { sa[static_cast<std::size_t>(next[s[d]]++)] = d; });
   next = b.lStart;
   sa[static_cast<std::size_t>(next[s[n - 1]]++)] = n - 1;  // after the empty end
   for (Index i = 0; i < n; ++i) {
@@ -42,6 +47,13 @@ void induce(const Symbol* s, Index n, const std::vector<bool>& lType, const Buck
   }
 }
 
+// The end of the LMS substring at LMS position p: the next LMS position, or n.
+inline Index lmsEnd(const std::vector<bool>& lType, Index n, Index p) {
+  Index e = p + 1;
+  while (e < n && !isLms(lType, e)) ++e;
+  return e;
+}
+
 // Whether the LMS substrings starting at l and r (each up to the next LMS
 // position, `endL` and `endR`, or the end) are equal.
 template <typename Symbol>
@@ -51,6 +63,33 @@ bool sameLms(const Symbol* s, Index n, Index l, Index endL, Index r, Index endR)
     if (s[l] != s[r]) return false;
   }
   return l < n && r < n && s[l] == s[r];
+}
+
+// Names the LMS substrings, whose sorted order sa[0, m) holds, in that
+// order (equal ones share a name), and returns the names in text order, the
+// reduced string; `names` gets the largest. The names are parked in
+// sa[m + p / 2] for LMS position p (two LMS positions are at least two
+// apart, and m <= n / 2), so that no array of n is needed beside sa.
+template <typename Symbol>
+std::vector<Index> nameLms(const Symbol* s, Index n, const std::vector<bool>& lType, Index m,
+                           std::vector<Index>& sa, Index& names) {
+  std::fill(sa.begin() + m, sa.end(), -1);
+  names = 0;
+  Index prev = sa[0], prevEnd = lmsEnd(lType, n, prev);
+  sa[static_cast<std::size_t>(m + prev / 2)] = 0;
+  for (Index i = 1; i < m; ++i) {
+    const Index r = sa[static_cast<std::size_t>(i)];
+    const Index rEnd = lmsEnd(lType, n, r);
+    if (!sameLms(s, n, prev, prevEnd, r, rEnd)) ++names;
+    sa[static_cast<std::size_t>(m + r / 2)] = names;
+    prev = r, prevEnd = rEnd;
+  }
+  std::vector<Index> reduced(static_cast<std::size_t>(m));
+  std::size_t k = 0;
+  for (Index j = m; j < n; ++j) {
+    if (sa[static_cast<std::size_t>(j)] >= 0) reduced[k++] = sa[static_cast<std::size_t>(j)];
+  }
+  return reduced;
 }
 
 // SA-IS over symbols 0..upper. Recurses on the reduced string of LMS names,
@@ -84,45 +123,35 @@ std::vector<Index> sais(const Symbol* s, Index n, Index upper) {
     b.lStart[static_cast<std::size_t>(c) + 1] += b.sStart[static_cast<std::size_t>(c)];
   }
 
-  std::vector<Index> lmsName(static_cast<std::size_t>(n), -1);  // LMS position -> its index
-  std::vector<Index> lms;
-  for (Index i = 1; i < n; ++i) {
-    if (lType[static_cast<std::size_t>(i - 1)] && !lType[static_cast<std::size_t>(i)]) {
-      lmsName[static_cast<std::size_t>(i)] = static_cast<Index>(lms.size());
-      lms.push_back(i);
+  const auto lmsInTextOrder = [&](auto place) {
+    for (Index i = 1; i < n; ++i) {
+      if (isLms(lType, i)) place(i);
     }
+  };
+  std::fill(sa.begin(), sa.end(), -1);
+  induce(s, n, lType, b, lmsInTextOrder, sa);
+  // The LMS suffixes, now sorted by their LMS substrings, to the front.
+  Index m = 0;
+  for (Index i = 0; i < n; ++i) {
+    const Index v = sa[static_cast<std::size_t>(i)];
+    if (v >= 0 && isLms(lType, v)) sa[static_cast<std::size_t>(m++)] = v;
   }
-  const auto m = static_cast<Index>(lms.size());
-  induce(s, n, lType, b, lms, sa);
   if (m == 0) return sa;
 
-  // Name the LMS substrings in sorted order; equal ones share a name.
-  std::vector<Index> sorted;
-  sorted.reserve(static_cast<std::size_t>(m));
-  for (const Index v : sa) {
-    if (v >= 0 && lmsName[static_cast<std::size_t>(v)] >= 0) sorted.push_back(v);
-  }
-  std::vector<Index> reduced(static_cast<std::size_t>(m));
   Index names = 0;
-  const auto lmsEnd = [&](Index p) {
-    const Index k = lmsName[static_cast<std::size_t>(p)] + 1;
-    return k < m ? lms[static_cast<std::size_t>(k)] : n;
-  };
-  reduced[static_cast<std::size_t>(lmsName[static_cast<std::size_t>(sorted[0])])] = 0;
-  for (Index i = 1; i < m; ++i) {
-    const Index l = sorted[static_cast<std::size_t>(i - 1)];
-    const Index r = sorted[static_cast<std::size_t>(i)];
-    if (!sameLms(s, n, l, lmsEnd(l), r, lmsEnd(r))) ++names;
-    reduced[static_cast<std::size_t>(lmsName[static_cast<std::size_t>(r)])] = names;
-  }
-  lmsName = std::vector<Index>();
-  const std::vector<Index> reducedSa = sais(reduced.data(), m, names);
-  reduced = std::vector<Index>();
-  for (Index i = 0; i < m; ++i) {
-    sorted[static_cast<std::size_t>(i)] =
-        lms[static_cast<std::size_t>(reducedSa[static_cast<std::size_t>(i)])];
-  }
-  induce(s, n, lType, b, sorted, sa);
+  std::vector<Index> order = nameLms(s, n, lType, m, sa, names);
+  order = sais(order.data(), m, names);
+  // The LMS positions, in text order, mapped through the reduced string's
+  // suffix array: the LMS suffixes sorted.
+  Index k = 0;
+  lmsInTextOrder([&](Index i) { sa[static_cast<std::size_t>(k++)] = i; });
+  for (Index& lms : order) lms = sa[static_cast<std::size_t>(lms)];
+  std::fill(sa.begin(), sa.end(), -1);
+  induce(s, n, lType, b,
+         [&](auto place) {
+           for (const Index d : order) place(d);
+         },
+         sa);
   return sa;
 }
 

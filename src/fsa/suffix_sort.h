@@ -4,9 +4,12 @@
 //
 // suffixArray follows SA-IS (Nong, Zhang and Chan, "Two efficient algorithms
 // for linear time suffix array construction"): O(n) time, the array itself
-// plus about 10n bytes while it runs (a level's types, LMS positions and
-// names; each reduced level is at most half the one above, so the recursion
-// is at most log2(n) deep). A suffix that is a prefix of another sorts before it.
+// plus, while it runs, a bit per character for the types and the reduced
+// string of at most n/2 names (named in the array's unused part), then the
+// same for the reduced string, at most half as long (with bucket arrays as
+// long as its names are many), so that the recursion is at most log2(n)
+// deep; about 12n bytes in all on domain names. A suffix that is a prefix of
+// another sorts before it.
 // prefixLcp is Kasai et al.'s algorithm in its permuted form (Karkkainen,
 // Manzini and Puglisi): O(n), one array of 4n bytes, filled in place.
 // Pure functions; every one may throw std::bad_alloc.

@@ -301,18 +301,13 @@ int addressOf(const std::string& text, unsigned char* bytes) {
 
 // The fixed-width text the map stores an address as.
 std::string fixedWidth(const unsigned char* bytes, int family) {
-  char text[64];
-  if (family == 4) {
-    std::snprintf(text, sizeof text, "%03d.%03d.%03d.%03d", bytes[0], bytes[1], bytes[2], bytes[3]);
-  } else {
-    std::string out;
-    for (int i = 0; i < 16; ++i) {
-      std::snprintf(text, sizeof text, "%02x", bytes[i]);
-      out += (i > 0 && i % 2 == 0 ? ":" : "") + std::string(text);
-    }
-    return out;
+  std::string out;
+  for (int i = 0; i < (family == 4 ? 4 : 16); ++i) {
+    char text[8];
+    std::snprintf(text, sizeof text, family == 4 ? "%03d" : "%02x", bytes[i]);
+    out += (i == 0 ? "" : family == 4 ? "." : i % 2 == 0 ? ":" : "") + std::string(text);
   }
-  return text;
+  return out;
 }
 
 bool inClass(const Reported& c, const std::string& destination) {

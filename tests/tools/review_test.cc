@@ -37,7 +37,7 @@ TEST(TpaDiff, ReportsEachChangedClassWithReasonsAndExitStatus) {
         "old: rule number 1: include list, wildcard \"#*.x.test$11\" (only include matched); new: "
         "rule number 1, then rule number 0: no list matched, the default\n",
         "changed: 1 of 24 classes (include to exclude 1)\n"}},
-      // The classes themselves, in json, are the model test's below.
+      // In json only the summary: the model test below reads the classes.
       {"[{'match_apps':['m'],'include':['*.x.test'],'id':'1'}]", cdn, "", "--format=json", 1,
        {"{\"summary\":{\"classes\":24,\"changed\":1,\"include_to_exclude\":1,"}},
       {base, "[{'match_apps':['m'],'include':['*.x.test','10.0.0.0/9'],'id':'1'}]", "", "", 1,

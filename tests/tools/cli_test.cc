@@ -27,9 +27,14 @@ using tools::nearestRuleKey;
 
 const std::string kRules = "examples/rules.json";
 
+// Usage errors name the help to read; check --strict fails on warnings with
+// a status of its own, while a failed build keeps its own.
 TEST(TpaCli, ExitCodesAndMessagesFollowTheContract) {
   const std::string failed = "tpa: build failed: -4 TPA_ERROR_JSON_PARSE_MISMATCH\n";
   const std::string throwing = doc("[{'include':['ok.test', 'face/']}]");
+  const std::string fine = doc("[{'id':'1','include':['x.test']}]");
+  const std::string dot = doc("[{'id':'1','include':['x.test.']}]");
+  const std::string strict = "tpa: check --strict: 1 warning\n";
   TempFile file(throwing);
   const struct {
     std::string command, input;
@@ -37,7 +42,8 @@ TEST(TpaCli, ExitCodesAndMessagesFollowTheContract) {
     std::string part;  // of standard output on success, else of standard error
   } cases[] = {
       // clang-format off
-      {"", "", 64, "missing COMMAND"}, {"frob", "", 64, "unknown command 'frob'"},
+      {"", "", 64, "missing COMMAND"},
+      {"frob", "", 64, "unknown command 'frob' (see 'tpa --help')\n"},
       {"--help", "", 0, "usage: tpa COMMAND RULES"}, {"query", "", 64, "query: missing RULES"},
       {"query - com.example.mail", "", 64, "APP and DEST come in pairs"},
       {"query -", "", 64, "cannot both come from standard input"},
@@ -47,6 +53,20 @@ TEST(TpaCli, ExitCodesAndMessagesFollowTheContract) {
       {"query /nonexistent/rules.json", "", 66, "cannot read /nonexistent/rules.json"},
       {"show /", "", 66, "cannot read /: Is a directory"},
       {"query - a b", "[{}", 2, failed}, {"check -", "[{}", 2, failed},
+      {"--version", "", 0, "tpa 0."}, {"help", "", 0, "usage: tpa COMMAND RULES"},
+      {"help diff", "", 0, "usage: tpa diff [--format=text|json|github] OLD NEW [QUERIES]"},
+      {"help frob", "", 64, "tpa: help: unknown command 'frob' (see 'tpa --help')\n"},
+      {"help diff check", "", 64, "help: takes one COMMAND at most"},
+      {"diff a", "", 64, "tpa: diff: takes OLD NEW [QUERIES] (see 'tpa diff --help')\n"},
+      {"show", "", 64, "tpa: show: missing RULES (see 'tpa show --help')\n"},
+      {"diff --format=xml a b", "", 64,
+       "bad value in option '--format=xml' (expected text, json or github) (see 'tpa diff --help')"},
+      {"explain --format=github - a b", "", 64, "(expected text or json)"},
+      {"query --strict -", "", 64, "query: unknown option '--strict' (see 'tpa query --help')"},
+      {"check --strict -", fine, 0, "warnings: 0\n"}, {"check -", dot, 0, "warnings: 1\n"},
+      {"check --strict -", dot, 4, strict}, {"check --strict --format=github -", dot, 4, strict},
+      {"check --strict -", throwing, 3, "value \"face/\" at <stdin>:1:"},
+      {"check --strict -", dot.substr(0, dot.size() - 1), 2, "build failed: -4"},
       // clang-format on
       {"show -", throwing, 3, "value \"face/\" at <stdin>:1:"},
       {"check " + file.path(), "", 3, "value \"face/\" at " + file.path() + ":1:"},
@@ -54,59 +74,12 @@ TEST(TpaCli, ExitCodesAndMessagesFollowTheContract) {
   for (const auto& c : cases) {
     const ToolResult r = runTool(words(c.command), c.input);
     EXPECT_EQ(r.exitCode, c.code) << c.command << "\n" << r.err;
-    EXPECT_TRUE(has(c.code == 0 ? r.out : r.err, c.part)) << c.command;
+    EXPECT_TRUE(has(c.code == 0 ? r.out : r.err, c.part)) << c.command << "\n" << r.out << r.err;
     EXPECT_EQ(r.err.empty(), c.code == 0) << c.command;
     // Of the failures, only a failed check writes anything (its report) on standard output.
     EXPECT_EQ(r.out.empty(), c.code != 0 && c.command.rfind("check", 0) != 0) << c.command;
   }
-}
-
-TEST(TpaCli, VersionHelpAndUsageErrorsNameTheHelpToRead) {
-  const struct {
-    std::string command;
-    int code;
-    std::string part;  // of standard output on success, else of standard error
-  } cases[] = {
-      {"--version", 0, "tpa 0."},
-      {"help", 0, "usage: tpa COMMAND RULES"},
-      {"help diff", 0, "usage: tpa diff [--format=text|json|github] OLD NEW [QUERIES]"},
-      {"help frob", 64, "tpa: help: unknown command 'frob' (see 'tpa --help')\n"},
-      {"help diff check", 64, "help: takes one COMMAND at most"},
-      {"frob", 64, "unknown command 'frob' (see 'tpa --help')\n"},
-      {"diff a", 64, "tpa: diff: takes OLD NEW [QUERIES] (see 'tpa diff --help')\n"},
-      {"show", 64, "tpa: show: missing RULES (see 'tpa show --help')\n"},
-      {"diff --format=xml a b", 64,
-       "bad value in option '--format=xml' (expected text, json or github) (see 'tpa diff "
-       "--help')"},
-      {"explain --format=github - a b", 64, "(expected text or json)"},
-      {"query --strict -", 64, "query: unknown option '--strict' (see 'tpa query --help')"},
-  };
-  for (const auto& c : cases) {
-    const ToolResult r = runTool(words(c.command));
-    EXPECT_EQ(r.exitCode, c.code) << c.command << "\n" << r.err;
-    EXPECT_TRUE(has(c.code == 0 ? r.out : r.err, c.part)) << c.command << "\n" << r.out << r.err;
-  }
   EXPECT_EQ(runTool({"help", "check"}).out, runTool({"check", "--help"}).out);
-}
-
-// --strict: warnings fail with their own status; a failed build keeps its own.
-TEST(TpaCheck, StrictFailsOnWarningsOnly) {
-  const struct {
-    std::string document, options;
-    int code;
-  } cases[] = {
-      {"[{'id':'1','include':['x.test']}]", "--strict", 0},
-      {"[{'id':'1','include':['x.test.']}]", "", 0},
-      {"[{'id':'1','include':['x.test.']}]", "--strict", 4},
-      {"[{'id':'1','include':['x.test.']}]", "--strict --format=github", 4},
-      {"[{'id':'1','include':['face/']}]", "--strict", 3},
-      {"[{'id':'1','include':['x.test.']}", "--strict", 2},
-  };
-  for (const auto& c : cases) {
-    const ToolResult r = runTool(words("check " + c.options + " -"), doc(c.document));
-    EXPECT_EQ(r.exitCode, c.code) << c.document << c.options << "\n" << r.err;
-    EXPECT_EQ(has(r.err, "tpa: check --strict: 1 warning\n"), c.code == 4) << r.err;
-  }
 }
 
 // Every command that writes a report says so when standard output is full.
@@ -117,22 +90,10 @@ TEST(TpaCli, NamesAnUnwritableOutput) {
       {"explain", rules.path(), "a", "b"}, {"diff", rules.path(), rules.path()},
       {"import", "domains", list.path()}, {"--version"}, {"help", "show"}};
   for (const auto& args : commands) {
-    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
-    ASSERT_GE(full, 0);
-    TempFile errors("");
-    const int err = open(errors.path().c_str(), O_WRONLY | O_CLOEXEC);
-    const pid_t pid = startTool(args, 0, full, err);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    close(full);
-    close(err);
-    std::string message;
-    FILE* f = std::fopen(errors.path().c_str(), "r");
-    for (int ch; f != nullptr && (ch = std::fgetc(f)) != EOF;) message += static_cast<char>(ch);
-    if (f != nullptr) std::fclose(f);
-    EXPECT_EQ(WEXITSTATUS(status), 74) << args[0] << "\n" << message;
-    EXPECT_TRUE(has(message, "tpa: cannot write standard output: No space left on device\n"))
-        << args[0] << "\n" << message;
+    const ToolResult r = runTool(args, "", "/dev/full");
+    EXPECT_EQ(r.exitCode, 74) << args[0] << "\n" << r.err;
+    EXPECT_TRUE(has(r.err, "tpa: cannot write standard output: No space left on device\n"))
+        << args[0] << "\n" << r.err;
   }
 }
 

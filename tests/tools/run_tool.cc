@@ -59,10 +59,11 @@ std::string contentOf(const TempFile& file) {
 }
 
 // Standard input comes from a file too: nothing to block on, no pipe to break.
-ToolResult runTool(const std::vector<std::string>& args, const std::string& input) {
+ToolResult runTool(const std::vector<std::string>& args, const std::string& input,
+                   const char* output) {
   const TempFile in(input), out(""), err("");
   const int fds[] = {open(in.path().c_str(), O_RDONLY | O_CLOEXEC),
-                     open(out.path().c_str(), O_WRONLY | O_CLOEXEC),
+                     open(output != nullptr ? output : out.path().c_str(), O_WRONLY | O_CLOEXEC),
                      open(err.path().c_str(), O_WRONLY | O_CLOEXEC)};
   const pid_t pid = startTool(args, fds[0], fds[1], fds[2]);
   for (int fd : fds) close(fd);

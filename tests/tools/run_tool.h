@@ -17,8 +17,10 @@ struct ToolResult {
   std::string out, err;
 };
 
-// Runs `tpa args...` with `input` on its standard input.
-ToolResult runTool(const std::vector<std::string>& args, const std::string& input = "");
+// Runs `tpa args...` with `input` on its standard input and standard output
+// into `output` when given (then `out` stays empty).
+ToolResult runTool(const std::vector<std::string>& args, const std::string& input = "",
+                   const char* output = nullptr);
 
 // Starts `tpa args...` with `in`, `out` and `err` as its standard descriptors.
 pid_t startTool(const std::vector<std::string>& args, int in, int out, int err);

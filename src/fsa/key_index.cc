@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 
 namespace tpa::fsa {
 
@@ -53,158 +54,161 @@ void WholeKeyIndex::build(const unsigned char* text, const std::vector<StoredKey
 
 namespace {
 
-// A hash as filed: the low bit is the flag, and 0 means empty.
-std::uint64_t filed(std::uint64_t h) {
-  h &= ~std::uint64_t{1};
-  return h == 0 ? 2 : h;
+// The smallest power of two of at least n (and 2) entries, as the shift that
+// takes an index from the top bits of a 64-bit word.
+unsigned shiftFor(std::size_t n) {
+  unsigned log = 1;
+  while ((std::size_t{1} << log) < n) ++log;
+  return 64 - log;
 }
+
+// A tail found in the text, before it is filed: where it ends.
+struct FoundTail {
+  std::int32_t end;
+  std::uint32_t length;
+  std::uint64_t hash;
+};
 
 }  // namespace
 
-void WildcardTails::HashSet::insert(std::uint64_t h, bool flag) {
-  if (2 * (used_ + 1) > slots_.size()) rehash(slots_.empty() ? 16 : 2 * slots_.size());
-  place(filed(h), flag);
-}
-
-void WildcardTails::HashSet::fit() {
-  if (!slots_.empty()) rehash(used_ + used_ / 2 + 1);
-}
-
-void WildcardTails::HashSet::rehash(std::size_t size) {
-  std::vector<std::uint64_t> old(size, 0);
-  old.swap(slots_);
-  used_ = 0;
-  for (const std::uint64_t e : old) {
-    if (e != 0) place(e & ~std::uint64_t{1}, (e & 1) != 0);
-  }
-}
-
-void WildcardTails::HashSet::place(std::uint64_t want, bool flag) {
-  for (std::size_t i = home(want);; i = next(i)) {
-    std::uint64_t& e = slots_[i];
-    if (e == 0) {
-      e = want | (flag ? 1 : 0);
-      ++used_;
-      return;
-    }
-    if ((e | 1) == (want | 1)) {
-      if (flag) e |= 1;
-      return;
-    }
-  }
-}
-
-std::uint64_t WildcardTails::HashSet::find(std::uint64_t h) const {
-  if (slots_.empty()) return 0;
-  const std::uint64_t want = filed(h);
-  for (std::size_t i = home(want);; i = next(i)) {
-    const std::uint64_t e = slots_[i];
-    if (e == 0 || (e | 1) == (want | 1)) return e;
-  }
-}
-
 void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey>& keys) {
-  // The tail behind each key's first '*' (the later ones are its endings).
-  std::vector<StoredKey> starred;
+  // Every '*' of a key starts a tail that runs to the key's end; one pass
+  // from the end hashes them all.
+  std::vector<FoundTail> found;
+  std::uint32_t shortest = kMaxAnchor;
   for (const StoredKey& k : keys) {
     const int begin = k.end + 1 - k.length;
-    const void* star = std::memchr(text + begin, '*', static_cast<std::size_t>(k.length));
-    if (star == nullptr) continue;
-    const int first = static_cast<int>(static_cast<const unsigned char*>(star) - text);
-    if (first < k.end) starred.push_back(StoredKey{k.end, k.end - first});
-  }
-  if (starred.empty()) return;
-  lastPairs_.assign(65536 / 64, 0);
-  for (const StoredKey& t : starred) {
-    if (!lastChar_[text[t.end]]) lastChars_.push_back(static_cast<char>(text[t.end]));
-    lastChar_[text[t.end]] = true;
-    if (t.length >= 2) {
-      const unsigned pair = text[t.end - 1] << 8 | text[t.end];
-      lastPairs_[pair >> 6] |= std::uint64_t{1} << (pair & 63);
-    }
+    if (std::memchr(text + begin, '*', static_cast<std::size_t>(k.length)) == nullptr) continue;
     std::uint64_t h = 0, power = 1;
-    for (int length = 1; length <= t.length; ++length) {
-      const int i = t.end + 1 - length;
+    for (int i = k.end; i > begin; --i) {
       h += text[i] * power;
       power *= kBase;
-      const bool tail = text[i - 1] == '*';
-      if (tail && length == 1) singleCharacterTail_ = true;
-      if (length <= kEnding) {
-        endings_.insert(h, tail);
-        continue;
-      }
-      const bool checkpoint = (length - kEnding) % kCheckpointEvery == 0;
-      if (!tail && !checkpoint) continue;
-      longer_.insert(h, tail);
-      if (lengths_.size() <= static_cast<std::size_t>(length)) lengths_.resize(length + 1, 0);
-      lengths_[static_cast<std::size_t>(length)] |=
-          (tail ? kTailLength : 0) | (checkpoint ? kCheckpoint : 0);
+      if (text[i - 1] != '*') continue;
+      const auto length = static_cast<std::uint32_t>(k.end + 1 - i);
+      found.push_back(FoundTail{k.end, length, h});
+      shortest = std::min(shortest, length);
     }
   }
-  endings_.fit();
-  longer_.fit();
+  if (found.empty()) return;
+  anchor_ = static_cast<int>(shortest);
+  unsigned char mask[kMaxAnchor] = {};
+  std::memset(mask + (kMaxAnchor - anchor_), 0xff, static_cast<std::size_t>(anchor_));
+  std::memcpy(&anchorMask_, mask, sizeof anchorMask_);
+  std::vector<std::pair<std::uint64_t, Tail>> anchored;
+  anchored.reserve(found.size());
+  for (const FoundTail& t : found) {
+    anchored.emplace_back(anchorAt(text, t.end), Tail{t.hash, t.length, 0});
+    lastChar_[text[t.end]] = true;
+  }
+  std::vector<FoundTail>().swap(found);
+  fileTails(anchored);
+}
+
+void WildcardTails::fileTails(std::vector<std::pair<std::uint64_t, Tail>>& anchored) {
+  const auto order = [](const std::pair<std::uint64_t, Tail>& a,
+                        const std::pair<std::uint64_t, Tail>& b) {
+    return std::make_tuple(a.first, a.second.length, a.second.hash) <
+           std::make_tuple(b.first, b.second.length, b.second.hash);
+  };
+  const auto same = [](const std::pair<std::uint64_t, Tail>& a,
+                       const std::pair<std::uint64_t, Tail>& b) {
+    return a.first == b.first && a.second.length == b.second.length &&
+           a.second.hash == b.second.hash;
+  };
+  std::sort(anchored.begin(), anchored.end(), order);
+  anchored.erase(std::unique(anchored.begin(), anchored.end(), same), anchored.end());
+  std::size_t anchors = 0;
+  for (std::size_t i = 0; i < anchored.size(); ++i) {
+    if (i == 0 || anchored[i].first != anchored[i - 1].first) ++anchors;
+  }
+  seenShift_ = shiftFor(std::max<std::size_t>(16 * anchors, 64));
+  seen_.assign((std::size_t{1} << (64 - seenShift_)) / 64, 0);
+  bucketShift_ = shiftFor(2 * anchors);
+  buckets_.assign(std::size_t{1} << (64 - bucketShift_), Bucket{0, 0, 0});
+  tails_.reserve(anchored.size());
+  for (std::size_t i = 0; i < anchored.size();) {
+    const std::uint64_t anchor = anchored[i].first;
+    const auto begin = static_cast<std::uint32_t>(tails_.size());
+    for (; i < anchored.size() && anchored[i].first == anchor; ++i) {
+      tails_.push_back(anchored[i].second);
+    }
+    for (std::size_t t = tails_.size() - 1; t > begin; --t) {
+      if (tails_[t - 1].length == tails_[t].length) {
+        tails_[t - 1].sameLength = tails_[t].sameLength + 1;
+      }
+    }
+    const std::uint64_t mixed = mix(anchor);
+    const std::uint64_t bit = mixed >> seenShift_;
+    seen_[bit >> 6] |= std::uint64_t{1} << (bit & 63);
+    const std::size_t mask = buckets_.size() - 1;
+    std::size_t slot = static_cast<std::size_t>(mixed >> bucketShift_);
+    while (buckets_[slot].end != 0) slot = (slot + 1) & mask;
+    buckets_[slot] = Bucket{anchor, begin, static_cast<std::uint32_t>(tails_.size())};
+  }
+}
+
+const WildcardTails::Bucket* WildcardTails::bucketOf(std::uint64_t anchor,
+                                                     std::uint64_t mixed) const {
+  const std::size_t mask = buckets_.size() - 1;
+  for (std::size_t slot = static_cast<std::size_t>(mixed >> bucketShift_);;
+       slot = (slot + 1) & mask) {
+    const Bucket& b = buckets_[slot];
+    if (b.end == 0) return nullptr;
+    if (b.anchor == anchor) return &b;
+  }
 }
 
 bool WildcardTails::anyPieceIsTail(const char* key, int n) const {
-  if (endings_.empty()) return false;
+  if (anchor_ == 0 || n < anchor_) return false;
   const auto* k = reinterpret_cast<const unsigned char*>(key);
-  // Past a few probes per character the partial lookup itself is cheaper.
+  // Past a few hashed characters per character the partial lookup itself is
+  // cheaper.
   long budget = 4L * n + 64;
-  if (lastChars_.size() <= 2) {
-    // Typically the two list flags: found by memchr instead of a table per byte.
-    for (const char c : lastChars_) {
-      for (const void* at = std::memchr(k, c, static_cast<std::size_t>(n)); at != nullptr;) {
-        const int j = static_cast<int>(static_cast<const unsigned char*>(at) - k);
-        if (tailEndsAt(k, j, budget)) return true;
-        at = std::memchr(k + j + 1, c, static_cast<std::size_t>(n - j - 1));
-      }
-    }
-    return false;
-  }
-  for (int j = 0; j < n; ++j) {
-    if (tailEndsAt(k, j, budget)) return true;
+  for (int j = anchor_ - 1; j < n; ++j) {
+    if (lastChar_[k[j]] && tailsEndingAt(k, j, budget, true) != 0) return true;
   }
   return false;
 }
 
-bool WildcardTails::tailEndsAt(const unsigned char* k, int j, long& budget) const {
-  return tailsEndingAt(k, j, budget, true) != 0;
-}
-
 int WildcardTails::longestTailSuffix(const char* key, int n) const {
-  if (endings_.empty() || n < 1) return 0;
-  long budget = n + 64;
+  if (anchor_ == 0 || n < anchor_) return 0;
+  long budget = n + 64L;  // a piece ending at n - 1 is hashed once: never spent
   const int longest =
       tailsEndingAt(reinterpret_cast<const unsigned char*>(key), n - 1, budget, false);
   return longest < 0 ? 0 : longest;
 }
 
 int WildcardTails::tailsEndingAt(const unsigned char* k, int j, long& budget, bool first) const {
-  if (!lastChar_[k[j]]) return 0;
-  if (!singleCharacterTail_ && (j == 0 || !endsPair(k[j - 1], k[j]))) return 0;
-  const int longest = std::max(kEnding, static_cast<int>(lengths_.size()) - 1);
-  int found = 0;
+  const std::uint64_t anchor = anchorAt(k, j);
+  const std::uint64_t mixed = mix(anchor);
+  if (!maySee(mixed)) return 0;
+  const Bucket* b = bucketOf(anchor, mixed);
+  if (b == nullptr) return 0;
+  // The tails of the anchor by length: each length's piece is hashed once
+  // (growing to the left) and looked up among that length's hashes.
+  const Tail* t = tails_.data() + b->begin;
+  const Tail* const end = tails_.data() + b->end;
+  const auto room = static_cast<std::uint32_t>(j + 1);
   std::uint64_t h = 0, power = 1;
-  // A piece that ends no tail has no longer piece that is a tail: the
-  // endings, and past them the checkpoints, stop the search early.
-  for (int length = 1, last = std::min(j + 1, longest); length <= last; ++length) {
-    h += k[j + 1 - length] * power;
-    power *= kBase;
-    if (--budget < 0) return -1;
-    std::uint64_t e;
-    if (length <= kEnding) {
-      e = endings_.find(h);
-      if (e == 0) break;
-    } else {
-      const std::uint8_t kind = lengths_[static_cast<std::size_t>(length)];
-      if (kind == 0) continue;
-      e = longer_.find(h);
-      if (e == 0 && (kind & kCheckpoint) != 0) break;
+  std::uint32_t hashed = 0;
+  int found = 0;
+  while (t != end && t->length <= room) {
+    const std::uint32_t length = t->length;
+    budget -= length - hashed;
+    if (budget < 0) return -1;
+    for (; hashed < length; ++hashed) {
+      h += k[j - hashed] * power;
+      power *= kBase;
     }
-    if (e & 1) {
-      found = length;
+    const Tail* next = t + 1 + t->sameLength;
+    const Tail* at = t->sameLength < 4 ? std::find_if(t, next, [h](const Tail& x) {
+      return x.hash >= h;
+    }) : std::lower_bound(t, next, h, [](const Tail& x, std::uint64_t v) { return x.hash < v; });
+    if (at != next && at->hash == h) {
+      found = static_cast<int>(length);
       if (first) break;
     }
+    t = next;
   }
   return found;
 }

@@ -12,7 +12,9 @@
 //   piece y of the query read behind it, and reports the key ending at the
 //   first occurrence of "*" + y; that key is longer than y, so "*" + y is its
 //   suffix. The tails that follow a '*' up to the end of a stored key are
-//   kept as hashes, with enough of their endings to stop a search early: a
+//   kept as hashes, filed by their last few characters (their anchor, kept
+//   whole): a query position whose anchor ends no tail is passed over after
+//   a bit test, and one that does compares the tails of that anchor alone. A
 //   query none of whose pieces is a tail cannot match a wildcard. A hash
 //   collision only costs a walk.
 //
@@ -25,6 +27,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tpa::fsa {
@@ -87,8 +90,8 @@ class WildcardTails {
   void build(const unsigned char* text, const std::vector<StoredKey>& keys);
 
   // True when some piece of key[0, n) is a kept tail (or by a hash
-  // collision, or when ruling them out would take more than a few probes per
-  // character); false proves that none is.
+  // collision, or when ruling them out would take more than a few hashed
+  // characters per character); false proves that none is.
   bool anyPieceIsTail(const char* key, int n) const;
 
   // The longest kept tail that is a suffix of key[0, n) (or shares a kept
@@ -96,75 +99,66 @@ class WildcardTails {
   int longestTailSuffix(const char* key, int n) const;
 
   std::size_t bytes() const {
-    return (endings_.capacity() + longer_.capacity() + lastPairs_.capacity()) *
-               sizeof(std::uint64_t) +
-           lengths_.capacity();
+    return seen_.capacity() * sizeof(std::uint64_t) + buckets_.capacity() * sizeof(Bucket) +
+           tails_.capacity() * sizeof(Tail);
   }
 
  private:
-  // Tail endings up to kEnding characters are kept piece by piece, so that a
-  // query whose pieces end like no tail is ruled out after a few characters;
-  // longer tails are kept whole, with checkpoints: every tail's ending of
-  // kEnding + m * kCheckpointEvery characters.
-  static constexpr int kEnding = 6;
-  static constexpr int kCheckpointEvery = 8;
-  static constexpr std::uint8_t kTailLength = 1;  // in lengths_
-  static constexpr std::uint8_t kCheckpoint = 2;
-
-  // A set of 64-bit hashes with linear probing: at most half full while it
-  // grows (it doubles), two thirds once fitted. 0 is empty, and each hash
-  // carries one flag in its low bit.
-  class HashSet {
-   public:
-    // Throws std::bad_alloc.
-    void insert(std::uint64_t h, bool flag);
-    // Shrinks the table to what its entries need. Throws std::bad_alloc.
-    void fit();
-    // The entry of h (the flag in its low bit), or 0.
-    std::uint64_t find(std::uint64_t h) const;
-    std::size_t capacity() const { return slots_.capacity(); }
-    bool empty() const { return slots_.empty(); }
-
-   private:
-    // The hashes are polynomials in the characters: mixed before use.
-    std::size_t home(std::uint64_t h) const {
-      return static_cast<std::size_t>((((h * 0x9e3779b97f4a7c15u) >> 32) * slots_.size()) >> 32);
-    }
-    std::size_t next(std::size_t i) const { return i + 1 == slots_.size() ? 0 : i + 1; }
-    void rehash(std::size_t size);
-    void place(std::uint64_t entry, bool flag);
-
-    std::vector<std::uint64_t> slots_;
-    std::size_t used_ = 0;
-  };
-
+  static constexpr int kMaxAnchor = 8;  // characters: one machine word
   static constexpr std::uint64_t kBase = 0x100000001b3u;
 
-  // Pieces are hashed backwards from their last character: h = sum of
-  // c * kBase^k, k counted from the end, so a piece grows to the left in O(1).
-  // endings_: every tail's endings of up to kEnding characters, flagged when
-  // one is a whole tail; longer_: the longer tails (flagged) and checkpoint
-  // endings; lengths_[l]: what longer_ holds of l characters.
-  // True (or out of budget) when a piece of k ending at j is a kept tail.
-  bool tailEndsAt(const unsigned char* k, int j, long& budget) const;
-  // The length of the longest kept tail (of the first found when `first`)
-  // that is a piece of k ending at j; 0 for none, -1 out of budget.
-  int tailsEndingAt(const unsigned char* k, int j, long& budget, bool first) const;
-  bool endsPair(unsigned char a, unsigned char b) const {
-    const unsigned pair = a << 8 | b;
-    return (lastPairs_[pair >> 6] >> (pair & 63)) & 1;
-  }
+  // A tail: its hash (h = sum of c * kBase^k, k counted from its end, so
+  // that a piece grows to the left in O(1)) and its length.
+  struct Tail {
+    std::uint64_t hash;
+    std::uint32_t length;
+    std::uint32_t sameLength;  // the tails of this length after this one
+  };
+  // The tails of one anchor: tails_[begin, end), by length, then hash.
+  struct Bucket {
+    std::uint64_t anchor;
+    std::uint32_t begin;
+    std::uint32_t end;  // 0: an empty slot (a bucket holds a tail at least)
+  };
 
-  HashSet endings_;
-  HashSet longer_;
-  std::vector<std::uint8_t> lengths_;
+  // The anchor of the piece of k ending at j (j + 1 >= anchor_): the word of
+  // the 8 characters ending at j, masked to its last anchor_ (zeros in front
+  // of the key).
+  std::uint64_t anchorAt(const unsigned char* k, int j) const {
+    std::uint64_t w;
+    if (j >= kMaxAnchor - 1) {
+      std::memcpy(&w, k + (j + 1 - kMaxAnchor), sizeof w);
+    } else {
+      unsigned char b[kMaxAnchor] = {};
+      std::memcpy(b + (kMaxAnchor - 1 - j), k, static_cast<std::size_t>(j + 1));
+      std::memcpy(&w, b, sizeof w);
+    }
+    return w & anchorMask_;
+  }
+  static std::uint64_t mix(std::uint64_t w) { return (w ^ (w >> 29)) * 0x9e3779b97f4a7c15u; }
+  bool maySee(std::uint64_t mixed) const {
+    const std::uint64_t bit = mixed >> seenShift_;
+    return (seen_[bit >> 6] >> (bit & 63)) & 1;
+  }
+  const Bucket* bucketOf(std::uint64_t anchor, std::uint64_t mixed) const;
+  // The length of the longest kept tail (of the first found when `first`)
+  // that is a piece of k ending at j; `budget` is spent on the characters
+  // hashed. 0 for none.
+  int tailsEndingAt(const unsigned char* k, int j, long& budget, bool first) const;
+  void fileTails(std::vector<std::pair<std::uint64_t, Tail>>& anchored);
+
+  // anchor_: the shortest tail's length, at most kMaxAnchor; 0 when there is
+  // no tail. A tail's bucket holds its tails by length, then hash. seen_: a bit per mixed anchor (its top bits), set for every
+  // anchor of a tail. buckets_: open addressing by mixed anchor, linear
+  // probing, at most half full, a power of two.
+  int anchor_ = 0;
+  std::uint64_t anchorMask_ = 0;  // the last anchor_ bytes of a word in memory
+  unsigned seenShift_ = 63;
+  unsigned bucketShift_ = 63;
+  std::vector<std::uint64_t> seen_;
+  std::vector<Bucket> buckets_;
+  std::vector<Tail> tails_;
   bool lastChar_[256] = {};  // the last characters of the tails
-  std::string lastChars_;    // the same, listed
-  // The last two characters of the tails of two or more, a bit per pair; a
-  // query position that ends no such pair is skipped at once, unless some
-  // tail has a single character.
-  std::vector<std::uint64_t> lastPairs_;
-  bool singleCharacterTail_ = false;
 };
 
 }  // namespace tpa::fsa

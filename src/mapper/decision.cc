@@ -121,17 +121,9 @@ int searchWhole(Machine& machine, const Key& key, bool& whole, int& value, Searc
 // Addresses are compared in their fixed-width forms; anything else verbatim.
 // The bit string serves the network-prefix search.
 void normaliseDestination(const std::string& destination, QueryBuffers& b) {
-  if (!cidr::expandIPv6Into(b.destination, destination)) {  // else left unchanged
-    if (cidr::isIPv4Address(destination)) cidr::expandIpv4AddrInto(b.destination, destination);
-  }
-  b.address = cidr::isIPAddress(b.destination);
+  b.address = cidr::canonicalQueryInto(b.destination, b.bits.first, destination);
   for (QueryBuffers::BitsSearch& done : b.bitsSearches) done.machine = nullptr;
   b.bits.second = machine::kFullKey;
-  if (b.address) {
-    cidr::convertToBinaryIPAddressInto(b.bits.first, b.destination);
-  } else {
-    b.bits.first.clear();
-  }
 }
 
 DomainSearchResult settle(ListTrace* trace, MatchKind kind, const DomainSearchResult& r) {

@@ -1,6 +1,7 @@
 #include "fsa/key_index.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <tuple>
 
@@ -69,13 +70,17 @@ struct FoundTail {
   std::uint64_t hash;
 };
 
+// Whether some byte of w is zero.
+bool hasZeroByte(std::uint64_t w) {
+  return ((w - 0x0101010101010101u) & ~w & 0x8080808080808080u) != 0;
+}
+
 }  // namespace
 
 void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey>& keys) {
   // Every '*' of a key starts a tail that runs to the key's end; one pass
   // from the end hashes them all.
   std::vector<FoundTail> found;
-  std::uint32_t shortest = kMaxAnchor;
   for (const StoredKey& k : keys) {
     const int begin = k.end + 1 - k.length;
     if (std::memchr(text + begin, '*', static_cast<std::size_t>(k.length)) == nullptr) continue;
@@ -83,128 +88,191 @@ void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey
     for (int i = k.end; i > begin; --i) {
       h += text[i] * power;
       power *= kBase;
-      if (text[i - 1] != '*') continue;
-      const auto length = static_cast<std::uint32_t>(k.end + 1 - i);
-      found.push_back(FoundTail{k.end, length, h});
-      shortest = std::min(shortest, length);
+      if (text[i - 1] == '*') {
+        found.push_back(FoundTail{k.end, static_cast<std::uint32_t>(k.end + 1 - i), h});
+      }
     }
   }
   if (found.empty()) return;
-  anchor_ = static_cast<int>(shortest);
-  unsigned char mask[kMaxAnchor] = {};
-  std::memset(mask + (kMaxAnchor - anchor_), 0xff, static_cast<std::size_t>(anchor_));
-  std::memcpy(&anchorMask_, mask, sizeof anchorMask_);
-  std::vector<std::pair<std::uint64_t, Tail>> anchored;
+  for (int a = 1; a <= kMaxAnchor; ++a) {
+    unsigned char mask[kMaxAnchor] = {};
+    std::memset(mask + (kMaxAnchor - a), 0xff, static_cast<std::size_t>(a));
+    std::memcpy(&masks_[a], mask, sizeof masks_[a]);
+  }
+  bool anchorLength[kMaxAnchor + 1] = {};
+  std::vector<std::pair<Bucket, Tail>> anchored;
   anchored.reserve(found.size());
   for (const FoundTail& t : found) {
-    anchored.emplace_back(anchorAt(text, t.end), Tail{t.hash, t.length, 0});
+    const auto a = std::min<std::uint32_t>(t.length, kMaxAnchor);
+    anchorLength[a] = true;
+    const Bucket anchor{wordEndingAt(text, t.end) & masks_[a], 0, 0, a};
+    anchored.emplace_back(anchor, Tail{t.hash, t.length, leadAt(text + (t.end + 1 - t.length), t.length)});
     lastChar_[text[t.end]] = true;
   }
   std::vector<FoundTail>().swap(found);
+  for (std::uint32_t a = 1; a <= kMaxAnchor; ++a) {
+    if (anchorLength[a]) anchorLengths_[anchorLengthCount_++] = a;
+  }
+  int count = 0;
+  for (int c = 0; c < 256; ++c) {
+    if (lastChar_[c] && count < 2) lastWords_[count] = c * 0x0101010101010101u;
+    count += lastChar_[c];
+  }
+  fewLastChars_ = count <= 2;
+  if (count == 1) lastWords_[1] = lastWords_[0];
   fileTails(anchored);
 }
 
-void WildcardTails::fileTails(std::vector<std::pair<std::uint64_t, Tail>>& anchored) {
-  const auto order = [](const std::pair<std::uint64_t, Tail>& a,
-                        const std::pair<std::uint64_t, Tail>& b) {
-    return std::make_tuple(a.first, a.second.length, a.second.hash) <
-           std::make_tuple(b.first, b.second.length, b.second.hash);
+void WildcardTails::fileTails(std::vector<std::pair<Bucket, Tail>>& anchored) {
+  const auto key = [](const std::pair<Bucket, Tail>& x) {
+    return std::make_tuple(x.first.anchorLength, x.first.anchor, x.second.length, x.second.lead,
+                           x.second.hash);
   };
-  const auto same = [](const std::pair<std::uint64_t, Tail>& a,
-                       const std::pair<std::uint64_t, Tail>& b) {
-    return a.first == b.first && a.second.length == b.second.length &&
-           a.second.hash == b.second.hash;
+  std::sort(anchored.begin(), anchored.end(),
+            [&key](const auto& a, const auto& b) { return key(a) < key(b); });
+  anchored.erase(std::unique(anchored.begin(), anchored.end(),
+                             [&key](const auto& a, const auto& b) { return key(a) == key(b); }),
+                 anchored.end());
+  const auto sameAnchor = [](const Bucket& a, const Bucket& b) {
+    return a.anchorLength == b.anchorLength && a.anchor == b.anchor;
   };
-  std::sort(anchored.begin(), anchored.end(), order);
-  anchored.erase(std::unique(anchored.begin(), anchored.end(), same), anchored.end());
   std::size_t anchors = 0;
   for (std::size_t i = 0; i < anchored.size(); ++i) {
-    if (i == 0 || anchored[i].first != anchored[i - 1].first) ++anchors;
+    if (i == 0 || !sameAnchor(anchored[i].first, anchored[i - 1].first)) ++anchors;
   }
   seenShift_ = shiftFor(std::max<std::size_t>(16 * anchors, 64));
   seen_.assign((std::size_t{1} << (64 - seenShift_)) / 64, 0);
   bucketShift_ = shiftFor(2 * anchors);
-  buckets_.assign(std::size_t{1} << (64 - bucketShift_), Bucket{0, 0, 0});
+  buckets_.assign(std::size_t{1} << (64 - bucketShift_), Bucket{0, 0, 0, 0});
   tails_.reserve(anchored.size());
   for (std::size_t i = 0; i < anchored.size();) {
-    const std::uint64_t anchor = anchored[i].first;
-    const auto begin = static_cast<std::uint32_t>(tails_.size());
-    for (; i < anchored.size() && anchored[i].first == anchor; ++i) {
+    Bucket b = anchored[i].first;
+    b.begin = static_cast<std::uint32_t>(tails_.size());
+    for (; i < anchored.size() && sameAnchor(anchored[i].first, b); ++i) {
       tails_.push_back(anchored[i].second);
     }
-    for (std::size_t t = tails_.size() - 1; t > begin; --t) {
-      if (tails_[t - 1].length == tails_[t].length) {
-        tails_[t - 1].sameLength = tails_[t].sameLength + 1;
-      }
-    }
-    const std::uint64_t mixed = mix(anchor);
+    b.end = static_cast<std::uint32_t>(tails_.size());
+    const std::uint64_t mixed = mix(b.anchor, b.anchorLength);
     const std::uint64_t bit = mixed >> seenShift_;
     seen_[bit >> 6] |= std::uint64_t{1} << (bit & 63);
     const std::size_t mask = buckets_.size() - 1;
     std::size_t slot = static_cast<std::size_t>(mixed >> bucketShift_);
     while (buckets_[slot].end != 0) slot = (slot + 1) & mask;
-    buckets_[slot] = Bucket{anchor, begin, static_cast<std::uint32_t>(tails_.size())};
+    buckets_[slot] = b;
   }
 }
 
-const WildcardTails::Bucket* WildcardTails::bucketOf(std::uint64_t anchor,
+std::uint64_t WildcardTails::hashOf(const unsigned char* piece, std::uint32_t length) {
+  std::uint64_t h = 0;
+  for (std::uint32_t i = 0; i < length; ++i) h = h * kBase + piece[i];
+  return h;
+}
+
+const WildcardTails::Bucket* WildcardTails::bucketOf(std::uint64_t anchor, std::uint32_t length,
                                                      std::uint64_t mixed) const {
   const std::size_t mask = buckets_.size() - 1;
   for (std::size_t slot = static_cast<std::size_t>(mixed >> bucketShift_);;
        slot = (slot + 1) & mask) {
     const Bucket& b = buckets_[slot];
     if (b.end == 0) return nullptr;
-    if (b.anchor == anchor) return &b;
+    if (b.anchor == anchor && b.anchorLength == length) return &b;
   }
 }
 
 bool WildcardTails::anyPieceIsTail(const char* key, int n) const {
-  if (anchor_ == 0 || n < anchor_) return false;
+  if (anchorLengthCount_ == 0) return false;
   const auto* k = reinterpret_cast<const unsigned char*>(key);
   // Past a few hashed characters per character the partial lookup itself is
   // cheaper.
   long budget = 4L * n + 64;
-  for (int j = anchor_ - 1; j < n; ++j) {
+  int j = static_cast<int>(anchorLengths_[0]) - 1;
+  if (fewLastChars_) {
+    // Words holding neither last character are passed over whole.
+    for (; j + 8 <= n; j += 8) {
+      std::uint64_t w;
+      std::memcpy(&w, k + j, sizeof w);
+      if (!hasZeroByte(w ^ lastWords_[0]) && !hasZeroByte(w ^ lastWords_[1])) continue;
+      for (int i = j; i < j + 8; ++i) {
+        if (lastChar_[k[i]] && tailsEndingAt(k, i, budget, true) != 0) return true;
+      }
+    }
+  }
+  for (; j < n; ++j) {
     if (lastChar_[k[j]] && tailsEndingAt(k, j, budget, true) != 0) return true;
   }
   return false;
 }
 
 int WildcardTails::longestTailSuffix(const char* key, int n) const {
-  if (anchor_ == 0 || n < anchor_) return 0;
-  long budget = n + 64L;  // a piece ending at n - 1 is hashed once: never spent
+  if (anchorLengthCount_ == 0 || n < 1) return 0;
+  long budget = LONG_MAX;  // one position: each length hashed at most once
   const int longest =
       tailsEndingAt(reinterpret_cast<const unsigned char*>(key), n - 1, budget, false);
   return longest < 0 ? 0 : longest;
 }
 
 int WildcardTails::tailsEndingAt(const unsigned char* k, int j, long& budget, bool first) const {
-  const std::uint64_t anchor = anchorAt(k, j);
-  const std::uint64_t mixed = mix(anchor);
-  if (!maySee(mixed)) return 0;
-  const Bucket* b = bucketOf(anchor, mixed);
-  if (b == nullptr) return 0;
-  // The tails of the anchor by length: each length's piece is hashed once
-  // (growing to the left) and looked up among that length's hashes.
-  const Tail* t = tails_.data() + b->begin;
-  const Tail* const end = tails_.data() + b->end;
-  const auto room = static_cast<std::uint32_t>(j + 1);
-  std::uint64_t h = 0, power = 1;
-  std::uint32_t hashed = 0;
+  const std::uint64_t word = wordEndingAt(k, j);
   int found = 0;
+  // Shorter anchors hold tails of their own length alone: the longest tail is
+  // under the longest anchor that has one.
+  for (int i = 0; i < anchorLengthCount_; ++i) {
+    const std::uint32_t a = anchorLengths_[i];
+    if (a > static_cast<std::uint32_t>(j + 1)) break;
+    const std::uint64_t anchor = word & masks_[a];
+    const std::uint64_t mixed = mix(anchor, a);
+    if (!maySee(mixed)) continue;
+    const Bucket* b = bucketOf(anchor, a, mixed);
+    if (b == nullptr) continue;
+    const int length = tailsOf(*b, k, j, budget, first);
+    if (length < 0 || (length > 0 && first)) return length;
+    found = std::max(found, length);
+  }
+  return found;
+}
+
+int WildcardTails::tailsOf(const Bucket& b, const unsigned char* k, int j, long& budget,
+                           bool first) const {
+  // By length, then first characters, then hash: a piece is hashed only
+  // when a tail of its length starts like it.
+  const Tail* t = tails_.data() + b.begin;
+  const Tail* const end = tails_.data() + b.end;
+  const auto room = static_cast<std::uint32_t>(j + 1);
+  int found = 0;
+  if (end - t <= 16) {  // a few tails: each compared in turn
+    for (; t != end && t->length <= room; ++t) {
+      const unsigned char* piece = k + (room - t->length);
+      if (t->lead != leadAt(piece, t->length)) continue;
+      if ((budget -= t->length) < 0) return -1;
+      if (t->hash != hashOf(piece, t->length)) continue;
+      found = static_cast<int>(t->length);
+      if (first) break;
+    }
+    return found;
+  }
   while (t != end && t->length <= room) {
     const std::uint32_t length = t->length;
-    budget -= length - hashed;
-    if (budget < 0) return -1;
-    for (; hashed < length; ++hashed) {
-      h += k[j - hashed] * power;
-      power *= kBase;
+    const unsigned char* piece = k + (room - length);
+    const Tail* next = t + 1;
+    if (next != end && next->length == length) {
+      next = std::partition_point(next, end, [length](const Tail& x) { return x.length == length; });
     }
-    const Tail* next = t + 1 + t->sameLength;
-    const Tail* at = t->sameLength < 4 ? std::find_if(t, next, [h](const Tail& x) {
-      return x.hash >= h;
-    }) : std::lower_bound(t, next, h, [](const Tail& x, std::uint64_t v) { return x.hash < v; });
-    if (at != next && at->hash == h) {
+    // Only the tails of this length that start like the piece are compared
+    // whole (by hash).
+    const std::uint32_t lead = leadAt(piece, length);
+    const Tail* from =
+        std::lower_bound(t, next, lead, [](const Tail& x, std::uint32_t v) { return x.lead < v; });
+    bool match = false;
+    if (from != next && from->lead == lead) {
+      const Tail* to =
+          std::partition_point(from, next, [lead](const Tail& x) { return x.lead == lead; });
+      if ((budget -= length) < 0) return -1;
+      const std::uint64_t h = hashOf(piece, length);
+      const Tail* at =
+          std::lower_bound(from, to, h, [](const Tail& x, std::uint64_t v) { return x.hash < v; });
+      match = at != to && at->hash == h;
+    }
+    if (match) {
       found = static_cast<int>(length);
       if (first) break;
     }

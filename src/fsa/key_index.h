@@ -12,9 +12,10 @@
 //   piece y of the query read behind it, and reports the key ending at the
 //   first occurrence of "*" + y; that key is longer than y, so "*" + y is its
 //   suffix. The tails that follow a '*' up to the end of a stored key are
-//   kept as hashes, filed by their last few characters (their anchor, kept
-//   whole): a query position whose anchor ends no tail is passed over after
-//   a bit test, and one that does compares the tails of that anchor alone. A
+//   kept as hashes, filed by their last eight characters or fewer (their
+//   anchor, kept whole): a query position that ends no anchor is passed
+//   over after a bit test per anchor length, and one that does compares the
+//   tails of that anchor alone, most by their first characters. A
 //   query none of whose pieces is a tail cannot match a wildcard. A hash
 //   collision only costs a walk.
 //
@@ -107,24 +108,26 @@ class WildcardTails {
   static constexpr int kMaxAnchor = 8;  // characters: one machine word
   static constexpr std::uint64_t kBase = 0x100000001b3u;
 
-  // A tail: its hash (h = sum of c * kBase^k, k counted from its end, so
-  // that a piece grows to the left in O(1)) and its length.
+  // A tail: its hash (h = sum of c * kBase^k, k counted from its end) and
+  // its length; its first four characters as a word (0 for a shorter one),
+  // which rule out most pieces of its length before they are hashed.
   struct Tail {
     std::uint64_t hash;
     std::uint32_t length;
-    std::uint32_t sameLength;  // the tails of this length after this one
+    std::uint32_t lead;
   };
-  // The tails of one anchor: tails_[begin, end), by length, then hash.
+  // The tails of one anchor, a tail's last min(length, kMaxAnchor)
+  // characters: tails_[begin, end), by length, then lead, then hash.
   struct Bucket {
-    std::uint64_t anchor;
+    std::uint64_t anchor;  // the characters as a word, masked to their length
     std::uint32_t begin;
-    std::uint32_t end;  // 0: an empty slot (a bucket holds a tail at least)
+    std::uint32_t end;     // 0: an empty slot (a bucket holds a tail at least)
+    std::uint32_t anchorLength;
   };
 
-  // The anchor of the piece of k ending at j (j + 1 >= anchor_): the word of
-  // the 8 characters ending at j, masked to its last anchor_ (zeros in front
-  // of the key).
-  std::uint64_t anchorAt(const unsigned char* k, int j) const {
+  // The word of the kMaxAnchor characters of k ending at j, zeros standing
+  // in for those before the key.
+  static std::uint64_t wordEndingAt(const unsigned char* k, int j) {
     std::uint64_t w;
     if (j >= kMaxAnchor - 1) {
       std::memcpy(&w, k + (j + 1 - kMaxAnchor), sizeof w);
@@ -133,32 +136,47 @@ class WildcardTails {
       std::memcpy(b + (kMaxAnchor - 1 - j), k, static_cast<std::size_t>(j + 1));
       std::memcpy(&w, b, sizeof w);
     }
-    return w & anchorMask_;
+    return w;
   }
-  static std::uint64_t mix(std::uint64_t w) { return (w ^ (w >> 29)) * 0x9e3779b97f4a7c15u; }
+  static std::uint64_t mix(std::uint64_t anchor, std::uint32_t length) {
+    return ((anchor ^ (anchor >> 29)) + length) * 0x9e3779b97f4a7c15u;
+  }
+  static std::uint32_t leadAt(const unsigned char* piece, std::uint32_t length) {
+    std::uint32_t w = 0;
+    if (length >= sizeof w) std::memcpy(&w, piece, sizeof w);
+    return w;
+  }
+  static std::uint64_t hashOf(const unsigned char* piece, std::uint32_t length);
   bool maySee(std::uint64_t mixed) const {
     const std::uint64_t bit = mixed >> seenShift_;
     return (seen_[bit >> 6] >> (bit & 63)) & 1;
   }
-  const Bucket* bucketOf(std::uint64_t anchor, std::uint64_t mixed) const;
+  const Bucket* bucketOf(std::uint64_t anchor, std::uint32_t length, std::uint64_t mixed) const;
   // The length of the longest kept tail (of the first found when `first`)
   // that is a piece of k ending at j; `budget` is spent on the characters
-  // hashed. 0 for none.
+  // hashed. 0 for none, -1 out of budget.
   int tailsEndingAt(const unsigned char* k, int j, long& budget, bool first) const;
-  void fileTails(std::vector<std::pair<std::uint64_t, Tail>>& anchored);
+  int tailsOf(const Bucket& b, const unsigned char* k, int j, long& budget, bool first) const;
+  void fileTails(std::vector<std::pair<Bucket, Tail>>& anchored);
 
-  // anchor_: the shortest tail's length, at most kMaxAnchor; 0 when there is
-  // no tail. A tail's bucket holds its tails by length, then hash. seen_: a bit per mixed anchor (its top bits), set for every
-  // anchor of a tail. buckets_: open addressing by mixed anchor, linear
-  // probing, at most half full, a power of two.
-  int anchor_ = 0;
-  std::uint64_t anchorMask_ = 0;  // the last anchor_ bytes of a word in memory
+  // anchorLengths_: the anchor lengths in use, ascending (count of them in
+  // anchorLengthCount_; none while there is no tail); masks_[a] keeps the
+  // last a characters of a word. seen_: a bit per mixed anchor (its top
+  // bits), set for every anchor of a tail. buckets_: open addressing by
+  // mixed anchor, linear probing, at most half full, a power of two.
+  std::uint32_t anchorLengths_[kMaxAnchor] = {};
+  int anchorLengthCount_ = 0;
+  std::uint64_t masks_[kMaxAnchor + 1] = {};
   unsigned seenShift_ = 63;
   unsigned bucketShift_ = 63;
   std::vector<std::uint64_t> seen_;
   std::vector<Bucket> buckets_;
   std::vector<Tail> tails_;
   bool lastChar_[256] = {};  // the last characters of the tails
+  // When there are at most two (typically the two list flags): each of them
+  // in every byte of a word, so that a query is searched a word at a time.
+  bool fewLastChars_ = false;
+  std::uint64_t lastWords_[2] = {0, 0};
 };
 
 }  // namespace tpa::fsa

@@ -182,6 +182,28 @@ DomainSearchResult findNetwork(int rule, Machine& machine, std::uint8_t flag, Qu
   return DomainSearchResult(true, k, value, k);
 }
 
+// Whether the search of the address bits may end on a network of this rule
+// and list: it ends on the longest run of the bits in the machine's text,
+// which is at least as long as every kept name the bits start with, so only
+// such a name can be that network. Unless one of them is stored whole here,
+// the search (a walk of up to 128 steps) is skipped. A machine that fails
+// says yes, and the search reports the failure.
+bool mayEndOnNetwork(int rule, Machine& machine, const BitNames& names, std::uint8_t flag,
+                     QueryBuffers& b) {
+  const BitNames::Lengths lengths = names.prefixLengthsOf(b.bits.first);
+  if (!lengths.any()) return false;
+  for (std::size_t length = 2; length < BitNames::kMaxBits; ++length) {
+    if (!lengths.has(length)) continue;
+    transformDomainInto(b.prefixKey.first, std::string_view(b.bits.first.data(), length), rule,
+                        flag);
+    b.prefixKey.second = machine::kFullKey;
+    bool whole = false;
+    int value = 0;
+    if (searchWhole(machine, b.prefixKey, whole, value, nullptr) != 0 || whole) return true;
+  }
+  return false;
+}
+
 // Searches one list of one rule number: the whole key, then the network
 // prefix of an address, then a wildcard entry.
 DomainSearchResult find(int rule, Machine& machine, const BitNames* bitNames, std::uint8_t flag,
@@ -201,8 +223,8 @@ DomainSearchResult find(int rule, Machine& machine, const BitNames* bitNames, st
   }
   if (whole) return settle(trace, MatchKind::kWholeKey, DomainSearchResult(true, n, value, n));
   // A traced query searches the bits whatever they are, to show the search.
-  if (b.address &&
-      (trace != nullptr || bitNames == nullptr || bitNames->anyPrefixOf(b.bits.first))) {
+  if (b.address && (trace != nullptr || bitNames == nullptr ||
+                    mayEndOnNetwork(rule, machine, *bitNames, flag, b))) {
     const DomainSearchResult network = findNetwork(rule, machine, flag, b, trace);
     if (network.found) return settle(trace, MatchKind::kNetworkPrefix, network);
   }
@@ -346,9 +368,21 @@ bool BitNames::contains(std::uint64_t key) const {
   }
 }
 
-bool BitNames::anyPrefixOf(const std::string& bits) const {
-  if (used_ == 0 || bits.size() < 3) return false;
-  const std::size_t last = std::min(bits.size() - 1, lengths_.size() * 64 - 1);
+bool BitNames::Lengths::any() const {
+  for (const std::uint64_t w : word) {
+    if (w != 0) return true;
+  }
+  return false;
+}
+
+BitNames::Lengths BitNames::prefixLengthsOf(const std::string& bits) const {
+  Lengths found;
+  if (used_ == 0 || bits.size() < 3) return found;
+  const std::size_t last =
+      std::min({bits.size() - 1, lengths_.size() * 64 - 1, kMaxBits - 1});
+  const auto note = [&found](std::size_t length) {
+    found.word[length / 64] |= std::uint64_t{1} << (length % 64);
+  };
   // The lengths below kHead, from the first word of lengths_ (kHead < 64).
   const std::uint64_t shortLengths = lengths_[0] & ((std::uint64_t{1} << kHead) - 1);
   std::uint64_t h = step(0, bits[0]);
@@ -359,15 +393,15 @@ bool BitNames::anyPrefixOf(const std::string& bits) const {
   }
   for (; length <= end; ++length) {
     h = step(h, bits[length - 1]);
-    if (((shortLengths >> length) & 1) != 0 && contains(mix(h, length))) return true;
+    if (((shortLengths >> length) & 1) != 0 && contains(mix(h, length))) note(length);
   }
-  if (length > last) return false;
+  if (length > last) return found;
   // From kHead on, only an address whose head some long name has.
   h = step(h, bits[length - 1]);
-  if (!mayHaveHead(mix(h, kHead))) return false;
+  if (!mayHaveHead(mix(h, kHead))) return found;
   for (;;) {
-    if (hasLength(length) && contains(mix(h, length))) return true;
-    if (++length > last) return false;
+    if (hasLength(length) && contains(mix(h, length))) note(length);
+    if (++length > last) return found;
     h = step(h, bits[length - 1]);
   }
 }

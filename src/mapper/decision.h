@@ -86,9 +86,16 @@ class BitNames {
  public:
   // Keeps `text` if it is such a string. Throws std::bad_alloc.
   void add(const std::string& text);
-  // Whether some prefix of `bits` (a bit string) of 2 to size - 1 characters
-  // is kept (or shares a kept one's hash).
-  bool anyPrefixOf(const std::string& bits) const;
+  // The lengths of the kept strings that are prefixes of `bits` (a bit
+  // string of at most kMaxBits characters), 2 to size - 1 characters (or
+  // that share a kept one's hash), a bit each.
+  static constexpr std::size_t kMaxBits = 128;
+  struct Lengths {
+    std::uint64_t word[kMaxBits / 64] = {};
+    bool has(std::size_t length) const { return (word[length / 64] >> (length % 64)) & 1; }
+    bool any() const;
+  };
+  Lengths prefixLengthsOf(const std::string& bits) const;
 
  private:
   // Names of at least kHead characters are filed under the hash of their

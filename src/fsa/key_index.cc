@@ -100,13 +100,15 @@ void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey
     std::memcpy(&masks_[a], mask, sizeof masks_[a]);
   }
   bool anchorLength[kMaxAnchor + 1] = {};
-  std::vector<std::pair<Bucket, Tail>> anchored;
-  anchored.reserve(found.size());
+  std::vector<Filing> filings;
+  filings.reserve(found.size());
   for (const FoundTail& t : found) {
     const auto a = std::min<std::uint32_t>(t.length, kMaxAnchor);
     anchorLength[a] = true;
-    const Bucket anchor{wordEndingAt(text, t.end) & masks_[a], 0, 0, a};
-    anchored.emplace_back(anchor, Tail{t.hash, t.length, leadAt(text + (t.end + 1 - t.length), t.length)});
+    const Bucket anchor{wordEndingAt(text, t.end) & masks_[a], 0, 0,
+                        static_cast<std::uint16_t>(a), false};
+    const Tail tail{t.hash, t.length, leadAt(text + (t.end + 1 - t.length), t.length)};
+    filings.push_back(Filing{anchor, tail, t.end});
     lastChar_[text[t.end]] = true;
   }
   std::vector<FoundTail>().swap(found);
@@ -120,46 +122,86 @@ void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey
   }
   fewLastChars_ = count <= 2;
   if (count == 1) lastWords_[1] = lastWords_[0];
-  fileTails(anchored);
+  fileTails(text, filings);
 }
 
-void WildcardTails::fileTails(std::vector<std::pair<Bucket, Tail>>& anchored) {
-  const auto key = [](const std::pair<Bucket, Tail>& x) {
-    return std::make_tuple(x.first.anchorLength, x.first.anchor, x.second.length, x.second.lead,
-                           x.second.hash);
-  };
-  std::sort(anchored.begin(), anchored.end(),
-            [&key](const auto& a, const auto& b) { return key(a) < key(b); });
-  anchored.erase(std::unique(anchored.begin(), anchored.end(),
-                             [&key](const auto& a, const auto& b) { return key(a) == key(b); }),
-                 anchored.end());
-  const auto sameAnchor = [](const Bucket& a, const Bucket& b) {
-    return a.anchorLength == b.anchorLength && a.anchor == b.anchor;
-  };
-  std::size_t anchors = 0;
-  for (std::size_t i = 0; i < anchored.size(); ++i) {
-    if (i == 0 || !sameAnchor(anchored[i].first, anchored[i - 1].first)) ++anchors;
+bool WildcardTails::filedBefore(const Filing& a, const Filing& b) {
+  return std::make_tuple(a.anchor.anchorLength, a.anchor.anchor, a.tail.length, a.tail.lead,
+                         a.tail.hash) < std::make_tuple(b.anchor.anchorLength, b.anchor.anchor,
+                                                        b.tail.length, b.tail.lead, b.tail.hash);
+}
+
+bool WildcardTails::sameAnchor(const Filing& a, const Filing& b) {
+  return a.anchor.anchorLength == b.anchor.anchorLength && a.anchor.anchor == b.anchor.anchor;
+}
+
+void WildcardTails::fileTails(const unsigned char* text, std::vector<Filing>& filings) {
+  std::sort(filings.begin(), filings.end(), filedBefore);
+  filings.erase(std::unique(filings.begin(), filings.end(),
+                            [](const Filing& a, const Filing& b) {
+                              return !filedBefore(a, b) && !filedBefore(b, a);
+                            }),
+                filings.end());
+  std::vector<Bucket> made;
+  std::size_t firstLevel = 0;
+  tails_.reserve(filings.size());
+  for (std::size_t i = 0; i < filings.size();) {
+    std::size_t e = i + 1;
+    while (e < filings.size() && sameAnchor(filings[e], filings[i])) ++e;
+    fileBucket(text, filings, i, e, made);
+    ++firstLevel;
+    i = e;
   }
-  seenShift_ = shiftFor(std::max<std::size_t>(16 * anchors, 64));
+  seenShift_ = shiftFor(std::max<std::size_t>(16 * firstLevel, 64));
   seen_.assign((std::size_t{1} << (64 - seenShift_)) / 64, 0);
-  bucketShift_ = shiftFor(2 * anchors);
-  buckets_.assign(std::size_t{1} << (64 - bucketShift_), Bucket{0, 0, 0, 0});
-  tails_.reserve(anchored.size());
-  for (std::size_t i = 0; i < anchored.size();) {
-    Bucket b = anchored[i].first;
-    b.begin = static_cast<std::uint32_t>(tails_.size());
-    for (; i < anchored.size() && sameAnchor(anchored[i].first, b); ++i) {
-      tails_.push_back(anchored[i].second);
-    }
-    b.end = static_cast<std::uint32_t>(tails_.size());
+  bucketShift_ = shiftFor(2 * made.size());
+  buckets_.assign(std::size_t{1} << (64 - bucketShift_), Bucket{0, 0, 0, 0, false});
+  const std::size_t mask = buckets_.size() - 1;
+  for (const Bucket& b : made) {
     const std::uint64_t mixed = mix(b.anchor, b.anchorLength);
-    const std::uint64_t bit = mixed >> seenShift_;
-    seen_[bit >> 6] |= std::uint64_t{1} << (bit & 63);
-    const std::size_t mask = buckets_.size() - 1;
+    if (b.anchorLength <= kMaxAnchor) {  // the first level, reached through the bits
+      const std::uint64_t bit = mixed >> seenShift_;
+      seen_[bit >> 6] |= std::uint64_t{1} << (bit & 63);
+    }
     std::size_t slot = static_cast<std::size_t>(mixed >> bucketShift_);
-    while (buckets_[slot].end != 0) slot = (slot + 1) & mask;
+    while (buckets_[slot].anchorLength != 0) slot = (slot + 1) & mask;
     buckets_[slot] = b;
   }
+}
+
+std::size_t WildcardTails::fileBucket(const unsigned char* text, std::vector<Filing>& filings,
+                                      std::size_t from, std::size_t to,
+                                      std::vector<Bucket>& made) {
+  Bucket b = filings[from].anchor;
+  const std::uint32_t deeper = b.anchorLength + kSplitStep;
+  // By length: the tails that stay come first.
+  std::size_t stay = to;
+  if (to - from > kBucketTails) {
+    stay = from;
+    while (stay < to && filings[stay].tail.length < deeper) ++stay;
+  }
+  b.split = stay < to;
+  b.begin = static_cast<std::uint32_t>(tails_.size());
+  for (std::size_t i = from; i < stay; ++i) tails_.push_back(filings[i].tail);
+  b.end = static_cast<std::uint32_t>(tails_.size());
+  made.push_back(b);
+  std::size_t count = 1;
+  if (!b.split) return count;
+  for (std::size_t i = stay; i < to; ++i) {
+    Filing& f = filings[i];
+    f.anchor.anchor = hashOf(text + (f.end + 1 - deeper), deeper);
+    f.anchor.anchorLength = static_cast<std::uint16_t>(deeper);
+  }
+  std::sort(filings.begin() + static_cast<std::ptrdiff_t>(stay),
+            filings.begin() + static_cast<std::ptrdiff_t>(to),
+            filedBefore);
+  for (std::size_t i = stay; i < to;) {
+    std::size_t e = i + 1;
+    while (e < to && sameAnchor(filings[e], filings[i])) ++e;
+    count += fileBucket(text, filings, i, e, made);
+    i = e;
+  }
+  return count;
 }
 
 std::uint64_t WildcardTails::hashOf(const unsigned char* piece, std::uint32_t length) {
@@ -174,7 +216,7 @@ const WildcardTails::Bucket* WildcardTails::bucketOf(std::uint64_t anchor, std::
   for (std::size_t slot = static_cast<std::size_t>(mixed >> bucketShift_);;
        slot = (slot + 1) & mask) {
     const Bucket& b = buckets_[slot];
-    if (b.end == 0) return nullptr;
+    if (b.anchorLength == 0) return nullptr;
     if (b.anchor == anchor && b.anchorLength == length) return &b;
   }
 }
@@ -224,11 +266,27 @@ int WildcardTails::tailsEndingAt(const unsigned char* k, int j, long& budget, bo
     if (!maySee(mixed)) continue;
     const Bucket* b = bucketOf(anchor, a, mixed);
     if (b == nullptr) continue;
-    const int length = tailsOf(*b, k, j, budget, first);
+    const int length = splitTailsOf(b, k, j, budget, first);
     if (length < 0 || (length > 0 && first)) return length;
     found = std::max(found, length);
   }
   return found;
+}
+
+int WildcardTails::splitTailsOf(const Bucket* b, const unsigned char* k, int j, long& budget,
+                                bool first) const {
+  int found = 0;
+  for (;;) {
+    const int length = tailsOf(*b, k, j, budget, first);
+    if (length < 0 || (length > 0 && first)) return length;
+    found = std::max(found, length);  // a deeper bucket's tails are longer
+    const std::uint32_t deeper = b->anchorLength + kSplitStep;
+    if (!b->split || deeper > static_cast<std::uint32_t>(j + 1)) return found;
+    if ((budget -= deeper) < 0) return -1;
+    const std::uint64_t anchor = hashOf(k + (j + 1 - deeper), deeper);
+    b = bucketOf(anchor, deeper, mix(anchor, deeper));
+    if (b == nullptr) return found;
+  }
 }
 
 int WildcardTails::tailsOf(const Bucket& b, const unsigned char* k, int j, long& budget,

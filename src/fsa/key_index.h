@@ -24,6 +24,7 @@
 #ifndef TPA_FSA_KEY_INDEX_H_
 #define TPA_FSA_KEY_INDEX_H_
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -58,7 +59,10 @@ class WholeKeyIndex {
       const Slot& s = slots_[i];
       if (s.endPlusOne == 0) return -1;
       const auto end = static_cast<std::int32_t>(s.endPlusOne - 1);
-      if (s.tag == tag && endsWith(text, end, k, n) && accept(end)) return end;
+      if (s.tag != tag) continue;
+      // The key's text and what accept reads are apart: loaded side by side.
+      __builtin_prefetch(text + (end + 1 - std::min(end + 1, n)));
+      if (accept(end) && endsWith(text, end, k, n)) return end;
     }
   }
 
@@ -117,12 +121,25 @@ class WildcardTails {
     std::uint32_t lead;
   };
   // The tails of one anchor, a tail's last min(length, kMaxAnchor)
-  // characters: tails_[begin, end), by length, then lead, then hash.
+  // characters: tails_[begin, end), by length, then lead, then hash. A
+  // bucket of more than kBucketTails is split: it keeps the tails shorter
+  // than its anchor length + kSplitStep, and the longer ones are filed under
+  // that longer anchor (recursively; past kMaxAnchor an anchor is the hash of
+  // its characters, collisions merging buckets).
+  static constexpr std::uint32_t kBucketTails = 16;
+  static constexpr std::uint32_t kSplitStep = 4;
   struct Bucket {
-    std::uint64_t anchor;  // the characters as a word, masked to their length
+    std::uint64_t anchor;  // the characters as a word, masked to their length, or their hash
     std::uint32_t begin;
-    std::uint32_t end;     // 0: an empty slot (a bucket holds a tail at least)
-    std::uint32_t anchorLength;
+    std::uint32_t end;
+    std::uint16_t anchorLength;  // 0: an empty slot
+    bool split;
+  };
+  // A tail being filed: its anchor so far and where it ends in the text.
+  struct Filing {
+    Bucket anchor;
+    Tail tail;
+    std::int32_t end;
   };
 
   // The word of the kMaxAnchor characters of k ending at j, zeros standing
@@ -157,7 +174,15 @@ class WildcardTails {
   // hashed. 0 for none, -1 out of budget.
   int tailsEndingAt(const unsigned char* k, int j, long& budget, bool first) const;
   int tailsOf(const Bucket& b, const unsigned char* k, int j, long& budget, bool first) const;
-  void fileTails(std::vector<std::pair<Bucket, Tail>>& anchored);
+  int splitTailsOf(const Bucket* b, const unsigned char* k, int j, long& budget, bool first) const;
+  // By anchor, then as a bucket holds its tails.
+  static bool filedBefore(const Filing& a, const Filing& b);
+  static bool sameAnchor(const Filing& a, const Filing& b);
+  void fileTails(const unsigned char* text, std::vector<Filing>& filings);
+  // Files filings[from, to), one anchor's, as one bucket or split; returns
+  // the buckets made.
+  std::size_t fileBucket(const unsigned char* text, std::vector<Filing>& filings,
+                         std::size_t from, std::size_t to, std::vector<Bucket>& made);
 
   // anchorLengths_: the anchor lengths in use, ascending (count of them in
   // anchorLengthCount_; none while there is no tail); masks_[a] keeps the

@@ -63,13 +63,6 @@ unsigned shiftFor(std::size_t n) {
   return 64 - log;
 }
 
-// A tail found in the text, before it is filed: where it ends.
-struct FoundTail {
-  std::int32_t end;
-  std::uint32_t length;
-  std::uint64_t hash;
-};
-
 // Whether some byte of w is zero.
 bool hasZeroByte(std::uint64_t w) {
   return ((w - 0x0101010101010101u) & ~w & 0x8080808080808080u) != 0;
@@ -80,7 +73,7 @@ bool hasZeroByte(std::uint64_t w) {
 void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey>& keys) {
   // Every '*' of a key starts a tail that runs to the key's end; one pass
   // from the end hashes them all.
-  std::vector<FoundTail> found;
+  std::vector<Filing> filings;
   for (const StoredKey& k : keys) {
     const int begin = k.end + 1 - k.length;
     if (std::memchr(text + begin, '*', static_cast<std::size_t>(k.length)) == nullptr) continue;
@@ -88,30 +81,25 @@ void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey
     for (int i = k.end; i > begin; --i) {
       h += text[i] * power;
       power *= kBase;
-      if (text[i - 1] == '*') {
-        found.push_back(FoundTail{k.end, static_cast<std::uint32_t>(k.end + 1 - i), h});
-      }
+      if (text[i - 1] != '*') continue;
+      const auto length = static_cast<std::uint32_t>(k.end + 1 - i);
+      filings.push_back(Filing{Bucket{}, Tail{h, length, leadAt(text + i, length)}, k.end});
     }
   }
-  if (found.empty()) return;
+  if (filings.empty()) return;
   for (int a = 1; a <= kMaxAnchor; ++a) {
     unsigned char mask[kMaxAnchor] = {};
     std::memset(mask + (kMaxAnchor - a), 0xff, static_cast<std::size_t>(a));
     std::memcpy(&masks_[a], mask, sizeof masks_[a]);
   }
   bool anchorLength[kMaxAnchor + 1] = {};
-  std::vector<Filing> filings;
-  filings.reserve(found.size());
-  for (const FoundTail& t : found) {
-    const auto a = std::min<std::uint32_t>(t.length, kMaxAnchor);
+  for (Filing& f : filings) {
+    const auto a = std::min<std::uint32_t>(f.tail.length, kMaxAnchor);
     anchorLength[a] = true;
-    const Bucket anchor{wordEndingAt(text, t.end) & masks_[a], 0, 0,
-                        static_cast<std::uint16_t>(a), false};
-    const Tail tail{t.hash, t.length, leadAt(text + (t.end + 1 - t.length), t.length)};
-    filings.push_back(Filing{anchor, tail, t.end});
-    lastChar_[text[t.end]] = true;
+    f.anchor = Bucket{wordEndingAt(text, f.end) & masks_[a], 0, 0, static_cast<std::uint16_t>(a),
+                      false};
+    lastChar_[text[f.end]] = true;
   }
-  std::vector<FoundTail>().swap(found);
   for (std::uint32_t a = 1; a <= kMaxAnchor; ++a) {
     if (anchorLength[a]) anchorLengths_[anchorLengthCount_++] = a;
   }

@@ -29,7 +29,6 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace tpa::fsa {
@@ -187,8 +186,10 @@ class WildcardTails {
   // anchorLengths_: the anchor lengths in use, ascending (count of them in
   // anchorLengthCount_; none while there is no tail); masks_[a] keeps the
   // last a characters of a word. seen_: a bit per mixed anchor (its top
-  // bits), set for every anchor of a tail. buckets_: open addressing by
-  // mixed anchor, linear probing, at most half full, a power of two.
+  // bits), set for every anchor of kMaxAnchor characters or fewer (the longer
+  // ones of split buckets are looked up from their bucket). buckets_: open
+  // addressing by mixed anchor, linear probing, at most half full, a power
+  // of two.
   std::uint32_t anchorLengths_[kMaxAnchor] = {};
   int anchorLengthCount_ = 0;
   std::uint64_t masks_[kMaxAnchor + 1] = {};

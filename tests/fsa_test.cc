@@ -392,8 +392,12 @@ TEST(WildcardTails, AgreesWithTheTailsListedByHand) {
         ++without;
         passedWithout += passed;
       }
-      ASSERT_EQ(longest, filter.longestTailSuffix(q.data(), static_cast<int>(q.size())))
+      std::int32_t end = -1;
+      ASSERT_EQ(longest, filter.longestTailSuffix(q.data(), static_cast<int>(q.size()), end))
           << text << " / " << q;
+      if (longest > 0) {  // and where it stands in the text
+        ASSERT_EQ(q.substr(q.size() - longest), text.substr(end + 1 - longest, longest)) << q;
+      }
     }
   }
   // Passes without a tail come only from running out of budget on long runs of anchors.

@@ -83,7 +83,7 @@ void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey
       power *= kBase;
       if (text[i - 1] != '*') continue;
       const auto length = static_cast<std::uint32_t>(k.end + 1 - i);
-      filings.push_back(Filing{Bucket{}, Tail{h, length, leadAt(text + i, length)}, k.end});
+      filings.push_back(Filing{Bucket{}, Tail{h, length, leadAt(text + i, length), k.end}, k.end});
     }
   }
   if (filings.empty()) return;
@@ -223,27 +223,30 @@ bool WildcardTails::anyPieceIsTail(const char* key, int n) const {
       std::memcpy(&w, k + j, sizeof w);
       if (!hasZeroByte(w ^ lastWords_[0]) && !hasZeroByte(w ^ lastWords_[1])) continue;
       for (int i = j; i < j + 8; ++i) {
-        if (lastChar_[k[i]] && tailsEndingAt(k, i, budget, true) != 0) return true;
+        if (lastChar_[k[i]] && tailsEndingAt(k, i, budget, true).length != 0) return true;
       }
     }
   }
   for (; j < n; ++j) {
-    if (lastChar_[k[j]] && tailsEndingAt(k, j, budget, true) != 0) return true;
+    if (lastChar_[k[j]] && tailsEndingAt(k, j, budget, true).length != 0) return true;
   }
   return false;
 }
 
-int WildcardTails::longestTailSuffix(const char* key, int n) const {
+int WildcardTails::longestTailSuffix(const char* key, int n, std::int32_t& end) const {
   if (anchorLengthCount_ == 0 || n < 1) return 0;
   long budget = LONG_MAX;  // one position: each length hashed at most once
-  const int longest =
+  const Found longest =
       tailsEndingAt(reinterpret_cast<const unsigned char*>(key), n - 1, budget, false);
-  return longest < 0 ? 0 : longest;
+  if (longest.length <= 0) return 0;
+  end = longest.end;
+  return longest.length;
 }
 
-int WildcardTails::tailsEndingAt(const unsigned char* k, int j, long& budget, bool first) const {
+WildcardTails::Found WildcardTails::tailsEndingAt(const unsigned char* k, int j, long& budget,
+                                                  bool first) const {
   const std::uint64_t word = wordEndingAt(k, j);
-  int found = 0;
+  Found found;
   // Shorter anchors hold tails of their own length alone: the longest tail is
   // under the longest anchor that has one.
   for (int i = 0; i < anchorLengthCount_; ++i) {
@@ -254,44 +257,44 @@ int WildcardTails::tailsEndingAt(const unsigned char* k, int j, long& budget, bo
     if (!maySee(mixed)) continue;
     const Bucket* b = bucketOf(anchor, a, mixed);
     if (b == nullptr) continue;
-    const int length = splitTailsOf(b, k, j, budget, first);
-    if (length < 0 || (length > 0 && first)) return length;
-    found = std::max(found, length);
+    const Found here = splitTailsOf(b, k, j, budget, first);
+    if (here.length < 0 || (here.length > 0 && first)) return here;
+    if (here.length > found.length) found = here;
   }
   return found;
 }
 
-int WildcardTails::splitTailsOf(const Bucket* b, const unsigned char* k, int j, long& budget,
-                                bool first) const {
-  int found = 0;
+WildcardTails::Found WildcardTails::splitTailsOf(const Bucket* b, const unsigned char* k, int j,
+                                                 long& budget, bool first) const {
+  Found found;
   for (;;) {
-    const int length = tailsOf(*b, k, j, budget, first);
-    if (length < 0 || (length > 0 && first)) return length;
-    found = std::max(found, length);  // a deeper bucket's tails are longer
+    const Found here = tailsOf(*b, k, j, budget, first);
+    if (here.length < 0 || (here.length > 0 && first)) return here;
+    if (here.length > 0) found = here;  // a deeper bucket's tails are longer
     const std::uint32_t deeper = b->anchorLength + kSplitStep;
     if (!b->split || deeper > static_cast<std::uint32_t>(j + 1)) return found;
-    if ((budget -= deeper) < 0) return -1;
+    if ((budget -= deeper) < 0) return Found{-1, -1};
     const std::uint64_t anchor = hashOf(k + (j + 1 - deeper), deeper);
     b = bucketOf(anchor, deeper, mix(anchor, deeper));
     if (b == nullptr) return found;
   }
 }
 
-int WildcardTails::tailsOf(const Bucket& b, const unsigned char* k, int j, long& budget,
-                           bool first) const {
+WildcardTails::Found WildcardTails::tailsOf(const Bucket& b, const unsigned char* k, int j,
+                                            long& budget, bool first) const {
   // By length, then first characters, then hash: a piece is hashed only
   // when a tail of its length starts like it.
   const Tail* t = tails_.data() + b.begin;
   const Tail* const end = tails_.data() + b.end;
   const auto room = static_cast<std::uint32_t>(j + 1);
-  int found = 0;
+  Found found;
   if (end - t <= 16) {  // a few tails: each compared in turn
     for (; t != end && t->length <= room; ++t) {
       const unsigned char* piece = k + (room - t->length);
       if (t->lead != leadAt(piece, t->length)) continue;
-      if ((budget -= t->length) < 0) return -1;
+      if ((budget -= t->length) < 0) return Found{-1, -1};
       if (t->hash != hashOf(piece, t->length)) continue;
-      found = static_cast<int>(t->length);
+      found = Found{static_cast<int>(t->length), t->end};
       if (first) break;
     }
     return found;
@@ -308,19 +311,17 @@ int WildcardTails::tailsOf(const Bucket& b, const unsigned char* k, int j, long&
     const std::uint32_t lead = leadAt(piece, length);
     const Tail* from =
         std::lower_bound(t, next, lead, [](const Tail& x, std::uint32_t v) { return x.lead < v; });
-    bool match = false;
     if (from != next && from->lead == lead) {
       const Tail* to =
           std::partition_point(from, next, [lead](const Tail& x) { return x.lead == lead; });
-      if ((budget -= length) < 0) return -1;
+      if ((budget -= length) < 0) return Found{-1, -1};
       const std::uint64_t h = hashOf(piece, length);
       const Tail* at =
           std::lower_bound(from, to, h, [](const Tail& x, std::uint64_t v) { return x.hash < v; });
-      match = at != to && at->hash == h;
-    }
-    if (match) {
-      found = static_cast<int>(length);
-      if (first) break;
+      if (at != to && at->hash == h) {
+        found = Found{static_cast<int>(length), at->end};
+        if (first) break;
+      }
     }
     t = next;
   }

@@ -100,7 +100,9 @@ class WildcardTails {
 
   // The longest kept tail that is a suffix of key[0, n) (or shares a kept
   // one's hash), 0 for none: a hint, to be checked, of a suffix that occurs.
-  int longestTailSuffix(const char* key, int n) const;
+  // `end` gets where that tail ends in the text, so that the check is a
+  // comparison there.
+  int longestTailSuffix(const char* key, int n, std::int32_t& end) const;
 
   std::size_t bytes() const {
     return seen_.capacity() * sizeof(std::uint64_t) + buckets_.capacity() * sizeof(Bucket) +
@@ -118,6 +120,7 @@ class WildcardTails {
     std::uint64_t hash;
     std::uint32_t length;
     std::uint32_t lead;
+    std::int32_t end;  // of its first copy in the text
   };
   // The tails of one anchor, a tail's last min(length, kMaxAnchor)
   // characters: tails_[begin, end), by length, then lead, then hash. A
@@ -168,12 +171,18 @@ class WildcardTails {
     return (seen_[bit >> 6] >> (bit & 63)) & 1;
   }
   const Bucket* bucketOf(std::uint64_t anchor, std::uint32_t length, std::uint64_t mixed) const;
-  // The length of the longest kept tail (of the first found when `first`)
-  // that is a piece of k ending at j; `budget` is spent on the characters
-  // hashed. 0 for none, -1 out of budget.
-  int tailsEndingAt(const unsigned char* k, int j, long& budget, bool first) const;
-  int tailsOf(const Bucket& b, const unsigned char* k, int j, long& budget, bool first) const;
-  int splitTailsOf(const Bucket* b, const unsigned char* k, int j, long& budget, bool first) const;
+  // What the search of the tails ending at a query position found: the
+  // longest (or, when `first`, the first) kept tail there, 0 for none, -1
+  // when `budget`, spent on the characters hashed, ran out; and where that
+  // tail ends in the text.
+  struct Found {
+    int length = 0;
+    std::int32_t end = -1;
+  };
+  Found tailsEndingAt(const unsigned char* k, int j, long& budget, bool first) const;
+  Found tailsOf(const Bucket& b, const unsigned char* k, int j, long& budget, bool first) const;
+  Found splitTailsOf(const Bucket* b, const unsigned char* k, int j, long& budget,
+                     bool first) const;
   // By anchor, then as a bucket holds its tails.
   static bool filedBefore(const Filing& a, const Filing& b);
   static bool sameAnchor(const Filing& a, const Filing& b);

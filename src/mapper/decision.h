@@ -112,7 +112,7 @@ class BitNames {
     return length < lengths_.size() * 64 && ((lengths_[length / 64] >> (length % 64)) & 1);
   }
   // Whether some kept name of at least kHead characters may start with the
-  // head whose hash is `h`.
+  // head whose mixed hash is `mixedHead`.
   bool mayHaveHead(std::uint64_t mixedHead) const;
   void setHead(std::uint64_t mixedHead);
 

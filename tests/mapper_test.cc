@@ -18,6 +18,7 @@
 
 #include "fsa/suffix_automaton.h"
 #include "mapper/decision.h"
+#include "mapper/search_result.h"
 #include "mapper/map.h"
 #include "mapper/trace.h"
 #include "mapper/transform.h"

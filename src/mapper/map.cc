@@ -12,6 +12,7 @@
 #include "api/constants.h"
 #include "api/log.h"
 #include "cidr/cidr.h"
+#include "mapper/decision_memo.h"
 #include "mapper/trace.h"
 #include "mapper/transform.h"
 
@@ -238,13 +239,14 @@ Decision Map::get(const std::string& app, const std::string& destination, QueryT
   try {
     scratch = &scratchOfThisThread();
     const bool memo = memoUsable_.load() && trace == nullptr;
+    const std::uint64_t epoch = memoEpoch_.load();
     Decision d;
-    if (memo && scratch->memo.find(memoEpoch_.load(), app, destination, d)) return d;
+    if (memo && scratch->memo.find(epoch, app, destination, d)) return d;
     if (!queried_.load(std::memory_order_relaxed)) queried_.store(true);
     MapDecisionMaker maker(*apps_, *include_, *exclude_, scratch->buffers, includeBits_,
                            excludeBits_);
     d = maker.decide(app, destination, trace);
-    if (memo) scratch->memo.remember(d);
+    if (memo) scratch->memo.remember(epoch, app, destination, d);
     return d;
   } catch (const std::bad_alloc&) {
     // A cache, the memo or a key buffer could not grow; each is left

@@ -20,7 +20,9 @@
 
 #include "fsa/heap.h"
 #include "machine/fsm.h"
+#include "mapper/bit_names.h"
 #include "mapper/decision.h"
+#include "mapper/decision_maker.h"
 
 namespace tpa::mapper {
 

@@ -224,6 +224,40 @@ TEST(Map, MemoAnswersAsTheMachines) {
   }
 }
 
+// The caches of a map's three machines, most recently used first.
+std::string caches(const Map& map) {
+  std::string out;
+  for (const Map::Machine* m : {map.appsMachine(), map.includeMachine(), map.excludeMachine()}) {
+    m->cache()->forEach([&out](const auto& e) { out += e.key + "/" + std::to_string(e.subKey) + " "; });
+    out += "| ";
+  }
+  return out;
+}
+
+// Online machines with small caches: a traced query reads them as an untraced
+// one does (the same searches, in the same order, none repeated), so both
+// leave the same entries in the same order. A put after the first query keeps
+// the memo out of the untraced queries.
+TEST(Map, TracedQueryLeavesTheCachesAsAnUntracedOne) {
+  std::mt19937 rng(3);
+  Fixture plain(5), traced(5);
+  const List names = {"a.test", "*.a.test", "10.1.0.0/16", "2001:db8::/32", "0101"};
+  for (int r = 1; r <= 4; ++r) {
+    for (Fixture* f : {&plain, &traced}) {
+      f->put(r % 3, {"app" + std::to_string(r)}, {names[r % 5]}, {names[(r + 2) % 5]}, r);
+      if (r == 3) (void)f->ask("app1", "x.test");
+    }
+  }
+  for (int i = 0; i < 400; ++i) {
+    const std::string n = std::to_string(rng() % 20);
+    const std::string to = i % 3 == 0 ? n + ".a.test" : i % 3 == 1 ? "10.1." + n + ".1" : "2001:db8::" + n;
+    const std::string app = "app" + std::to_string(rng() % 6);
+    tpa::mapper::QueryTrace t;
+    ASSERT_EQ(plain.ask(app, to), text(traced.map.get(app, to, &t)));
+    ASSERT_EQ(caches(plain.map), caches(traced.map)) << app << " " << to;
+  }
+}
+
 TEST(Map, PutAfterAQueryStopsTheMemoUntilTheCachesAreCleared) {
   Fixture f(1);  // caches of one entry: answers are asked again at once
   f.put(1, {"app"}, {"x.test"}, {}, 1);

@@ -28,6 +28,13 @@ constexpr int kClearCacheResult = -1;
 
 bool isAnyApp(const std::string& app) { return app == sigma::sentinel::LAMBDA_STRING; }
 
+// The number a rule's destinations are filed under: 0 when its only
+// application is LAMBDA_STRING, else its rule number. Checked again here
+// although the rules' reader already numbers such rules 0.
+int domainRuleOf(int ruleNumber, const std::vector<std::string>& apps) {
+  return apps.size() == 1 && isAnyApp(apps[0]) ? TPA_RULE_NUMBER_ZERO : ruleNumber;
+}
+
 // Adds ##LAMBDA-APP$ with rule number 0 unless the lookup of it, through the
 // cache like any other, reads anything at all. Every application key starts
 // with '#', so once any application is stored the branch counts as present;
@@ -185,11 +192,6 @@ int Map::putList(bool include, int domainRule, const std::vector<std::string>& l
   if (machine == nullptr) return error::TPA_ERROR_OOM;
   return addDomains(*machine, include ? includeBits_ : excludeBits_, list, domainRule,
                     include ? TPA_DECISION_INCLUDE : TPA_DECISION_EXCLUDE, id, text, key);
-}
-
-int Map::domainRuleOf(int ruleNumber, const std::vector<std::string>& apps) {
-  // Checked again here although the builder already numbers such rules 0.
-  return apps.size() == 1 && isAnyApp(apps[0]) ? TPA_RULE_NUMBER_ZERO : ruleNumber;
 }
 
 void Map::freeze() {

@@ -90,10 +90,6 @@ class Map {
   Decision get(const std::string& app, const std::string& destination,
                QueryTrace* trace = nullptr) const;
 
-  // The number a rule's destinations are filed under: 0 when its only
-  // application is LAMBDA_STRING, else its rule number.
-  static int domainRuleOf(int ruleNumber, const std::vector<std::string>& apps);
-
   // Read-only views for diagnostics and tests (null before construct).
   int capacity() const { return capacity_; }
   const Machine* appsMachine() const { return apps_.get(); }

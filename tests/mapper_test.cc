@@ -94,7 +94,7 @@ TEST(Map, ClearCacheAnswersMinusOneAndABareMapNothing) {
   EXPECT_EQ("include 7", f.ask("com.example.mail", "cdn.shop.test"));
   EXPECT_EQ(-1, f.map.clearCache());  // its answer, although it did clear
   EXPECT_EQ("include 7", f.ask("com.example.mail", "cdn.shop.test"));
-  EXPECT_EQ(1u, f.map.includeMachine()->cache()->listSize());  // asked again, not remembered
+  EXPECT_EQ(1u, f.map.includeMachine()->keyed()->cache()->listSize());  // asked again, not remembered
   Map bare(100);
   EXPECT_EQ("exclude -1", text(bare.get("a", "b")));
   EXPECT_EQ(-1, bare.put(1, {"a"}, {}, {}, 1));
@@ -166,10 +166,10 @@ TEST(Map, AnyAppBranchIsLookedUpThroughTheCache) {
   f.map.clearCache();
   f.put(0, {kAnyApp}, {}, {}, 4);  // now found present
   EXPECT_EQ(sizeWithKeys({"##LAMBDA-APP$", "##LAMBDA-APP$"}),
-            f.map.appsMachine()->automaton()->size());
+            f.map.appsMachine()->keyed()->automaton()->size());
   g.put(1, {"com.a"}, {}, {}, 1);
   g.put(0, {kAnyApp}, {}, {}, 2);  // "#com.a$" starts with '#': present too
-  EXPECT_EQ(sizeWithKeys({"#com.a$"}), g.map.appsMachine()->automaton()->size());
+  EXPECT_EQ(sizeWithKeys({"#com.a$"}), g.map.appsMachine()->keyed()->automaton()->size());
 }
 
 TEST(Map, FailuresStopThePutWithTheirCodeAndMessages) {
@@ -228,7 +228,7 @@ TEST(Map, MemoAnswersAsTheMachines) {
 std::string caches(const Map& map) {
   std::string out;
   for (const Map::Machine* m : {map.appsMachine(), map.includeMachine(), map.excludeMachine()}) {
-    m->cache()->forEach([&out](const auto& e) { out += e.key + "/" + std::to_string(e.subKey) + " "; });
+    m->keyed()->cache()->forEach([&out](const auto& e) { out += e.key + "/" + std::to_string(e.subKey) + " "; });
     out += "| ";
   }
   return out;

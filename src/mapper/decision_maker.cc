@@ -12,7 +12,7 @@ namespace tpa::mapper {
 
 namespace {
 
-using Machine = machine::KeyedMachine;
+using Machine = machine::Machine;
 using Key = std::pair<std::string, int>;
 using StateValue = fsa::SAStateValue<int>;
 
@@ -34,11 +34,7 @@ int search(Machine& machine, const Key& key, StateValue& out, int& matched, Read
   if (read == Read::kQuery) {
     return partial ? machine.findPartial(key, out, matched) : machine.findFull(key, out, matched);
   }
-  const Machine::Automaton* automaton = machine.automaton();
-  if (automaton == nullptr) return error::TPA_ERROR_OOM;
-  matched = partial ? automaton->tryFindPartial(key.first, out)
-                    : automaton->tryFindFull(key.first, out);
-  return error::TPA_ERROR_NONE;
+  return machine.peek(key, out, matched);
 }
 
 void record(SearchTrace* trace, int code, int matched, const StateValue& v) {

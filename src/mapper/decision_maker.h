@@ -13,7 +13,7 @@
 #include <string>
 #include <utility>
 
-#include "machine/fsm.h"
+#include "machine/machine.h"
 #include "mapper/bit_names.h"
 #include "mapper/decision.h"
 #include "mapper/search_result.h"
@@ -34,7 +34,7 @@ struct QueryBuffers {
   // The bit-string search of a domain machine, made at most once a query:
   // unlike the framed keys, the bits do not carry the rule number.
   struct BitsSearch {
-    const machine::KeyedMachine* machine = nullptr;  // null: free this query
+    const machine::Machine* machine = nullptr;  // null: free this query
     int code = 0;
     int run = 0;
     int storedKeyLength = 0;
@@ -45,7 +45,7 @@ struct QueryBuffers {
 
 class MapDecisionMaker {
  public:
-  using Machine = machine::KeyedMachine;
+  using Machine = machine::Machine;
 
   MapDecisionMaker(Machine& apps, Machine& include, Machine& exclude);
   // Uses the caller's buffers instead of its own.

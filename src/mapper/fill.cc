@@ -19,7 +19,7 @@ namespace {
 // An automaton whose states could not be allocated would fail its first key.
 bool automataAllocated(const Map& map) {
   for (const Map::Machine* m : {map.appsMachine(), map.includeMachine(), map.excludeMachine()}) {
-    if (m == nullptr || m->automaton() == nullptr || !m->automaton()->allocated()) return false;
+    if (m == nullptr || !m->allocated()) return false;
   }
   return true;
 }

@@ -20,7 +20,7 @@ namespace tpa::mapper {
 
 namespace {
 
-using Machine = machine::KeyedMachine;
+using Machine = machine::Machine;
 using Key = std::pair<std::string, int>;
 
 // What clearCache answers, on success as well.

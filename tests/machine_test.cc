@@ -1,6 +1,8 @@
 // The keyed machine: missing parts, cached answers per (string, kind), and
 // answers that outlive later puts until the cache is cleared; a machine
 // through its life, keyed then frozen, answering alike.
+#include "machine/machine.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -9,7 +11,6 @@
 #include <vector>
 
 #include "machine/fsm.h"
-#include "machine/machine.h"
 
 namespace {
 

@@ -228,7 +228,8 @@ TEST(Map, MemoAnswersAsTheMachines) {
 std::string caches(const Map& map) {
   std::string out;
   for (const Map::Machine* m : {map.appsMachine(), map.includeMachine(), map.excludeMachine()}) {
-    m->keyed()->cache()->forEach([&out](const auto& e) { out += e.key + "/" + std::to_string(e.subKey) + " "; });
+    m->keyed()->cache()->forEach(
+        [&out](const auto& e) { out += e.key + "/" + std::to_string(e.subKey) + " "; });
     out += "| ";
   }
   return out;
@@ -250,7 +251,9 @@ TEST(Map, TracedQueryLeavesTheCachesAsAnUntracedOne) {
   }
   for (int i = 0; i < 400; ++i) {
     const std::string n = std::to_string(rng() % 20);
-    const std::string to = i % 3 == 0 ? n + ".a.test" : i % 3 == 1 ? "10.1." + n + ".1" : "2001:db8::" + n;
+    const std::string to = i % 3 == 0   ? n + ".a.test"
+                           : i % 3 == 1 ? "10.1." + n + ".1"
+                                        : "2001:db8::" + n;
     const std::string app = "app" + std::to_string(rng() % 6);
     tpa::mapper::QueryTrace t;
     ASSERT_EQ(plain.ask(app, to), text(traced.map.get(app, to, &t)));

@@ -69,11 +69,11 @@ int buildMap(const std::string& source, bool fromFile, std::unique_ptr<mapper::M
   }
   auto fresh = std::make_unique<mapper::Map>(kCacheCapacity);
   ParsedRules rules(parser.getRules());
-  result = mapper::fill(*fresh,
-                        mapper::MachineSizes{parser.grossAppBytesCount(),
-                                             parser.grossIncludeBytesCount(),
-                                             parser.grossExcludeBytesCount()},
-                        rules);
+  result = mapper::fill(
+      *fresh,
+      mapper::MachineSizes{parser.grossAppBytesCount(), parser.grossIncludeBytesCount(),
+                           parser.grossExcludeBytesCount()},
+      rules);
   if (result != error::TPA_ERROR_NONE) return result;
   map = std::move(fresh);
   parser.clear();

@@ -74,8 +74,8 @@ class Machine {
   [[nodiscard]] int peek(const KeyPair& key, StateValue& out, int& matched) const {
     const bool partial = key.second == kPartialKey;
     if (frozen_) {
-      matched = partial ? frozen_->tryFindPartial(key.first, out)
-                        : frozen_->tryFindFull(key.first, out);
+      matched =
+          partial ? frozen_->tryFindPartial(key.first, out) : frozen_->tryFindFull(key.first, out);
       return error::TPA_ERROR_NONE;
     }
     const KeyedMachine::Automaton* automaton = keyed_ ? keyed_->automaton() : nullptr;

@@ -60,8 +60,10 @@ int searchWhole(Machine& machine, const Key& key, bool& whole, int& value, Read 
   if (read == Read::kQuery) {
     const int code = machine.findWhole(key, v, whole);
     value = v.userDefinedValue();
-    if (trace != nullptr && code != error::TPA_ERROR_NONE) record(trace, code, 0, StateValue());
-    if (trace != nullptr && code == error::TPA_ERROR_NONE) {
+    if (trace == nullptr) return code;
+    if (code != error::TPA_ERROR_NONE) {
+      record(trace, code, 0, StateValue());
+    } else {
       int matched = 0;
       (void)search(machine, key, v, matched, Read::kPeek, trace);
     }
@@ -146,11 +148,9 @@ DomainSearchResult findNetwork(int rule, Machine& machine, std::uint8_t flag, Qu
   const int k = static_cast<int>(b.prefixKey.first.size());
   bool whole = false;
   int value = 0;
-  if (searchWhole(machine, b.prefixKey, whole, value, read, traced(trace, &ListTrace::prefix)) !=
-          0 ||
-      !whole) {
-    return DomainSearchResult();
-  }
+  const int code =
+      searchWhole(machine, b.prefixKey, whole, value, read, traced(trace, &ListTrace::prefix));
+  if (code != 0 || !whole) return DomainSearchResult();
   return DomainSearchResult(true, k, value, k);
 }
 
@@ -169,10 +169,9 @@ DomainSearchResult find(int rule, Machine& machine, const BitNames* bitNames, st
   }
   bool whole = false;
   int value = 0;
-  if (searchWhole(machine, b.key, whole, value, Read::kQuery, traced(trace, &ListTrace::whole)) !=
-      0) {
-    return DomainSearchResult();
-  }
+  const int code =
+      searchWhole(machine, b.key, whole, value, Read::kQuery, traced(trace, &ListTrace::whole));
+  if (code != 0) return DomainSearchResult();
   if (whole) return settle(trace, MatchKind::kWholeKey, DomainSearchResult(true, n, value, n));
   if (b.address) {
     if (bitNames == nullptr || bitNames->anyPrefixOf(b.bits.first)) {
@@ -279,10 +278,9 @@ Decision MapDecisionMaker::decide(const std::string& app, const std::string& des
   if (trace != nullptr) trace->appKey = b.appKey.first;
   bool whole = false;
   int value = 0;
-  if (searchWhole(apps_, b.appKey, whole, value, Read::kQuery, traced(trace, &QueryTrace::app)) !=
-      0) {
-    return finish(trace, Decision());
-  }
+  const int code =
+      searchWhole(apps_, b.appKey, whole, value, Read::kQuery, traced(trace, &QueryTrace::app));
+  if (code != 0) return finish(trace, Decision());
   // An application stored whole selects its rule; anything else, rule 0.
   const int rule = whole ? value : TPA_RULE_NUMBER_ZERO;
   normaliseDestination(destination, b);

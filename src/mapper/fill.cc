@@ -40,8 +40,7 @@ bool worthTwoThreads(const MachineSizes& sizes) {
   const long long minimum = twoThreadMinimum.load(std::memory_order_relaxed);
   const long long include = sizes.include;
   const long long exclude = sizes.exclude;
-  const bool large =
-      include >= minimum && static_cast<long long>(sizes.apps) + exclude >= minimum;
+  const bool large = include >= minimum && static_cast<long long>(sizes.apps) + exclude >= minimum;
   return large && std::min(include, exclude) * kPeakBytesPerCharacter <= kOverlapBudgetBytes;
 }
 
@@ -152,7 +151,8 @@ void finishLists(Map& map, const KeysBefore& keys, bool twoThreads, Stop& includ
 }  // namespace
 
 int fill(Map& map, const MachineSizes& sizes, RuleSource& rules) {
-  int result = map.construct(sizes.apps, sizes.include, sizes.exclude, fsa::Construction::kFromText);
+  int result =
+      map.construct(sizes.apps, sizes.include, sizes.exclude, fsa::Construction::kFromText);
   if (result != error::TPA_ERROR_NONE) return result;
   if (!automataAllocated(map)) throw std::bad_alloc();
   // A list's failure is met before any failure of the put (whose keys were

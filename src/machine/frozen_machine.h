@@ -11,9 +11,9 @@
 #include <string>
 #include <utility>
 
-#include "api/constants.h"
 #include "fsa/frozen_automaton.h"
 #include "fsa/suffix_automaton.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::machine {
 

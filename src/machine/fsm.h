@@ -16,10 +16,10 @@
 #include <string>
 #include <utility>
 
-#include "api/constants.h"
 #include "fsa/suffix_automaton.h"
 #include "lru/lru.h"
 #include "machine/frozen_machine.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::machine {
 

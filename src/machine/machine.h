@@ -15,9 +15,9 @@
 #include <optional>
 #include <string>
 
-#include "api/constants.h"
 #include "machine/frozen_machine.h"
 #include "machine/fsm.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::machine {
 

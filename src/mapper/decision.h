@@ -3,7 +3,7 @@
 #ifndef TPA_MAPPER_DECISION_H_
 #define TPA_MAPPER_DECISION_H_
 
-#include "api/constants.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::mapper {
 

@@ -3,10 +3,10 @@
 #include <cstdint>
 #include <string_view>
 
-#include "api/constants.h"
 #include "cidr/cidr.h"
 #include "mapper/trace.h"
 #include "mapper/transform.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::mapper {
 

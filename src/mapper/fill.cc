@@ -9,8 +9,8 @@
 #include <system_error>
 #include <thread>
 
-#include "api/constants.h"
-#include "api/log.h"
+#include "base/log.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::mapper {
 

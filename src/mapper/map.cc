@@ -9,12 +9,12 @@
 #include <new>
 #include <optional>
 
-#include "api/constants.h"
-#include "api/log.h"
+#include "base/log.h"
 #include "cidr/cidr.h"
 #include "mapper/decision_memo.h"
 #include "mapper/trace.h"
 #include "mapper/transform.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::mapper {
 

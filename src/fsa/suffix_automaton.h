@@ -294,8 +294,6 @@ class SuffixAutomaton {
     frozen_ = true;
     return frozen;
   }
-  // The states went to a frozen form (by freeze or finish).
-  bool frozen() const { return frozen_; }
 
   // For an automaton constructed kFromText, once every key is in: makes the
   // read-only form straight from the text into `frozen` (nothing more can be

@@ -1,5 +1,6 @@
 #include "mapper/decision_memo.h"
 
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -11,8 +12,9 @@ bool DecisionMemo::Entry::holds(std::uint64_t h, std::uint64_t e, const std::str
                                 const std::string& destination) const {
   // The application's length tells "ab" + "c" from "a" + "bc".
   return lastUsed != 0 && hash == h && epoch == e && appLength == app.size() &&
-         key.size() == app.size() + destination.size() && key.compare(0, app.size(), app) == 0 &&
-         key.compare(app.size(), destination.size(), destination) == 0;
+         key.size() == app.size() + destination.size() &&
+         std::memcmp(key.data(), app.data(), app.size()) == 0 &&
+         std::memcmp(key.data() + app.size(), destination.data(), destination.size()) == 0;
 }
 
 std::uint64_t DecisionMemo::hashOf(const std::string& app, const std::string& destination) {

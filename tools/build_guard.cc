@@ -1,6 +1,11 @@
 #include "tools/build_guard.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <new>
 #include <stdexcept>
@@ -11,6 +16,37 @@
 #include "tools/lint.h"
 
 namespace tpa::tools {
+
+bool readRules(const std::string& path, std::string& text, std::string& error) {
+  const bool fromStdin = path == "-";
+  const int fd = fromStdin ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const std::string name = fromStdin ? "standard input" : path;
+  if (fd < 0) {
+    error = "cannot read " + name + ": " + std::strerror(errno);
+    return false;
+  }
+  text.clear();
+  char block[64 * 1024];
+  ssize_t n;
+  while ((n = ::read(fd, block, sizeof block)) != 0) {
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) break;
+    text.append(block, static_cast<std::size_t>(n));
+  }
+  const int readError = n < 0 ? errno : 0;
+  if (!fromStdin) ::close(fd);
+  if (readError != 0) error = "cannot read " + name + ": " + std::strerror(readError);
+  return readError == 0;
+}
+
+bool loadRules(const std::string& path, std::string& text) {
+  std::string error;
+  if (readRules(path, text, error)) return true;
+  std::fprintf(stderr, "tpa: %s\n", error.c_str());
+  return false;
+}
+
+std::string displayName(const std::string& path) { return path == "-" ? "<stdin>" : path; }
 
 BuildOutcome buildGuarded(api::TarnPatternAnalyzer& analyzer, const std::string& text) {
   BuildOutcome outcome;

@@ -1,7 +1,8 @@
-// Building a rules document the way the Android bridge does
-// (TarnPatternAnalyzer::build(text, false)), with the one difference that
-// the tool, not the library, catches what two malformed network forms throw.
-// Failures are reported on standard error in the tool's fixed formats.
+// Reading a rules document (a file, or standard input for "-") and building
+// it the way the Android bridge does (TarnPatternAnalyzer::build(text,
+// false)), with the one difference that the tool, not the library, catches
+// what two malformed network forms throw. Failures are reported on standard
+// error in the tool's fixed formats.
 #ifndef TPA_TOOLS_BUILD_GUARD_H_
 #define TPA_TOOLS_BUILD_GUARD_H_
 
@@ -31,6 +32,16 @@ struct BuildFailure {
   std::size_t column = 0;
   std::string message;        // one line, for people
 };
+
+// Reads a whole file ("-": standard input) into `text`, byte for byte.
+// Returns false and an explanation in `error` when it cannot be read.
+[[nodiscard]] bool readRules(const std::string& path, std::string& text, std::string& error);
+
+// readRules, reporting a failure as "tpa: ..." on stderr.
+[[nodiscard]] bool loadRules(const std::string& path, std::string& text);
+
+// How the diagnostics name the document: the path, or "<stdin>" for "-".
+[[nodiscard]] std::string displayName(const std::string& path);
 
 [[nodiscard]] BuildOutcome buildGuarded(api::TarnPatternAnalyzer& analyzer,
                                         const std::string& text);

@@ -1,13 +1,12 @@
 #include "tools/diff_classes.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <climits>
 #include <map>
 #include <cstdio>
 #include <string_view>
 
+#include "cidr/address_bits.h"
 #include "cidr/cidr.h"
 #include "mapper/map.h"
 #include "mapper/transform.h"
@@ -71,13 +70,8 @@ void sortUnique(std::unordered_map<int, std::vector<std::string>>& lists) {
 
 // The address `bits` (32 or 128 of them) as people write it.
 std::string addressText(const std::string& bits) {
-  unsigned char bytes[16] = {};
-  for (std::size_t i = 0; i < bits.size() && i < 128; ++i) {
-    if (bits[i] == '1') bytes[i / 8] |= static_cast<unsigned char>(0x80u >> (i % 8));
-  }
-  char text[INET6_ADDRSTRLEN] = {};
-  inet_ntop(bits.size() == 32 ? AF_INET : AF_INET6, bytes, text, sizeof text);
-  return text;
+  const bool ipv4 = bits.size() == static_cast<std::size_t>(cidr::kIPv4Bits);
+  return cidr::bitsToAddress(bits, ipv4 ? cidr::kIPv4Bits : cidr::kIPv6Bits);
 }
 
 // A stored address's fixed-width text as people write it; other text as it is.
@@ -227,7 +221,7 @@ class NetworkClasses : public ClassSet {
   NetworkClasses(const KeySelection& own, int width, const ClassSet* base, const ClassSet& names,
                  const std::unordered_set<std::string>& wildcards)
       : width_(width), names_(names) {
-    const char* textCharacters = width == 32 ? "0123456789." : "0123456789abcdef:";
+    const char* textCharacters = width == cidr::kIPv4Bits ? "0123456789." : "0123456789abcdef:";
     for (const std::string& z : wildcards) {  // those that can end an address's text
       if (z.find_first_not_of(textCharacters) != std::string::npos) continue;
       wildcards_.insert(z);
@@ -339,7 +333,7 @@ class NetworkClasses : public ClassSet {
   void setLastByte(std::string& address, std::string& text, int value) const {
     static constexpr char kHex[] = "0123456789abcdef";
     for (int i = 0; i < 8; ++i) address[width_ - 1 - i] = (value >> i) & 1 ? '1' : '0';
-    if (width_ == 32) {
+    if (width_ == cidr::kIPv4Bits) {
       text[text.size() - 3] = static_cast<char>('0' + value / 100);
       text[text.size() - 2] = static_cast<char>('0' + value / 10 % 10);
       text[text.size() - 1] = static_cast<char>('0' + value % 10);

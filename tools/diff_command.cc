@@ -20,7 +20,9 @@
 #include "api/analyzer.h"
 #include "api/constants.h"
 #include "api/diagnostics.h"
-#include "mapper/trace.h"
+#include "cidr/address_bits.h"
+#include "mapper/trace_text.h"
+#include "mapper/transform.h"
 #include "parser/rule.h"
 #include "tools/build_guard.h"
 #include "tools/built_document.h"
@@ -104,8 +106,7 @@ ChangeKind kindOf(const Answer& before, const Answer& after) {
 }
 
 std::string answerText(const Answer& a) {
-  return std::string(a.decision == mapper::TPA_DECISION_INCLUDE ? "include " : "exclude ") +
-         std::to_string(a.value);
+  return std::string(mapper::decisionName(a.decision)) + " " + std::to_string(a.value);
 }
 
 // One side of the comparison: a built document, and (for annotations) where
@@ -127,33 +128,6 @@ struct Side {
     return document.parser.getRules();
   }
 };
-
-// The name part of a framed key "#NAME$...".
-std::string nameOf(const std::string& key) {
-  const std::size_t dollar = key.rfind('$');
-  return key.size() > 1 && dollar != std::string::npos ? key.substr(1, dollar - 1) : "";
-}
-
-// The stored entry that decided through `list`, as the map stores it; empty
-// when the trace does not tell it.
-std::string decidingEntry(const mapper::ListTrace& list) {
-  switch (list.match) {
-    case mapper::MatchKind::kWholeKey:
-      return nameOf(list.key);
-    case mapper::MatchKind::kNetworkPrefix:
-      return nameOf(list.prefixKey);
-    case mapper::MatchKind::kPartialKey: {
-      const int p = list.partial.matched;
-      if (p <= 0 || p > static_cast<int>(list.key.size()) || list.partial.storedLength != p + 2) {
-        return "";
-      }
-      return nameOf("#*" + list.key.substr(list.key.size() - static_cast<std::size_t>(p)));
-    }
-    case mapper::MatchKind::kNone:
-      break;
-  }
-  return "";
-}
 
 // Where NEW says what changed: its deciding entry, else the rule (or the
 // start) where OLD's deciding entry no longer stands, with a note saying so.
@@ -191,7 +165,7 @@ class Annotator {
 
   Place entryPlace(int position, const DecidingStep& step) const {
     if (static_cast<std::size_t>(position) > new_.scan->rules.size()) return {};
-    const std::string entry = step.list != nullptr ? decidingEntry(*step.list) : "";
+    const std::string entry = step.list != nullptr ? mapper::framedName(decidingKey(*step.list)) : "";
     const char* key = step.include ? parser::kIncludeKey : parser::kExcludeKey;
     for (const ScannedString* value : ruleObject(position).valuesOf(key)) {
       const StoredDestination stored = storeDestination(value->text);
@@ -308,7 +282,7 @@ class Reporter {
 
   static std::string sideJson(const Answer& a, const std::string& reason) {
     return JsonLine()
-        .field("decision", a.decision == mapper::TPA_DECISION_INCLUDE ? "include" : "exclude")
+        .field("decision", mapper::decisionName(a.decision))
         .field("id", static_cast<long long>(a.value))
         .field("reason", reason)
         .str();
@@ -354,8 +328,8 @@ ClassSets classSets(const KeySelection& selection, const ClassSets* base,
   const auto baseOf = [base](int kind) { return base ? base->kinds[kind].get() : nullptr; };
   const ClassSet& names =
       *(sets.kinds[kNames] = nameClasses(selection, baseOf(kNames), wildcards));
-  sets.kinds[kIpv4] = networkClasses(selection, 32, baseOf(kIpv4), names, wildcards);
-  sets.kinds[kIpv6] = networkClasses(selection, 128, baseOf(kIpv6), names, wildcards);
+  sets.kinds[kIpv4] = networkClasses(selection, cidr::kIPv4Bits, baseOf(kIpv4), names, wildcards);
+  sets.kinds[kIpv6] = networkClasses(selection, cidr::kIPv6Bits, baseOf(kIpv6), names, wildcards);
   return sets;
 }
 

@@ -8,8 +8,10 @@
 #include "api/analyzer.h"
 #include "api/diagnostics.h"
 #include "api/constants.h"
+#include "cidr/address_bits.h"
 #include "cidr/cidr.h"
-#include "mapper/trace.h"
+#include "mapper/trace_text.h"
+#include "mapper/transform.h"
 #include "parser/json_parser.h"
 #include "tools/build_guard.h"
 #include "tools/built_document.h"
@@ -21,8 +23,6 @@
 
 namespace tpa::tools {
 namespace {
-
-constexpr char kIpv4MappedText[] = "0000:0000:0000:0000:0000:ffff:";
 
 using mapper::ListTrace;
 using mapper::MatchKind;
@@ -83,7 +83,7 @@ std::string wildcardKey(const ListTrace& l) {
   }
   const std::string suffix =
       l.key.substr(l.key.size() - static_cast<std::size_t>(l.partial.matched));
-  if (l.partial.storedLength == l.partial.matched + 2) return quoted("#*" + suffix);
+  if (l.partial.storedLength == l.partial.matched + 2) return quoted(mapper::wildcardKey(suffix));
   return "a key of length " + num(l.partial.storedLength) + " ending in " + quoted("*" + suffix);
 }
 
@@ -100,10 +100,7 @@ std::string partialLine(const ListTrace& l) {
 
 std::string listResult(const ListTrace& l) {
   if (!l.found) return "no match";
-  const char* how = l.match == MatchKind::kWholeKey        ? "whole key"
-                    : l.match == MatchKind::kNetworkPrefix ? "network prefix"
-                                                           : "wildcard";
-  return std::string("match by ") + how + " (matched " + num(l.matchedLength) + ", stored " +
+  return std::string("match by ") + mapper::matchText(l.match) + " (matched " + num(l.matchedLength) + ", stored " +
          num(l.storedLength) + "), value " + num(l.value);
 }
 
@@ -115,31 +112,13 @@ void writeList(OutputSink& out, const char* name, const ListTrace& l) {
   out.line("      => " + listResult(l));
 }
 
-std::string verdictLine(Verdict v) {
-  switch (v) {
-    case Verdict::kNeither:
-      return "neither list matched";
-    case Verdict::kOnlyInclude:
-      return "only include matched: include";
-    case Verdict::kOnlyExclude:
-      return "only exclude matched: exclude";
-    case Verdict::kIncludeEqual:
-      return "both matched equally: ties go to include";
-    case Verdict::kIncludeLonger:
-      return "both matched; include is longer in stored key or match: include";
-    case Verdict::kExcludeLonger:
-      return "both matched; exclude is no shorter in either and longer in one: exclude";
-  }
-  return "";
-}
-
 void writeStep(OutputSink& out, const StepTrace& step, bool isFallback) {
   out.line(std::string("  rule number ") + num(step.rule) +
            (step.rule == 0 ? " (the rules of every application)" : "") +
            (isFallback ? ", the fallback:" : ":"));
-  writeList(out, "include", step.include);
-  writeList(out, "exclude", step.exclude);
-  std::string precedence = "    precedence: " + verdictLine(step.verdict);
+  writeList(out, mapper::decisionName(mapper::TPA_DECISION_INCLUDE), step.include);
+  writeList(out, mapper::decisionName(mapper::TPA_DECISION_EXCLUDE), step.exclude);
+  std::string precedence = std::string("    precedence: ") + mapper::verdictExplanation(step.verdict);
   if (step.verdict == Verdict::kNeither) {
     precedence += step.rule != 0 ? "; falling back to rule number 0" : "; no fallback is left";
   }
@@ -163,19 +142,11 @@ std::string decidingRule(const std::vector<parser::Rule>& rules, const mapper::Q
   return "the rule at position " + positions + ", id " + num(t.value);
 }
 
-// The IPv4 address inside an IPv4-mapped IPv6 text ("...:ffff:cb00:7109").
-std::string mappedIpv4(const std::string& expanded) {
-  const unsigned long high = std::stoul(expanded.substr(30, 4), nullptr, 16);
-  const unsigned long low = std::stoul(expanded.substr(35, 4), nullptr, 16);
-  return num(static_cast<int>(high >> 8)) + "." + num(static_cast<int>(high & 0xff)) + "." +
-         num(static_cast<int>(low >> 8)) + "." + num(static_cast<int>(low & 0xff));
-}
-
 void writeMappedNote(OutputSink& out, const std::string& destination) {
   if (!cidr::isIPv6Address(destination)) return;
   const std::string expanded = cidr::expandIPv6(destination);
-  if (expanded.rfind(kIpv4MappedText, 0) != 0) return;
-  const std::string ipv4 = mappedIpv4(expanded);
+  if (!cidr::isIPv4MappedText(expanded)) return;
+  const std::string ipv4 = cidr::mappedIPv4(expanded);
   out.line("  note: " + destination + " is an IPv4-mapped IPv6 address: IPv4 entries for " + ipv4 +
            " (the address, or a network holding it) cannot match it as written, only IPv6 "
            "entries such as ::ffff:" +
@@ -191,10 +162,6 @@ struct TracedQuery {
   int decision = 0;
 };
 
-const char* decisionName(const TracedQuery& q) {
-  return q.decision == mapper::TPA_DECISION_INCLUDE ? "include" : "exclude";
-}
-
 void writeText(OutputSink& out, const std::vector<parser::Rule>& rules, const TracedQuery& q) {
   out.line("query: " + quoted(q.app) + " " + quoted(q.destination));
   out.line("  " + appLine(q.trace));
@@ -202,7 +169,7 @@ void writeText(OutputSink& out, const std::vector<parser::Rule>& rules, const Tr
   writeMappedNote(out, q.destination);
   for (std::size_t i = 0; i < q.trace.steps.size(); ++i) writeStep(out, q.trace.steps[i], i > 0);
   out.line("  deciding rule: " + decidingRule(rules, q.trace));
-  out.line(std::string("  decision: ") + decisionName(q) + "\t" + num(q.value));
+  out.line(std::string("  decision: ") + mapper::decisionName(q.decision) + "\t" + num(q.value));
 }
 
 // One JSON object per query; the fields are listed in `tpa explain --help`.
@@ -216,12 +183,12 @@ void writeJson(OutputSink& out, const std::vector<parser::Rule>& rules, const Tr
       .field("destination", q.destination)
       .field("searched_as", q.trace.destination)
       .field("app_rule_number", static_cast<long long>(q.trace.rule))
-      .field("decision", decisionName(q))
+      .field("decision", mapper::decisionName(q.decision))
       .field("id", static_cast<long long>(q.value));
   if (step.decided) {
     line.field("rule_number", static_cast<long long>(step.rule))
-        .field("list", step.include ? "include" : "exclude")
-        .field("match", matchName(step.list->match));
+        .field("list", mapper::decisionName(mapper::decidingList(q.trace.steps.back().verdict)))
+        .field("match", mapper::matchName(step.list->match));
   } else {
     line.null("rule_number").null("list").null("match");
   }

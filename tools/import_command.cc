@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "api/constants.h"
+#include "tools/build_guard.h"
 #include "tools/cli.h"
 #include "tools/commands.h"
 #include "tools/doc_scan.h"

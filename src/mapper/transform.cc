@@ -43,4 +43,15 @@ std::string transformDomain(const std::string& domain, int ruleNumber, std::uint
   return out;
 }
 
+std::string wildcardKey(std::string_view keyTail) {
+  std::string key{sentinel::PRECEDING_SYMBOL, '*'};
+  return key.append(keyTail);
+}
+
+std::string framedName(std::string_view key) {
+  const std::size_t end = key.rfind(sentinel::SUCCEEDING_SYMBOL);
+  if (key.size() <= 1 || end == std::string_view::npos) return "";
+  return std::string(key.substr(1, end - 1));
+}
+
 }  // namespace tpa::mapper

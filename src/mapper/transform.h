@@ -22,6 +22,13 @@ void tansformAppInto(std::string& out, std::string_view app);
 void transformDomainInto(std::string& out, std::string_view domain, int ruleNumber,
                          std::uint8_t flag);
 
+// The stored key of a wildcard whose text after its '*' is `keyTail`, an end
+// of a framed destination key: "#*" keyTail.
+[[nodiscard]] std::string wildcardKey(std::string_view keyTail);
+
+// The name part of a framed key "#NAME$...", or empty when `key` is none.
+[[nodiscard]] std::string framedName(std::string_view key);
+
 }  // namespace tpa::mapper
 
 #endif  // TPA_MAPPER_TRANSFORM_H_

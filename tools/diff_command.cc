@@ -30,7 +30,6 @@
 #include "tools/decision_reason.h"
 #include "tools/diff_classes.h"
 #include "tools/doc_scan.h"
-#include "tools/json_escape.h"
 #include "tools/line_io.h"
 #include "tools/lint.h"
 #include "tools/output_format.h"
@@ -227,12 +226,9 @@ class Reporter {
   void writeSummary(const char* asked, std::size_t count) {
     if (format_ == OutputFormat::kJson) {
       JsonLine summary;
-      summary.field(asked, static_cast<long long>(count))
-          .field("changed", static_cast<long long>(changed_));
-      for (int k = 0; k < kChangeKinds; ++k) {
-        summary.field(kKindName[k], static_cast<long long>(counts_[k]));
-      }
-      out_.line(JsonLine().raw("summary", summary.str()).str());
+      summary.field(asked, count).field("changed", changed_);
+      for (int k = 0; k < kChangeKinds; ++k) summary.field(kKindName[k], counts_[k]);
+      out_.line(JsonLine().field("summary", summary).str());
       return;
     }
     std::string line = "changed: " + std::to_string(changed_) + " of " + std::to_string(count) +
@@ -268,24 +264,19 @@ class Reporter {
     } else {
       line.field("class", c.kind).field("pattern", c.pattern).field("example", c.destination);
       if (!c.ending.empty()) line.field("ending", c.ending);
-      if (!c.also.empty()) {
-        std::string apps;
-        appendJsonStringArray(apps, c.also);
-        line.raw("also", apps);
-      }
+      if (!c.also.empty()) line.field("also", c.also);
     }
     return line.field("change", kKindName[kind])
-        .raw("old", sideJson(a, oldReason))
-        .raw("new", sideJson(b, newReason))
+        .field("old", sideJson(a, oldReason))
+        .field("new", sideJson(b, newReason))
         .str();
   }
 
-  static std::string sideJson(const Answer& a, const std::string& reason) {
+  static JsonLine sideJson(const Answer& a, const std::string& reason) {
     return JsonLine()
         .field("decision", mapper::decisionName(a.decision))
-        .field("id", static_cast<long long>(a.value))
-        .field("reason", reason)
-        .str();
+        .field("id", a.value)
+        .field("reason", reason);
   }
 
   Side& old_;

@@ -175,25 +175,22 @@ void writeText(OutputSink& out, const std::vector<parser::Rule>& rules, const Tr
 // One JSON object per query; the fields are listed in `tpa explain --help`.
 void writeJson(OutputSink& out, const std::vector<parser::Rule>& rules, const TracedQuery& q) {
   const DecidingStep step = decidingStep(q.trace);
-  std::string positions = "[";
-  for (int p : decidingPositions(rules, q.trace))
-    positions += (positions.size() > 1 ? "," : "") + num(p);
   JsonLine line;
   line.field("app", q.app)
       .field("destination", q.destination)
       .field("searched_as", q.trace.destination)
-      .field("app_rule_number", static_cast<long long>(q.trace.rule))
+      .field("app_rule_number", q.trace.rule)
       .field("decision", mapper::decisionName(q.decision))
-      .field("id", static_cast<long long>(q.value));
+      .field("id", q.value);
   if (step.decided) {
-    line.field("rule_number", static_cast<long long>(step.rule))
+    line.field("rule_number", step.rule)
         .field("list", mapper::decisionName(mapper::decidingList(q.trace.steps.back().verdict)))
         .field("match", mapper::matchName(step.list->match));
   } else {
     line.null("rule_number").null("list").null("match");
   }
   out.line(line.field("fallback", step.fallback)
-               .raw("positions", positions + "]")
+               .field("positions", decidingPositions(rules, q.trace))
                .field("reason", decisionReason(q.trace))
                .str());
 }

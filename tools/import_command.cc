@@ -77,19 +77,7 @@ class Reporter {
   void note(const std::string& file, std::size_t line, const LineNote& note) {
     clearProgress();
     ++notes_;
-    std::string text;
-    if (format_ == OutputFormat::kJson) {
-      text = JsonLine()
-                 .field("file", file)
-                 .field("line", static_cast<long long>(line))
-                 .field("code", note.code)
-                 .field("message", note.message)
-                 .str();
-    } else if (format_ == OutputFormat::kGithub) {
-      text = githubAnnotation("warning", file, line, 1, "[" + note.code + "] " + note.message);
-    } else {
-      text = file + ":" + std::to_string(line) + ": warning: [" + note.code + "] " + note.message;
-    }
+    const std::string text = findingLine(format_, file, line, 0, note.code, note.message);
     std::fprintf(stderr, "%s\n", text.c_str());
   }
 
@@ -158,20 +146,18 @@ bool readList(const std::string& path, std::uint32_t fileIndex, Importer& import
 void writeSummary(const Importer& importer, const ImportOutcome& outcome, std::size_t notTaken,
                   OutputFormat format) {
   if (format == OutputFormat::kJson) {
-    const std::string line =
-        JsonLine()
-            .field("include_entries", static_cast<long long>(outcome.include.size()))
-            .field("exclude_entries", static_cast<long long>(outcome.exclude.size()))
-            .field("names", static_cast<long long>(importer.meaning().size()))
-            .field("rules", static_cast<long long>(importer.rulesRead()))
-            .field("duplicates", static_cast<long long>(importer.duplicates()))
-            .field("not_taken", static_cast<long long>(notTaken))
-            .field("names_lost", static_cast<long long>(outcome.namesLost))
-            .field("exceptions_dropped", static_cast<long long>(outcome.exceptionsDropped))
-            .field("wildcards_hidden", static_cast<long long>(outcome.wildcardsHidden))
-            .field("padding", static_cast<long long>(outcome.padding))
-            .str();
-    std::fprintf(stderr, "{\"summary\":%s}\n", line.c_str());
+    const JsonLine summary = JsonLine()
+                                 .field("include_entries", outcome.include.size())
+                                 .field("exclude_entries", outcome.exclude.size())
+                                 .field("names", importer.meaning().size())
+                                 .field("rules", importer.rulesRead())
+                                 .field("duplicates", importer.duplicates())
+                                 .field("not_taken", notTaken)
+                                 .field("names_lost", outcome.namesLost)
+                                 .field("exceptions_dropped", outcome.exceptionsDropped)
+                                 .field("wildcards_hidden", outcome.wildcardsHidden)
+                                 .field("padding", outcome.padding);
+    std::fprintf(stderr, "%s\n", JsonLine().field("summary", summary).str().c_str());
     return;
   }
   std::fprintf(stderr,

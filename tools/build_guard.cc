@@ -66,27 +66,6 @@ BuildOutcome buildGuarded(api::TarnPatternAnalyzer& analyzer, const std::string&
   return outcome;
 }
 
-int reportBuildFailure(const BuildOutcome& outcome, const std::string& text,
-                       const std::string& documentName) {
-  if (outcome.threw) {
-    std::string line = "tpa: build threw: " + outcome.what;
-    KeyedValue culprit;
-    std::string what;
-    if (findThrowingValue(text, culprit, what)) {
-      const auto [row, column] = LineIndex(text).at(culprit.value.offset);
-      line += " (" + culprit.key + " value " + quoted(culprit.value.text) + " at " + documentName +
-              ":" + std::to_string(row) + ":" + std::to_string(column) + ")";
-    }
-    std::fprintf(stderr, "%s\n", line.c_str());
-    return kExitBuildThrew;
-  }
-  if (outcome.code != error::TPA_ERROR_NONE) {
-    std::fprintf(stderr, "tpa: build failed: %d %s\n", outcome.code, error::name(outcome.code));
-    return kExitBuildFailed;
-  }
-  return kExitOk;
-}
-
 namespace {
 
 // What made address parsing throw, in the words of the value's author.
@@ -122,17 +101,28 @@ BuildFailure describeBuildFailure(const BuildOutcome& outcome, const std::string
   return failure;
 }
 
-int buildDocument(const std::string& rules, std::string& text, api::TarnPatternAnalyzer& analyzer,
-                  BuildFailure& failure) {
-  if (!loadRules(rules, text)) return kExitNoInput;
-  const BuildOutcome outcome = buildGuarded(analyzer, text);
-  failure = describeBuildFailure(outcome, text);
-  return reportBuildFailure(outcome, text, displayName(rules));
+int reportBuildFailure(const BuildOutcome& outcome, const std::string& text,
+                       const std::string& documentName) {
+  const BuildFailure failure = describeBuildFailure(outcome, text);
+  if (failure.exitCode == kExitBuildThrew) {
+    std::string line = "tpa: build threw: " + outcome.what;
+    if (failure.located) {
+      line += " (" + failure.key + " value " + quoted(failure.value) + " at " + documentName + ":" +
+              std::to_string(failure.line) + ":" + std::to_string(failure.column) + ")";
+    }
+    std::fprintf(stderr, "%s\n", line.c_str());
+  } else if (failure.exitCode == kExitBuildFailed) {
+    std::fprintf(stderr, "tpa: build failed: %d %s\n", outcome.code, error::name(outcome.code));
+  }
+  return failure.exitCode;
 }
 
-int buildDocument(const std::string& rules, std::string& text, api::TarnPatternAnalyzer& analyzer) {
-  BuildFailure unused;
-  return buildDocument(rules, text, analyzer, unused);
+int buildDocument(const std::string& rules, std::string& text, api::TarnPatternAnalyzer& analyzer,
+                  BuildFailure* failure) {
+  if (!loadRules(rules, text)) return kExitNoInput;
+  const BuildOutcome outcome = buildGuarded(analyzer, text);
+  if (failure != nullptr) *failure = describeBuildFailure(outcome, text);
+  return reportBuildFailure(outcome, text, displayName(rules));
 }
 
 }  // namespace tpa::tools

@@ -58,12 +58,11 @@ struct BuildFailure {
                                                 const std::string& text);
 
 // Reads RULES (a path or "-") into `text` and builds it into `analyzer`,
-// reporting any failure on stderr. Returns kExitOk or the exit code.
+// reporting any failure on stderr, and handing it out in `failure` (when not
+// null) for a machine-readable report. Returns kExitOk or the exit code.
 [[nodiscard]] int buildDocument(const std::string& rules, std::string& text,
-                                api::TarnPatternAnalyzer& analyzer);
-// The same, also handing out the failure for a machine-readable report.
-[[nodiscard]] int buildDocument(const std::string& rules, std::string& text,
-                                api::TarnPatternAnalyzer& analyzer, BuildFailure& failure);
+                                api::TarnPatternAnalyzer& analyzer,
+                                BuildFailure* failure = nullptr);
 
 }  // namespace tpa::tools
 

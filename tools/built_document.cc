@@ -6,19 +6,17 @@
 
 namespace tpa::tools {
 
-std::string readAsBuilt(api::TarnPatternAnalyzer& analyzer, const std::string& text) {
-  std::string copy = text;
-  (void)analyzer.validate(copy);
-  return copy;
-}
-
 bool parseAsBuilt(parser::JsonParser& parser, api::TarnPatternAnalyzer& analyzer,
                   const std::string& text) {
-  return parser.parse(readAsBuilt(analyzer, text), false) == error::TPA_ERROR_NONE;
+  std::string built = text;
+  (void)analyzer.validate(built);
+  return parser.parse(built, false) == error::TPA_ERROR_NONE;
 }
 
-int buildAndRead(const std::string& rules, BuiltDocument& document) {
-  if (int code = buildDocument(rules, document.text, document.analyzer)) return code;
+int buildAndRead(const std::string& rules, BuiltDocument& document, bool readBack,
+                 BuildFailure* failure) {
+  if (int code = buildDocument(rules, document.text, document.analyzer, failure)) return code;
+  if (!readBack) return kExitOk;
   return parseAsBuilt(document.parser, document.analyzer, document.text) ? kExitOk
                                                                          : kExitBuildFailed;
 }

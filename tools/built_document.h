@@ -11,14 +11,13 @@
 #include "api/analyzer.h"
 #include "parser/json_parser.h"
 #include "parser/rule.h"
+#include "tools/build_guard.h"
 
 namespace tpa::tools {
 
-// `text` after the analyzer's own rewriting of degenerate documents.
-[[nodiscard]] std::string readAsBuilt(api::TarnPatternAnalyzer& analyzer, const std::string& text);
-
-// Parses the text the analyzer built into `parser`'s rules. After a
-// successful build this cannot fail; false if it does all the same.
+// Parses the text the analyzer built (`text` after its own rewriting of
+// degenerate documents) into `parser`'s rules. After a successful build
+// this cannot fail; false if it does all the same.
 [[nodiscard]] bool parseAsBuilt(parser::JsonParser& parser, api::TarnPatternAnalyzer& analyzer,
                                 const std::string& text);
 
@@ -28,9 +27,11 @@ struct BuiltDocument {
   parser::JsonParser parser;          // text read back into rules
 };
 
-// Reads RULES, builds it and reads it back, reporting any failure on stderr.
-// Returns kExitOk or the exit code.
-[[nodiscard]] int buildAndRead(const std::string& rules, BuiltDocument& document);
+// Reads RULES, builds it and (with `readBack`) reads it back, reporting any
+// failure on stderr and in `failure` (when not null). Returns kExitOk or the
+// exit code.
+[[nodiscard]] int buildAndRead(const std::string& rules, BuiltDocument& document,
+                               bool readBack = true, BuildFailure* failure = nullptr);
 
 // The 1-based positions of the rules whose id is `id`.
 [[nodiscard]] std::vector<int> positionsOfId(const std::vector<parser::Rule>& rules, int id);

@@ -563,15 +563,7 @@ class CompleteDiff {
 // the whole text) only when questions or annotations need them.
 int loadSide(const std::string& path, bool needRules, bool annotate, Side& side) {
   side.name = displayName(path);
-  if (!needRules) {
-    return buildDocument(path, side.document.text, side.document.analyzer, side.failure);
-  }
-  if (int code = buildDocument(path, side.document.text, side.document.analyzer, side.failure)) {
-    return code;
-  }
-  if (!parseAsBuilt(side.document.parser, side.document.analyzer, side.document.text)) {
-    return kExitBuildFailed;
-  }
+  if (int code = buildAndRead(path, side.document, needRules, &side.failure)) return code;
   if (annotate) {
     side.scan = std::make_unique<DocumentScan>(scanDocument(side.document.text));
     side.lines = std::make_unique<LineIndex>(side.document.text);

@@ -9,6 +9,7 @@
 #include "api/diagnostics.h"
 #include "api/constants.h"
 #include "mapper/map.h"
+#include "mapper/trace_text.h"
 #include "parser/json_parser.h"
 #include "tools/alloc_meter.h"
 #include "tools/build_guard.h"
@@ -66,8 +67,8 @@ void writeBuildReport(OutputSink& out, api::TarnPatternAnalyzer& analyzer, const
   out.line("rules: " + std::to_string(rulesBuilt(analyzer, text, m.outcome)));
   const mapper::Map* map = api::Inspect::map(analyzer);
   out.line("automaton states: " + machineSize("apps", map ? map->appsMachine() : nullptr) + ", " +
-           machineSize("include", map ? map->includeMachine() : nullptr) + ", " +
-           machineSize("exclude", map ? map->excludeMachine() : nullptr));
+           machineSize(mapper::decisionName(mapper::TPA_DECISION_INCLUDE), map ? map->includeMachine() : nullptr) + ", " +
+           machineSize(mapper::decisionName(mapper::TPA_DECISION_EXCLUDE), map ? map->excludeMachine() : nullptr));
   char timing[64];
   std::snprintf(timing, sizeof timing, "build time: %.3f ms", m.milliseconds);
   out.line(timing);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <string_view>
 
+#include "api/constants.h"
 #include "cidr/address_bits.h"
 #include "cidr/cidr.h"
 #include "mapper/map.h"
@@ -13,6 +14,10 @@
 
 namespace tpa::tools {
 namespace {
+
+// The characters that frame a stored key's name: kOpen NAME kClose.
+const char kOpen = sigma::sentinel::PRECEDING_SYMBOL;
+const char kClose = sigma::sentinel::SUCCEEDING_SYMBOL;
 
 // The first label of the names made up to stand for a class.
 constexpr char kProbe[] = "tpa-probe";
@@ -35,8 +40,8 @@ bool ruleNumberText(std::string_view text, int& number) {
 // every rule number r whose queries, framed "$" r flag, can end at one of its
 // '$'s.
 void addKey(DocumentKeys& keys, const std::string& key, char flag) {
-  for (std::size_t dollar = key.find('$'); dollar != std::string::npos;
-       dollar = key.find('$', dollar + 1)) {
+  for (std::size_t dollar = key.find(kClose); dollar != std::string::npos;
+       dollar = key.find(kClose, dollar + 1)) {
     const std::string_view tail = std::string_view(key).substr(dollar + 1);
     for (std::size_t k = 1; k < tail.size(); ++k) {
       int rule = 0;
@@ -142,7 +147,7 @@ class NameClasses : public ClassSet {
 
   void describe(DestinationClass& c) {
     c.hasBase = base_ != nullptr && base_->taken(c.key);
-    if (!c.key.empty() && c.key[0] == '#') {
+    if (!c.key.empty() && c.key[0] == kOpen) {
       const std::string name = c.key.substr(1);
       const bool address = cidr::isIPAddress(name);
       c.kind = "name";
@@ -164,14 +169,14 @@ class NameClasses : public ClassSet {
     if (!ending.empty() && fits("", ending)) return ending;
     for (int c = 1; c < 256; ++c) {
       const std::string prefix = probe + static_cast<char>(c);
-      if (c != '#' && fits(prefix, ending)) return prefix + ending;
+      if (c != kOpen && fits(prefix, ending)) return prefix + ending;
     }
     return "";
   }
 
   // Whether the name `prefix` `ending` falls in the class of `ending`.
   bool fits(const std::string& prefix, const std::string& ending) const {
-    const char before = prefix.empty() ? '#' : prefix.back();
+    const char before = prefix.empty() ? kOpen : prefix.back();
     return !taken(before + ending) && !cidr::isIPAddress(prefix + ending);
   }
 
@@ -186,7 +191,7 @@ class NameClasses : public ClassSet {
     std::unordered_map<int, std::string> shown;  // such a first class -> its ending
     for (std::size_t i = 0; i < classes_.size(); ++i) {
       DestinationClass& c = classes_[i];
-      if (c.kind != "ending" || c.key.find('$') != std::string::npos) continue;
+      if (c.kind != "ending" || c.key.find(kClose) != std::string::npos) continue;
       const auto [sig, ending] = signature(c.key);
       const auto [it, fresh] = first.emplace(sig, static_cast<int>(i));
       if (fresh) continue;
@@ -203,10 +208,10 @@ class NameClasses : public ClassSet {
       if (wildcards_.count(z) == 0) continue;
       // The character before Z; '#' when Z is the whole ending (then no
       // other ending shares the signature).
-      shown = (n < ending.size() ? ending.substr(ending.size() - n - 1, 1) : "#") + z;
+      shown = (n < ending.size() ? ending.substr(ending.size() - n - 1, 1) : std::string(1, kOpen)) + z;
       sig += shown + '\n';
     }
-    if (!shown.empty() && shown[0] == '#') shown.erase(0, 1);
+    if (!shown.empty() && shown[0] == kOpen) shown.erase(0, 1);
     return {sig, shown};
   }
 
@@ -302,7 +307,7 @@ class NetworkClasses : public ClassSet {
     for (int k = 0; k <= mask; ++k) {
       if (wildcards_.empty() && !examples.empty()) break;
       setLastByte(address, text, (first & ~mask) | ((first + k) & mask));
-      if (names_.taken("#" + text)) continue;  // a stored address: a name class
+      if (names_.taken(kOpen + text)) continue;  // a stored address: a name class
       auto [sig, ending] = signature(text);
       if (examples.count(sig) == 0) examples.emplace(sig, std::make_pair(ending, addressText(address)));
     }

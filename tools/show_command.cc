@@ -25,8 +25,8 @@ int runShow(const Invocation& invocation) {
                  .field("position", position)
                  .field("rule_number", parser::ruleNumber(rules[i].apps, position))
                  .field("apps", rules[i].apps)
-                 .field("include", rules[i].includeList)
-                 .field("exclude", rules[i].excludeList)
+                 .field(parser::kIncludeKey, rules[i].includeList)
+                 .field(parser::kExcludeKey, rules[i].excludeList)
                  .field("id", rules[i].id)
                  .str());
   }

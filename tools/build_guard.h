@@ -8,7 +8,7 @@
 
 #include <string>
 
-#include "api/analyzer.h"
+#include "tpa/api/analyzer.h"
 
 namespace tpa::tools {
 

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "api/analyzer.h"
 #include "parser/json_parser.h"
 #include "parser/rule.h"
 #include "tools/build_guard.h"
+#include "tpa/api/analyzer.h"
 
 namespace tpa::tools {
 

@@ -5,9 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "api/analyzer.h"
 #include "api/diagnostics.h"
-#include "api/constants.h"
 #include "mapper/map.h"
 #include "mapper/trace_text.h"
 #include "parser/json_parser.h"
@@ -18,6 +16,8 @@
 #include "tools/line_io.h"
 #include "tools/lint.h"
 #include "tools/output_format.h"
+#include "tpa/api/analyzer.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

@@ -1,10 +1,10 @@
 #include "tools/decision_reason.h"
 
-#include "api/constants.h"
 #include "mapper/trace_text.h"
 #include "mapper/transform.h"
 #include "tools/built_document.h"
 #include "tools/doc_scan.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

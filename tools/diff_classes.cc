@@ -6,11 +6,11 @@
 #include <cstdio>
 #include <string_view>
 
-#include "api/constants.h"
 #include "cidr/address_bits.h"
 #include "cidr/cidr.h"
 #include "mapper/map.h"
 #include "mapper/transform.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

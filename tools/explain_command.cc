@@ -5,9 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "api/analyzer.h"
 #include "api/diagnostics.h"
-#include "api/constants.h"
 #include "cidr/address_bits.h"
 #include "cidr/cidr.h"
 #include "mapper/trace_text.h"
@@ -20,6 +18,8 @@
 #include "tools/doc_scan.h"
 #include "tools/line_io.h"
 #include "tools/output_format.h"
+#include "tpa/api/analyzer.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

@@ -16,7 +16,6 @@
 #include <string_view>
 #include <vector>
 
-#include "api/constants.h"
 #include "tools/build_guard.h"
 #include "tools/cli.h"
 #include "tools/commands.h"
@@ -24,6 +23,7 @@
 #include "tools/importer.h"
 #include "tools/line_io.h"
 #include "tools/output_format.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

@@ -4,12 +4,12 @@
 #include <unordered_set>
 #include <utility>
 
-#include "api/constants.h"
 #include "mapper/trace_text.h"
 #include "parser/rule.h"
 #include "tools/build_guard.h"
 #include "tools/doc_scan.h"
 #include "tools/json_escape.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

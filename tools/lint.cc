@@ -9,7 +9,6 @@
 #include <set>
 #include <tuple>
 
-#include "api/constants.h"
 #include "cidr/address_bits.h"
 #include "cidr/cidr.h"
 #include "cidr/decimal.h"
@@ -18,6 +17,7 @@
 #include "mapper/trace_text.h"
 #include "mapper/transform.h"
 #include "parser/rule.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "api/constants.h"
 #include "tools/json_escape.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

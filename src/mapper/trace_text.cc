@@ -1,6 +1,6 @@
 #include "mapper/trace_text.h"
 
-#include "api/constants.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::mapper {
 namespace {

@@ -2,10 +2,10 @@
 
 #include <climits>
 
-#include "api/constants.h"
 #include "cidr/address_bits.h"
 #include "cidr/cidr.h"
 #include "cidr/decimal.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::parser {
 namespace {

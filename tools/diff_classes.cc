@@ -153,7 +153,8 @@ class NameClasses : public ClassSet {
       c.kind = "name";
       if (address) addresses_.push_back(c.key);
       c.example = address ? plainAddress(name) : name;
-      c.pattern = address ? c.example + (cidr::isIPv4Address(name) ? "/32" : "/128") : name;
+      const int width = cidr::isIPv4Address(name) ? cidr::kIPv4Bits : cidr::kIPv6Bits;
+      c.pattern = address ? c.example + "/" + std::to_string(width) : name;
       return;
     }
     c.pattern = "*" + c.key;

@@ -51,27 +51,27 @@ std::string appLine(const mapper::QueryTrace& t) {
          "): it falls to the rules of every application, rule number 0";
 }
 
+// What each search of a list found, after its name (mapper::matchText).
 std::string wholeLine(const SearchTrace& s, const std::string& key) {
-  if (!s.attempted) return "whole key: not searched";
-  if (s.code != 0) return "whole key: search failed (code " + num(s.code) + ")";
+  if (!s.attempted) return "not searched";
+  if (s.code != 0) return "search failed (code " + num(s.code) + ")";
   const bool hit = s.storedLength != 0 && s.matched == static_cast<int>(key.size()) &&
                    s.storedLength == s.matched;
-  return std::string("whole key: ") + (hit ? "matched " + quoted(key) + ", value " + num(s.value)
-                                           : "no (" + readout(s, key.size()) + ")");
+  return hit ? "matched " + quoted(key) + ", value " + num(s.value)
+             : "no (" + readout(s, key.size()) + ")";
 }
 
 std::string prefixLine(const ListTrace& l) {
-  if (!l.address) return "network prefix: not an address";
-  if (!l.bitsSearch.attempted) return "network prefix: not searched";
+  if (!l.address) return "not an address";
+  if (!l.bitsSearch.attempted) return "not searched";
   const std::string run = "longest run of address bits in the list: " + num(l.bitsSearch.matched) +
                           " of " + std::to_string(l.bits.size());
   if (l.prefixKey.empty() || !l.prefix.attempted) {
-    if (l.bitsSearch.storedLength != 0)
-      return "network prefix: " + run + ", ends on a key end: unusable";
-    return "network prefix: " + run + ", unusable (needs at least 2 and fewer than all)";
+    if (l.bitsSearch.storedLength != 0) return run + ", ends on a key end: unusable";
+    return run + ", unusable (needs at least 2 and fewer than all)";
   }
   const bool hit = l.match == MatchKind::kNetworkPrefix;
-  return "network prefix: " + run + "; prefix key " + quoted(l.prefixKey) +
+  return run + "; prefix key " + quoted(l.prefixKey) +
          (hit ? " matched, value " + num(l.prefix.value)
               : " is not stored (" + readout(l.prefix, l.prefixKey.size()) + ")");
 }
@@ -88,13 +88,13 @@ std::string wildcardKey(const ListTrace& l) {
 }
 
 std::string partialLine(const ListTrace& l) {
-  if (!l.partial.attempted) return "wildcard: not searched (an earlier search matched)";
-  if (l.partial.code != 0) return "wildcard: search failed (code " + num(l.partial.code) + ")";
+  if (!l.partial.attempted) return "not searched (an earlier search matched)";
+  if (l.partial.code != 0) return "search failed (code " + num(l.partial.code) + ")";
   if (l.match == MatchKind::kPartialKey) {
-    return "wildcard: the last " + num(l.partial.matched) + " characters match " + wildcardKey(l) +
+    return "the last " + num(l.partial.matched) + " characters match " + wildcardKey(l) +
            ", value " + num(l.partial.value);
   }
-  return "wildcard: no (longest suffix found " + num(l.partial.matched) +
+  return "no (longest suffix found " + num(l.partial.matched) +
          " characters, stored key length " + num(l.partial.storedLength) + " at the '*' walk)";
 }
 
@@ -106,9 +106,12 @@ std::string listResult(const ListTrace& l) {
 
 void writeList(OutputSink& out, const char* name, const ListTrace& l) {
   out.line(std::string("    ") + name + ": key " + quoted(l.key));
-  out.line("      " + wholeLine(l.whole, l.key));
-  out.line("      " + prefixLine(l));
-  out.line("      " + partialLine(l));
+  const auto search = [&out](MatchKind kind, const std::string& result) {
+    out.line(std::string("      ") + mapper::matchText(kind) + ": " + result);
+  };
+  search(MatchKind::kWholeKey, wholeLine(l.whole, l.key));
+  search(MatchKind::kNetworkPrefix, prefixLine(l));
+  search(MatchKind::kPartialKey, partialLine(l));
   out.line("      => " + listResult(l));
 }
 

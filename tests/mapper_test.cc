@@ -11,6 +11,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <tuple>
 #include <utility>
@@ -53,7 +54,7 @@ struct Fixture {
 // Key framing, against what a string stream writes: random names of any
 // bytes (sentinels included), any rule number, any flag (1 a quarter of the
 // time), with the extreme numbers first; the *Into variants write the same
-// bytes over a reused buffer.
+// bytes over a reused buffer; names and wildcard keys read back.
 TEST(Transform, MatchesStreamOutputOnRandomInput) {
   std::mt19937 rng(11);
   std::string out = "stale content";
@@ -67,6 +68,11 @@ TEST(Transform, MatchesStreamOutputOnRandomInput) {
     tpa::mapper::transformDomainInto(out, name, rule, flag);
     ASSERT_EQ(stream.str(), out);
     ASSERT_EQ(out, tpa::mapper::transformDomain(name, rule, flag));
+    // A name without the closing character reads back from its key; a
+    // wildcard's key is "#*" and the framed rest of its text.
+    if (name.find('$') == std::string::npos) ASSERT_EQ(name, tpa::mapper::framedName(out));
+    const std::string wildcard = tpa::mapper::transformDomain("*" + name, rule, flag);
+    ASSERT_EQ(wildcard, tpa::mapper::wildcardKey(std::string_view(out).substr(1)));
     tpa::mapper::tansformAppInto(out, name);
     ASSERT_EQ("#" + name + "$", out);
     ASSERT_EQ(out, tpa::mapper::tansformApp(name));

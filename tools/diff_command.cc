@@ -94,8 +94,6 @@ struct Pair {
 };
 
 enum ChangeKind { kIncludeToExclude, kExcludeToInclude, kIdChanged, kChangeKinds };
-constexpr const char* kKindText[kChangeKinds] = {"include to exclude", "exclude to include",
-                                                 "id changed"};
 constexpr const char* kKindName[kChangeKinds] = {"include_to_exclude", "exclude_to_include",
                                                  "id_changed"};
 
@@ -236,7 +234,9 @@ class Reporter {
     std::string kinds;
     for (int k = 0; k < kChangeKinds; ++k) {
       if (counts_[k] == 0) continue;
-      kinds += (kinds.empty() ? "" : ", ") + std::string(kKindText[k]) + " " +
+      std::string text = kKindName[k];  // in words: "include to exclude"
+      std::replace(text.begin(), text.end(), '_', ' ');
+      kinds += (kinds.empty() ? "" : ", ") + text + " " +
                std::to_string(counts_[k]);
     }
     out_.line(kinds.empty() ? line : line + " (" + kinds + ")");
@@ -352,10 +352,11 @@ class CompleteDiff {
       baseAnswers_[k] = askAll(other_, base_.kinds[k]->classes(), false);
     }
     for (std::size_t i = 0; i < groups.size(); ++i) {
-      progress(i, groups.size());
+      progress_.show("tpa: diff: application group " + std::to_string(i + 1) + " of " +
+                     std::to_string(groups.size()));
       diffGroup(groups[i]);
     }
-    progress(groups.size(), groups.size());
+    progress_.clear();
     writeChanges();
     reporter_.writeSummary("classes", classes_);
   }
@@ -536,16 +537,6 @@ class CompleteDiff {
     }
   }
 
-  // On a terminal, how far the diff has come.
-  static void progress(std::size_t done, std::size_t total) {
-    if (isatty(STDERR_FILENO) != 1) return;
-    if (done == total) {
-      std::fputs("\r\033[K", stderr);
-    } else {
-      std::fprintf(stderr, "\rtpa: diff: application group %zu of %zu", done + 1, total);
-    }
-  }
-
   Side& old_;
   Side& new_;
   Reporter& reporter_;
@@ -557,6 +548,7 @@ class CompleteDiff {
   std::vector<Change> changes_;  // in the order first found
   std::unordered_map<std::string, std::size_t> merged_;  // class and answers -> its change
   std::size_t classes_ = 0;    // classes compared, once per application
+  ProgressLine progress_;      // how far the diff has come, on a terminal
 };
 
 // Builds one document; reads it back into its rules (a second reading of

@@ -71,8 +71,7 @@ std::string splitApps(const Invocation& invocation, std::vector<std::string>& ap
 // the reading got while standard error is a terminal.
 class Reporter {
  public:
-  explicit Reporter(OutputFormat format)
-      : format_(format), terminal_(isatty(STDERR_FILENO) == 1) {}
+  explicit Reporter(OutputFormat format) : format_(format) {}
 
   void note(const std::string& file, std::size_t line, const LineNote& note) {
     clearProgress();
@@ -83,33 +82,26 @@ class Reporter {
 
   // Called for every line read; writes at most four times a second.
   void progress(const std::string& file, std::size_t line, std::size_t names) {
-    if (!terminal_ || (line & 0x3fff) != 0) return;
+    if (!progress_.active() || (line & 0x3fff) != 0) return;
     const auto now = std::chrono::steady_clock::now();
     if (now - shown_ < std::chrono::milliseconds(250)) return;
     shown_ = now;
-    std::fprintf(stderr, "\rtpa: import: %s: %zu lines read, %zu names", file.c_str(), line,
-                 names);
-    onScreen_ = true;
+    progress_.show("tpa: import: " + file + ": " + std::to_string(line) + " lines read, " +
+                   std::to_string(names) + " names");
   }
 
   // A step that takes a while on a large list, shown until the next output.
   void stage(const char* what, std::size_t names) {
-    if (!terminal_) return;
-    std::fprintf(stderr, "\rtpa: import: %s (%zu names)", what, names);
-    onScreen_ = true;
+    progress_.show(std::string("tpa: import: ") + what + " (" + std::to_string(names) + " names)");
   }
 
-  void clearProgress() {
-    if (onScreen_) std::fputs("\r\033[K", stderr);
-    onScreen_ = false;
-  }
+  void clearProgress() { progress_.clear(); }
 
   [[nodiscard]] std::size_t notes() const { return notes_; }
 
  private:
   OutputFormat format_;
-  bool terminal_;
-  bool onScreen_ = false;  // a progress line waits to be cleared
+  ProgressLine progress_;
   std::chrono::steady_clock::time_point shown_{};
   std::size_t notes_ = 0;
 };

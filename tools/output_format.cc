@@ -1,5 +1,7 @@
 #include "tools/output_format.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 
@@ -37,6 +39,19 @@ int finishOutput(OutputSink& out, int code) {
   if (out.flush()) return code;
   std::fprintf(stderr, "tpa: cannot write standard output: %s\n", std::strerror(out.errorNumber()));
   return kExitIo;
+}
+
+ProgressLine::ProgressLine() : terminal_(isatty(STDERR_FILENO) == 1) {}
+
+void ProgressLine::show(const std::string& text) {
+  if (!terminal_) return;
+  std::fprintf(stderr, "\r%s", text.c_str());
+  shown_ = true;
+}
+
+void ProgressLine::clear() {
+  if (shown_) std::fputs("\r\033[K", stderr);
+  shown_ = false;
 }
 
 std::string githubAnnotation(std::string_view level, std::string_view file, std::size_t line,

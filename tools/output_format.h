@@ -28,6 +28,20 @@ namespace tpa::tools {
                                            std::size_t line, std::size_t column,
                                            std::string_view message);
 
+// A progress line on standard error while it is a terminal: each one is
+// written over the last, and cleared before other output and at the end.
+class ProgressLine {
+ public:
+  ProgressLine();
+  [[nodiscard]] bool active() const { return terminal_; }
+  void show(const std::string& text);
+  void clear();
+
+ private:
+  bool terminal_;       // standard error is a terminal
+  bool shown_ = false;  // a line waits to be cleared
+};
+
 // Builds one JSON object, field by field, in the order they are added; every
 // string escaped by appendJsonString (tools/json_escape.h).
 class JsonLine {

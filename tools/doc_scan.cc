@@ -18,14 +18,6 @@ constexpr std::array<std::string_view, 4> kRuleKeys = {parser::kAppsKey, parser:
                                                         parser::kExcludeKey, parser::kIdKey};
 constexpr std::size_t kNoKey = static_cast<std::size_t>(-1);
 
-bool isBlank(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
-
-std::string_view trimmed(std::string_view s) {
-  while (!s.empty() && isBlank(s.front())) s.remove_prefix(1);
-  while (!s.empty() && isBlank(s.back())) s.remove_suffix(1);
-  return s;
-}
-
 // "[" blanks "]" written with at least one blank somewhere: meant as [].
 bool looksLikeEmptyList(std::string_view raw) {
   std::string_view t = trimmed(raw);
@@ -305,6 +297,14 @@ std::vector<const ScannedString*> ScannedObject::valuesOf(std::string_view key) 
 }
 
 DocumentScan scanDocument(std::string_view text) { return Scanner(text).run(); }
+
+bool isBlank(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+
+std::string_view trimmed(std::string_view s) {
+  while (!s.empty() && isBlank(s.front())) s.remove_prefix(1);
+  while (!s.empty() && isBlank(s.back())) s.remove_suffix(1);
+  return s;
+}
 
 bool isRuleKey(std::string_view key) {
   return std::find(kRuleKeys.begin(), kRuleKeys.end(), key) != kRuleKeys.end();

@@ -73,6 +73,11 @@ struct DocumentScan {
 // when none is close enough to be a likely typo.
 [[nodiscard]] std::string nearestRuleKey(std::string_view key);
 
+// A blank as the C library's isspace says, and
+// `s` without blanks at either end.
+[[nodiscard]] bool isBlank(char c);
+[[nodiscard]] std::string_view trimmed(std::string_view s);
+
 // `text` quoted and escaped as a JSON string, for one-line messages.
 [[nodiscard]] std::string quoted(std::string_view text);
 

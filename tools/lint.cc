@@ -25,8 +25,7 @@ namespace {
 constexpr std::size_t kMaxCheckedRules = std::size_t{1} << 20;
 
 bool hasBlank(std::string_view s) {
-  return std::any_of(s.begin(), s.end(),
-                     [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; });
+  return std::any_of(s.begin(), s.end(), isBlank);
 }
 
 bool hasUpper(std::string_view s) {
@@ -322,19 +321,13 @@ class Linter {
   int readId(const ScannedString& v) {
     const char* start = v.text.c_str();
     const cidr::DecimalReading reading = cidr::readDecimal(start);
-    const char* end = reading.end;
-    const bool range = !reading.fitsInt;
     const int id = reading.value;
-    std::string_view rest(end);
-    while (!rest.empty() && std::isspace(static_cast<unsigned char>(rest.front()))) {
-      rest.remove_prefix(1);
-    }
     std::string problem;
-    if (end == start) {
+    if (reading.end == start) {
       problem = " is no number";
-    } else if (!rest.empty()) {
+    } else if (!trimmed(reading.end).empty()) {
       problem = " has text after its digits";
-    } else if (range) {
+    } else if (!reading.fitsInt) {
       problem = " is outside the int range";
     }
     if (!problem.empty()) {

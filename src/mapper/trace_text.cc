@@ -1,54 +1,39 @@
 #include "mapper/trace_text.h"
 
+#include <iterator>
+
 #include "tpa/api/constants.h"
 
 namespace tpa::mapper {
 namespace {
 
+// Each verdict's words, in the order Verdict lists them.
 struct VerdictText {
-  Verdict verdict;
   const char* summary;
   const char* explanation;
 };
-
 constexpr VerdictText kVerdicts[] = {
-    {Verdict::kNeither, "no list matched", "neither list matched"},
-    {Verdict::kOnlyInclude, "only include matched", "only include matched: include"},
-    {Verdict::kOnlyExclude, "only exclude matched", "only exclude matched: exclude"},
-    {Verdict::kIncludeEqual, "both matched equally, ties go to include",
-     "both matched equally: ties go to include"},
-    {Verdict::kIncludeLonger, "both matched, include longer",
+    {"no list matched", "neither list matched"},
+    {"only include matched", "only include matched: include"},
+    {"only exclude matched", "only exclude matched: exclude"},
+    {"both matched equally, ties go to include", "both matched equally: ties go to include"},
+    {"both matched, include longer",
      "both matched; include is longer in stored key or match: include"},
-    {Verdict::kExcludeLonger, "both matched, exclude longer",
+    {"both matched, exclude longer",
      "both matched; exclude is no shorter in either and longer in one: exclude"},
 };
+static_assert(std::size(kVerdicts) == static_cast<std::size_t>(Verdict::kExcludeLonger) + 1);
 
-struct MatchText {
-  MatchKind kind;
-  const char* name;
-  const char* text;
+// Each match kind's stable name and prose, in the order MatchKind lists them.
+constexpr const char* kMatchNames[][2] = {
+    {"none", "none"},
+    {"whole_key", "whole key"},
+    {"network_prefix", "network prefix"},
+    {"wildcard", "wildcard"},
 };
+static_assert(std::size(kMatchNames) == static_cast<std::size_t>(MatchKind::kPartialKey) + 1);
 
-constexpr MatchText kMatches[] = {
-    {MatchKind::kNone, "none", "none"},
-    {MatchKind::kWholeKey, "whole_key", "whole key"},
-    {MatchKind::kNetworkPrefix, "network_prefix", "network prefix"},
-    {MatchKind::kPartialKey, "wildcard", "wildcard"},
-};
-
-const VerdictText& textOf(Verdict v) {
-  for (const VerdictText& t : kVerdicts) {
-    if (t.verdict == v) return t;
-  }
-  return kVerdicts[0];
-}
-
-const MatchText& textOf(MatchKind kind) {
-  for (const MatchText& t : kMatches) {
-    if (t.kind == kind) return t;
-  }
-  return kMatches[0];
-}
+const VerdictText& textOf(Verdict v) { return kVerdicts[static_cast<std::size_t>(v)]; }
 
 }  // namespace
 
@@ -62,8 +47,8 @@ int decidingList(Verdict v) {
   return include ? TPA_DECISION_INCLUDE : TPA_DECISION_EXCLUDE;
 }
 
-const char* matchName(MatchKind kind) { return textOf(kind).name; }
-const char* matchText(MatchKind kind) { return textOf(kind).text; }
+const char* matchName(MatchKind kind) { return kMatchNames[static_cast<std::size_t>(kind)][0]; }
+const char* matchText(MatchKind kind) { return kMatchNames[static_cast<std::size_t>(kind)][1]; }
 const char* verdictSummary(Verdict v) { return textOf(v).summary; }
 const char* verdictExplanation(Verdict v) { return textOf(v).explanation; }
 

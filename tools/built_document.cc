@@ -21,12 +21,4 @@ int buildAndRead(const std::string& rules, BuiltDocument& document, bool readBac
                                                                          : kExitBuildFailed;
 }
 
-std::vector<int> positionsOfId(const std::vector<parser::Rule>& rules, int id) {
-  std::vector<int> positions;
-  for (std::size_t i = 0; i < rules.size(); ++i) {
-    if (rules[i].id == id) positions.push_back(static_cast<int>(i + 1));
-  }
-  return positions;
-}
-
 }  // namespace tpa::tools

@@ -33,9 +33,6 @@ struct BuiltDocument {
 [[nodiscard]] int buildAndRead(const std::string& rules, BuiltDocument& document,
                                bool readBack = true, BuildFailure* failure = nullptr);
 
-// The 1-based positions of the rules whose id is `id`.
-[[nodiscard]] std::vector<int> positionsOfId(const std::vector<parser::Rule>& rules, int id);
-
 }  // namespace tpa::tools
 
 #endif  // TPA_TOOLS_BUILT_DOCUMENT_H_

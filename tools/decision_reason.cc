@@ -2,7 +2,6 @@
 
 #include "mapper/trace_text.h"
 #include "mapper/transform.h"
-#include "tools/built_document.h"
 #include "tools/doc_scan.h"
 #include "tpa/api/constants.h"
 
@@ -89,8 +88,11 @@ std::vector<int> decidingPositions(const std::vector<parser::Rule>& rules,
   std::vector<int> positions;
   const DecidingStep d = decidingStep(trace);
   if (!d.decided) return positions;
-  for (int position : positionsOfId(rules, trace.value)) {
-    if (parser::ruleNumber(rules[position - 1].apps, position) == d.rule) positions.push_back(position);
+  for (std::size_t i = 0; i < rules.size(); ++i) {
+    const int position = static_cast<int>(i + 1);
+    if (rules[i].id == trace.value && parser::ruleNumber(rules[i].apps, position) == d.rule) {
+      positions.push_back(position);
+    }
   }
   return positions;
 }

@@ -128,20 +128,18 @@ void writeStep(OutputSink& out, const StepTrace& step, bool isFallback) {
   out.line(precedence);
 }
 
-// Which rules can have decided: those with the value as id and whose number
-// is the rule number of the deciding step.
+// Which rules can have decided (decidingPositions).
 std::string decidingRule(const std::vector<parser::Rule>& rules, const mapper::QueryTrace& t) {
   if (t.steps.empty() || t.value == mapper::MAP_DEFAULT_DOMAIN_VALUE) {
     return "no rule decided: the default";
   }
-  const int rule = t.steps.back().rule;
   std::string positions;
-  for (int position : positionsOfId(rules, t.value)) {
-    if (parser::ruleNumber(rules[position - 1].apps, position) != rule) continue;
+  for (int position : decidingPositions(rules, t)) {
     positions += (positions.empty() ? "" : ", ") + num(position);
   }
-  if (positions.empty())
-    return "id " + num(t.value) + ", at no position of rule number " + num(rule);
+  if (positions.empty()) {
+    return "id " + num(t.value) + ", at no position of rule number " + num(t.steps.back().rule);
+  }
   return "the rule at position " + positions + ", id " + num(t.value);
 }
 

@@ -73,9 +73,19 @@ TEST(Transform, MatchesStreamOutputOnRandomInput) {
     if (name.find('$') == std::string::npos) ASSERT_EQ(name, tpa::mapper::framedName(out));
     const std::string wildcard = tpa::mapper::transformDomain("*" + name, rule, flag);
     ASSERT_EQ(wildcard, tpa::mapper::wildcardKey(std::string_view(out).substr(1)));
+    int read = -1;  // the rule number reads back only as written, and only from 0 up
+    ASSERT_EQ(rule >= 0, tpa::mapper::readRuleNumber(std::to_string(rule), read));
+    ASSERT_TRUE(rule < 0 || read == rule);
     tpa::mapper::tansformAppInto(out, name);
     ASSERT_EQ("#" + name + "$", out);
     ASSERT_EQ(out, tpa::mapper::tansformApp(name));
+  }
+}
+
+TEST(Transform, RuleNumbersReadBackOnlyAsWritten) {
+  int read = 0;
+  for (const char* text : {"", "01", "+1", "-0", "1a", " 1", "2147483648", "99999999999"}) {
+    EXPECT_FALSE(tpa::mapper::readRuleNumber(text, read)) << text;
   }
 }
 

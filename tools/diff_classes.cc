@@ -1,7 +1,6 @@
 #include "tools/diff_classes.h"
 
 #include <algorithm>
-#include <climits>
 #include <map>
 #include <cstdio>
 #include <string_view>
@@ -22,20 +21,6 @@ const char kClose = sigma::sentinel::SUCCEEDING_SYMBOL;
 // The first label of the names made up to stand for a class.
 constexpr char kProbe[] = "tpa-probe";
 
-// A rule number as transformDomain writes it (no sign: rule numbers are
-// positions); false for any other text.
-bool ruleNumberText(std::string_view text, int& number) {
-  if (text.empty() || text.size() > 10 || (text.size() > 1 && text[0] == '0')) return false;
-  long long value = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    value = value * 10 + (c - '0');
-  }
-  if (value > INT_MAX) return false;
-  number = static_cast<int>(value);
-  return true;
-}
-
 // Files the stems of `key` (a key of the machine whose flag is `flag`) under
 // every rule number r whose queries, framed "$" r flag, can end at one of its
 // '$'s.
@@ -45,7 +30,7 @@ void addKey(DocumentKeys& keys, const std::string& key, char flag) {
     const std::string_view tail = std::string_view(key).substr(dollar + 1);
     for (std::size_t k = 1; k < tail.size(); ++k) {
       int rule = 0;
-      if (tail[k] == flag && ruleNumberText(tail.substr(0, k), rule)) {
+      if (tail[k] == flag && mapper::readRuleNumber(tail.substr(0, k), rule)) {
         keys.stems[rule].push_back(key.substr(0, dollar));
       }
     }

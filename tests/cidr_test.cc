@@ -199,6 +199,7 @@ TEST(Cidr, MatchesABitModelOnRandomAddresses) {
     ASSERT_TRUE(isIPv4MappedText(mapped) && isIPv4MappedBits(convertToBinaryIPAddress(mapped)));
     ASSERT_EQ(v4, mappedIPv4(mapped));
     ASSERT_EQ(isIPv4MappedText(expanded), isIPv4MappedBits(bits));
+    ASSERT_TRUE(isBitString(bits) && !isBitString(expanded) && !isBitString(""));
   }
 }
 

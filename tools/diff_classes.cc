@@ -40,14 +40,12 @@ void addKey(DocumentKeys& keys, const std::string& key, char flag) {
   }
 }
 
-bool isBits(const std::string& s) { return s.find_first_not_of("01") == std::string::npos; }
-
 void addList(DocumentKeys& keys, const std::vector<std::string>& list, int rule, bool include) {
   std::string text;
   for (const std::string& entry : list) {
     mapper::storedDestination(entry, text);
     addKey(keys, mapper::transformDomain(text, rule, include ? 1 : 0), include ? '1' : '0');
-    if (text.size() >= 2 && isBits(text)) keys.networks[rule].push_back(text);
+    if (text.size() >= 2 && cidr::isBitString(text)) keys.networks[rule].push_back(text);
   }
 }
 

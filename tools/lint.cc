@@ -32,10 +32,6 @@ bool hasUpper(std::string_view s) {
   return std::any_of(s.begin(), s.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
 }
 
-bool isBits(std::string_view s) {
-  return !s.empty() && s.find_first_not_of("01") == std::string_view::npos;
-}
-
 // The prefix length written after the first '/', as atoi reads it.
 int writtenPrefix(const std::string& written) {
   const std::size_t slash = written.find('/');
@@ -188,7 +184,7 @@ class Linter {
   }
 
   void checkNetwork(const ScannedString& v, const StoredDestination& d) {
-    if (isBits(d.stored)) {
+    if (cidr::isBitString(d.stored)) {
       if (d.stored.size() == 1) {
         note(v.offset, "network-never-matches",
              "a network of one bit never matches: a prefix match needs at least 2 bits");
@@ -436,7 +432,7 @@ class Linter {
   void checkNetworkWalk(const Entry& e, const MachineIndex& machine, const char* list) {
     const std::string& bits = e.stored.stored;
     const int width = e.stored.network == 4 ? cidr::kIPv4Bits : cidr::kIPv6Bits;
-    if (e.written == nullptr || e.stored.network == 0 || !isBits(bits) || bits.size() < 2) return;
+    if (e.written == nullptr || e.stored.network == 0 || !cidr::isBitString(bits) || bits.size() < 2) return;
     for (const char next : {'0', '1'}) {
       if (!machine.occurs(bits + next)) continue;
       std::string example = bits + next;

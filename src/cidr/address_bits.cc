@@ -17,6 +17,10 @@ unsigned long group(std::string_view text, std::size_t at) {
 
 }  // namespace
 
+bool isBitString(std::string_view text) {
+  return !text.empty() && text.find_first_not_of("01") == std::string_view::npos;
+}
+
 bool isIPv4MappedText(std::string_view text) {
   return text.substr(0, kIPv4MappedText.size()) == kIPv4MappedText;
 }

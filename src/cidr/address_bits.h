@@ -16,6 +16,9 @@ inline constexpr int kIPv6Bits = 128;
 // The first six groups of an IPv4-mapped address in expandIPv6's form.
 inline constexpr std::string_view kIPv4MappedText = "0000:0000:0000:0000:0000:ffff:";
 
+// `text` is a bit string, as a network is stored: '0's and '1's, at least one.
+[[nodiscard]] bool isBitString(std::string_view text);
+
 // `text` (expandIPv6's form) is an IPv4-mapped address.
 [[nodiscard]] bool isIPv4MappedText(std::string_view text);
 

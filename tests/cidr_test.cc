@@ -194,7 +194,8 @@ TEST(Cidr, MatchesABitModelOnRandomAddresses) {
     // Bits back to text, and the same IPv4 address mapped into IPv6.
     ASSERT_EQ(text, bitsToAddress(bits, kIPv6Bits));
     ASSERT_EQ(v4, bitsToAddress(bits, kIPv4Bits));  // cut at the width
-    ASSERT_EQ(std::to_string(addr.s6_addr[0]) + ".0.0.0", bitsToAddress(bits.substr(0, 8), kIPv4Bits));
+    ASSERT_EQ(std::to_string(addr.s6_addr[0]) + ".0.0.0",
+              bitsToAddress(bits.substr(0, 8), kIPv4Bits));
     const std::string mapped = expandIPv6("::ffff:" + v4);
     ASSERT_TRUE(isIPv4MappedText(mapped) && isIPv4MappedBits(convertToBinaryIPAddress(mapped)));
     ASSERT_EQ(v4, mappedIPv4(mapped));

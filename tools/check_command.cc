@@ -67,8 +67,11 @@ void writeBuildReport(OutputSink& out, api::TarnPatternAnalyzer& analyzer, const
   out.line("rules: " + std::to_string(rulesBuilt(analyzer, text, m.outcome)));
   const mapper::Map* map = api::Inspect::map(analyzer);
   out.line("automaton states: " + machineSize("apps", map ? map->appsMachine() : nullptr) + ", " +
-           machineSize(mapper::decisionName(mapper::TPA_DECISION_INCLUDE), map ? map->includeMachine() : nullptr) + ", " +
-           machineSize(mapper::decisionName(mapper::TPA_DECISION_EXCLUDE), map ? map->excludeMachine() : nullptr));
+           machineSize(mapper::decisionName(mapper::TPA_DECISION_INCLUDE),
+                       map ? map->includeMachine() : nullptr) +
+           ", " +
+           machineSize(mapper::decisionName(mapper::TPA_DECISION_EXCLUDE),
+                       map ? map->excludeMachine() : nullptr));
   char timing[64];
   std::snprintf(timing, sizeof timing, "build time: %.3f ms", m.milliseconds);
   out.line(timing);

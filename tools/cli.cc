@@ -305,7 +305,9 @@ bool collectOperands(const std::vector<std::string>& args, Invocation& invocatio
 std::string checkFiles(const Invocation& invocation) {
   const std::vector<std::string>& operands = invocation.operands;
   const bool import = invocation.command->command == Command::kImport;
-  if (!import && (operands.size() < 2 || operands.size() > 3)) return "diff: takes OLD NEW [QUERIES]";
+  if (!import && (operands.size() < 2 || operands.size() > 3)) {
+    return "diff: takes OLD NEW [QUERIES]";
+  }
   if (import && operands.size() < 2) return "import: missing FORMAT or FILE";
   if (std::count(operands.begin() + (import ? 1 : 0), operands.end(), "-") > 1) {
     return std::string(invocation.command->name) + ": only one file can come from standard input";
@@ -341,7 +343,9 @@ std::string checkPairs(Invocation& invocation) {
 ParseOutcome helpCommand(const std::vector<std::string>& args) {
   if (args.size() > 2) return usageError("help: takes one COMMAND at most");
   if (args.size() == 1) return help("");
-  if (commandNamed(args[1]) == nullptr) return usageError("help: unknown command '" + args[1] + "'");
+  if (commandNamed(args[1]) == nullptr) {
+    return usageError("help: unknown command '" + args[1] + "'");
+  }
   return help(args[1]);
 }
 
@@ -356,7 +360,9 @@ ParseOutcome parseCommand(const std::vector<std::string>& args) {
   if (invocation.command == nullptr) return usageError("unknown command '" + args[0] + "'");
   bool wantsHelp = false;
   std::string error;
-  if (!collectOperands(args, invocation, wantsHelp, error)) return usageError(args[0] + ": " + error);
+  if (!collectOperands(args, invocation, wantsHelp, error)) {
+    return usageError(args[0] + ": " + error);
+  }
   if (wantsHelp) return help(args[0]);
   const Command command = invocation.command->command;
   error = command == Command::kDiff || command == Command::kImport ? checkFiles(invocation)

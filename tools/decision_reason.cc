@@ -79,8 +79,8 @@ std::string decisionReason(const mapper::QueryTrace& trace) {
   const DecidingStep d = decidingStep(trace);
   if (!d.decided) return where + ": no list matched, the default";
   return where + ": " + mapper::decisionName(mapper::decidingList(trace.steps.back().verdict)) +
-         " list, " + matchedEntry(*d.list) + " (" + mapper::verdictSummary(trace.steps.back().verdict) +
-         ")";
+         " list, " + matchedEntry(*d.list) + " (" +
+         mapper::verdictSummary(trace.steps.back().verdict) + ")";
 }
 
 std::vector<int> decidingPositions(const std::vector<parser::Rule>& rules,

@@ -1,8 +1,8 @@
 #include "tools/diff_classes.h"
 
 #include <algorithm>
-#include <map>
 #include <cstdio>
+#include <map>
 #include <string_view>
 
 #include "cidr/address_bits.h"
@@ -192,7 +192,8 @@ class NameClasses : public ClassSet {
       if (wildcards_.count(z) == 0) continue;
       // The character before Z; '#' when Z is the whole ending (then no
       // other ending shares the signature).
-      shown = (n < ending.size() ? ending.substr(ending.size() - n - 1, 1) : std::string(1, kOpen)) + z;
+      shown =
+          (n < ending.size() ? ending.substr(ending.size() - n - 1, 1) : std::string(1, kOpen)) + z;
       sig += shown + '\n';
     }
     if (!shown.empty() && shown[0] == kOpen) shown.erase(0, 1);

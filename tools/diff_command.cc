@@ -7,11 +7,11 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <map>
+#include <memory>
 #include <string>
 #include <system_error>
 #include <thread>
-#include <map>
-#include <memory>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -162,7 +162,8 @@ class Annotator {
 
   Place entryPlace(int position, const DecidingStep& step) const {
     if (static_cast<std::size_t>(position) > new_.scan->rules.size()) return {};
-    const std::string entry = step.list != nullptr ? mapper::framedName(decidingKey(*step.list)) : "";
+    const std::string entry =
+        step.list != nullptr ? mapper::framedName(decidingKey(*step.list)) : "";
     const char* key = step.include ? parser::kIncludeKey : parser::kExcludeKey;
     for (const ScannedString* value : ruleObject(position).valuesOf(key)) {
       const StoredDestination stored = storeDestination(value->text);
@@ -236,8 +237,7 @@ class Reporter {
       if (counts_[k] == 0) continue;
       std::string text = kKindName[k];  // in words: "include to exclude"
       std::replace(text.begin(), text.end(), '_', ' ');
-      kinds += (kinds.empty() ? "" : ", ") + text + " " +
-               std::to_string(counts_[k]);
+      kinds += (kinds.empty() ? "" : ", ") + text + " " + std::to_string(counts_[k]);
     }
     out_.line(kinds.empty() ? line : line + " (" + kinds + ")");
   }

@@ -57,8 +57,8 @@ struct DocumentScan {
   // announcement appends every object pushed so far, so a second top-level
   // array repeats the first one's objects.
   std::vector<std::size_t> rules;
-  std::size_t arrays = 0;       // top-level arrays closed: announcements
-  std::size_t secondArray = 0;  // where the second top-level array opens (0: none)
+  std::size_t arrays = 0;          // top-level arrays closed: announcements
+  std::size_t secondArray = 0;     // where the second top-level array opens (0: none)
   std::vector<KeyedValue> values;  // every value stored, once, in reading order
   std::vector<Finding> findings;   // in text order per kind, unsorted overall
   bool balanced = true;            // braces and brackets both balance

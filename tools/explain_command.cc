@@ -94,14 +94,14 @@ std::string partialLine(const ListTrace& l) {
     return "the last " + num(l.partial.matched) + " characters match " + wildcardKey(l) +
            ", value " + num(l.partial.value);
   }
-  return "no (longest suffix found " + num(l.partial.matched) +
-         " characters, stored key length " + num(l.partial.storedLength) + " at the '*' walk)";
+  return "no (longest suffix found " + num(l.partial.matched) + " characters, stored key length " +
+         num(l.partial.storedLength) + " at the '*' walk)";
 }
 
 std::string listResult(const ListTrace& l) {
   if (!l.found) return "no match";
-  return std::string("match by ") + mapper::matchText(l.match) + " (matched " + num(l.matchedLength) + ", stored " +
-         num(l.storedLength) + "), value " + num(l.value);
+  return std::string("match by ") + mapper::matchText(l.match) + " (matched " +
+         num(l.matchedLength) + ", stored " + num(l.storedLength) + "), value " + num(l.value);
 }
 
 void writeList(OutputSink& out, const char* name, const ListTrace& l) {
@@ -121,7 +121,8 @@ void writeStep(OutputSink& out, const StepTrace& step, bool isFallback) {
            (isFallback ? ", the fallback:" : ":"));
   writeList(out, mapper::decisionName(mapper::TPA_DECISION_INCLUDE), step.include);
   writeList(out, mapper::decisionName(mapper::TPA_DECISION_EXCLUDE), step.exclude);
-  std::string precedence = std::string("    precedence: ") + mapper::verdictExplanation(step.verdict);
+  std::string precedence =
+      std::string("    precedence: ") + mapper::verdictExplanation(step.verdict);
   if (step.verdict == Verdict::kNeither) {
     precedence += step.rule != 0 ? "; falling back to rule number 0" : "; no fallback is left";
   }

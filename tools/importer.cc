@@ -141,7 +141,8 @@ void addTails(std::vector<std::string>& list, bool toExclude, const WildcardList
 }
 
 const char* decisionWord(bool include) {
-  return mapper::decisionName(include ? mapper::TPA_DECISION_INCLUDE : mapper::TPA_DECISION_EXCLUDE);
+  return mapper::decisionName(include ? mapper::TPA_DECISION_INCLUDE
+                                      : mapper::TPA_DECISION_EXCLUDE);
 }
 
 // "SUBJECT gets D; the list means D'" for names the list means to be listed

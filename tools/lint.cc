@@ -24,9 +24,7 @@ namespace {
 
 constexpr std::size_t kMaxCheckedRules = std::size_t{1} << 20;
 
-bool hasBlank(std::string_view s) {
-  return std::any_of(s.begin(), s.end(), isBlank);
-}
+bool hasBlank(std::string_view s) { return std::any_of(s.begin(), s.end(), isBlank); }
 
 bool hasUpper(std::string_view s) {
   return std::any_of(s.begin(), s.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
@@ -418,7 +416,8 @@ class Linter {
     const std::string longer = before + name.substr(1);
     const bool written = e.written != nullptr;
     note(written ? e.written->offset : scan_.objects[view.object].open, "wildcard-shadowed",
-         (written ? quoted(e.written->text) : "the default include " + quoted(parser::kAnyDestination)) +
+         (written ? quoted(e.written->text)
+                  : "the default include " + quoted(parser::kAnyDestination)) +
              " does not match names that end in " + quoted(longer) + " (such as " +
              quoted("x" + longer) +
              ") unless they are stored whole: the wildcard search "
@@ -432,7 +431,10 @@ class Linter {
   void checkNetworkWalk(const Entry& e, const MachineIndex& machine, const char* list) {
     const std::string& bits = e.stored.stored;
     const int width = e.stored.network == 4 ? cidr::kIPv4Bits : cidr::kIPv6Bits;
-    if (e.written == nullptr || e.stored.network == 0 || !cidr::isBitString(bits) || bits.size() < 2) return;
+    if (e.written == nullptr || e.stored.network == 0 || !cidr::isBitString(bits) ||
+        bits.size() < 2) {
+      return;
+    }
     for (const char next : {'0', '1'}) {
       if (!machine.occurs(bits + next)) continue;
       std::string example = bits + next;

@@ -1,13 +1,12 @@
 // tpa: shows how the analyzer reads a rules document and why it decides what
 // it decides, before the rules reach phones. See `tpa --help`.
+#include <unistd.h>
+
 #include <cstdio>
 #include <new>
 #include <string>
-#include <vector>
-
-#include <unistd.h>
-
 #include <string_view>
+#include <vector>
 
 #include "tools/cli.h"
 #include "tools/line_io.h"

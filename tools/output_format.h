@@ -55,8 +55,8 @@ class JsonLine {
   }
   template <typename Number, typename = std::enable_if_t<std::is_integral_v<Number>>>
   JsonLine& field(std::string_view name, Number number) {
-    return raw(name, std::is_same_v<Number, bool> ? (number ? "true" : "false")
-                                                  : std::to_string(number));
+    return raw(name,
+               std::is_same_v<Number, bool> ? (number ? "true" : "false") : std::to_string(number));
   }
   JsonLine& field(std::string_view name, const std::vector<std::string>& texts);
   JsonLine& field(std::string_view name, const std::vector<int>& numbers);
@@ -74,8 +74,8 @@ class JsonLine {
 // MESSAGE", a JSON object {"file","line"[,"column"],"code","message"}, or a
 // ::warning annotation (at column 1 when it has none).
 [[nodiscard]] std::string findingLine(OutputFormat format, const std::string& file,
-                                      std::size_t line, std::size_t column,
-                                      const std::string& code, const std::string& message);
+                                      std::size_t line, std::size_t column, const std::string& code,
+                                      const std::string& message);
 
 // A failed build of document `name` in a machine-readable format: the JSON
 // object {"file":F,"error":"build_failed","code":C,"code_name":N,"message":M}

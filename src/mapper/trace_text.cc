@@ -42,8 +42,8 @@ const char* decisionName(int decision) {
 }
 
 int decidingList(Verdict v) {
-  const bool include = v == Verdict::kOnlyInclude || v == Verdict::kIncludeEqual ||
-                       v == Verdict::kIncludeLonger;
+  const bool include =
+      v == Verdict::kOnlyInclude || v == Verdict::kIncludeEqual || v == Verdict::kIncludeLonger;
   return include ? TPA_DECISION_INCLUDE : TPA_DECISION_EXCLUDE;
 }
 

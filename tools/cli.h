@@ -1,7 +1,7 @@
 // The command line of the `tpa` tool: its exit codes, the table of its
 // commands (name, help, the function that runs it) and the parsing of
 // `tpa COMMAND RULES [APP DEST]...` into an Invocation.
-// Plain functions over values; nothing here touches the analyzer.
+// Plain functions over values; parsing never touches the analyzer.
 #ifndef TPA_TOOLS_CLI_H_
 #define TPA_TOOLS_CLI_H_
 

@@ -1,7 +1,8 @@
-// The machine-readable forms of the tool's reports: JSON lines (one object
-// per finding or decision) and GitHub workflow annotations, so that a
-// repository of rules documents can gate its changes in CI. Plain functions
-// over values; any thread.
+// How the tool writes its reports: the one JSON writer (JsonLine, one object
+// per line), GitHub workflow annotations (so that a repository of rules
+// documents can gate its changes in CI), a finding in each format, and the
+// progress line of a terminal. Plain functions over values, any thread;
+// ProgressLine writes standard error and has one owner.
 #ifndef TPA_TOOLS_OUTPUT_FORMAT_H_
 #define TPA_TOOLS_OUTPUT_FORMAT_H_
 

@@ -125,4 +125,20 @@ int buildDocument(const std::string& rules, std::string& text, api::TarnPatternA
   return reportBuildFailure(outcome, text, displayName(rules));
 }
 
+bool parseAsBuilt(parser::JsonParser& parser, api::TarnPatternAnalyzer& analyzer,
+                  const std::string& text) {
+  std::string built = text;
+  (void)analyzer.validate(built);
+  return parser.parse(built, false) == error::TPA_ERROR_NONE;
+}
+
+int buildAndRead(const std::string& rules, BuiltDocument& document, bool readBack,
+                 BuildFailure* failure) {
+  if (int code = buildDocument(rules, document.text, document.analyzer, failure)) return code;
+  if (!readBack) return kExitOk;
+  return parseAsBuilt(document.parser, document.analyzer, document.text) ? kExitOk
+                                                                         : kExitBuildFailed;
+}
+
+
 }  // namespace tpa::tools

@@ -23,7 +23,6 @@
 #include "mapper/transform.h"
 #include "parser/rule.h"
 #include "tools/build_guard.h"
-#include "tools/built_document.h"
 #include "tools/commands.h"
 #include "tools/decision_reason.h"
 #include "tools/diff_classes.h"

@@ -12,7 +12,6 @@
 #include "mapper/transform.h"
 #include "parser/json_parser.h"
 #include "tools/build_guard.h"
-#include "tools/built_document.h"
 #include "tools/commands.h"
 #include "tools/decision_reason.h"
 #include "tools/doc_scan.h"

@@ -5,7 +5,6 @@
 
 #include "parser/json_parser.h"
 #include "tools/build_guard.h"
-#include "tools/built_document.h"
 #include "tools/commands.h"
 #include "tools/line_io.h"
 #include "tools/output_format.h"

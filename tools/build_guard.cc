@@ -101,9 +101,11 @@ BuildFailure describeBuildFailure(const BuildOutcome& outcome, const std::string
   return failure;
 }
 
-int reportBuildFailure(const BuildOutcome& outcome, const std::string& text,
-                       const std::string& documentName) {
-  const BuildFailure failure = describeBuildFailure(outcome, text);
+namespace {
+
+// Says on stderr how the build failed, as `failure` describes it.
+int report(const BuildOutcome& outcome, const BuildFailure& failure,
+           const std::string& documentName) {
   if (failure.exitCode == kExitBuildThrew) {
     std::string line = "tpa: build threw: " + outcome.what;
     if (failure.located) {
@@ -117,12 +119,20 @@ int reportBuildFailure(const BuildOutcome& outcome, const std::string& text,
   return failure.exitCode;
 }
 
+}  // namespace
+
+int reportBuildFailure(const BuildOutcome& outcome, const std::string& text,
+                       const std::string& documentName) {
+  return report(outcome, describeBuildFailure(outcome, text), documentName);
+}
+
 int buildDocument(const std::string& rules, std::string& text, api::TarnPatternAnalyzer& analyzer,
                   BuildFailure* failure) {
   if (!loadRules(rules, text)) return kExitNoInput;
   const BuildOutcome outcome = buildGuarded(analyzer, text);
-  if (failure != nullptr) *failure = describeBuildFailure(outcome, text);
-  return reportBuildFailure(outcome, text, displayName(rules));
+  const BuildFailure described = describeBuildFailure(outcome, text);
+  if (failure != nullptr) *failure = described;
+  return report(outcome, described, displayName(rules));
 }
 
 bool parseAsBuilt(parser::JsonParser& parser, api::TarnPatternAnalyzer& analyzer,
@@ -139,6 +149,5 @@ int buildAndRead(const std::string& rules, BuiltDocument& document, bool readBac
   return parseAsBuilt(document.parser, document.analyzer, document.text) ? kExitOk
                                                                          : kExitBuildFailed;
 }
-
 
 }  // namespace tpa::tools

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "fsa/map_transitions.h"
+#include "fsa/open_table.h"
 #include "fsa/suffix_automaton.h"
 #include "fsa/suffix_sort.h"
 #include "machine/frozen_machine.h"
@@ -329,6 +330,29 @@ TEST(SuffixAutomaton, FromTextAgreesPastByteSizedLengthsAndCounts) {
   for (int i = 0; i < 3000; ++i) {
     const std::string q = text.substr(rng() % text.size(), rng() % 400) + (i % 3 ? "" : "w");
     ASSERT_NO_FATAL_FAILURE(expectSameLookups(online, direct, q));
+  }
+}
+
+// Every byte of a key takes part in its hash, whatever its place (the words
+// and the last few bytes gathered apart), and so does where a pair of pieces
+// is split.
+TEST(OpenTable, HashReadsEveryByteAndTheSplitOfAPair) {
+  using tpa::fsa::hashBytes;
+  for (std::size_t n = 1; n <= 40; ++n) {
+    std::string key(n, 'a');
+    const std::uint64_t h = hashBytes(key.data(), n);
+    for (std::size_t i = 0; i < n; ++i) {
+      key[i] = 'b';
+      EXPECT_NE(h, hashBytes(key.data(), n)) << n << " " << i;
+      key[i] = 'a';
+    }
+    EXPECT_NE(h, hashBytes(key.data(), n - 1)) << n;  // a shorter key of the same bytes
+    for (std::size_t split = 0; split < n; ++split) {
+      const auto pair = [&key](std::size_t at) {
+        return hashBytes(key.data() + at, key.size() - at, hashBytes(key.data(), at));
+      };
+      EXPECT_NE(pair(split), pair(split + 1)) << n << " " << split;
+    }
   }
 }
 

@@ -20,26 +20,33 @@ namespace tpa::fsa {
 // A 64-bit hash of key[0, n), read eight bytes at a time, continuing from
 // `seed` (the hash of a preceding piece, or 0): the hash of a pair of strings
 // is hashBytes(second, hashBytes(first)). The length takes part, so "ab" then
-// "c" and "a" then "bc" hash apart.
+// "c" and "a" then "bc" hash apart. Each word is mixed on its own (MurmurHash64A's
+// steps) before it meets the running hash, so that the words' mixing overlaps
+// and only a multiply a word lies on the running hash's path.
 inline std::uint64_t hashBytes(const void* key, std::size_t n, std::uint64_t seed = 0) {
-  constexpr std::uint64_t kMul = 0x9fb21c651e98df25u;
+  constexpr std::uint64_t kMul = 0xc6a4a7935bd1e995u;
+  constexpr int kShift = 47;
   const auto* k = static_cast<const unsigned char*>(key);
-  std::uint64_t h = (seed ^ static_cast<std::uint64_t>(n)) * kMul;
+  std::uint64_t h = seed ^ (static_cast<std::uint64_t>(n) * kMul);
   std::size_t i = 0;
   for (; i + 8 <= n; i += 8) {
     std::uint64_t w;
     std::memcpy(&w, k + i, 8);
+    w *= kMul;
+    w ^= w >> kShift;
+    w *= kMul;
     h = (h ^ w) * kMul;
-    h ^= h >> 29;
   }
   if (i < n) {
+    // The last few bytes, gathered one by one: copying them into a word on
+    // the stack would call memcpy and stall the load that follows it.
     std::uint64_t w = 0;
-    std::memcpy(&w, k + i, n - i);
+    for (std::size_t j = n; j > i; --j) w = w << 8 | k[j - 1];
     h = (h ^ w) * kMul;
   }
-  h ^= h >> 32;
+  h ^= h >> kShift;
   h *= kMul;
-  return h ^ (h >> 29);
+  return h ^ (h >> kShift);
 }
 
 template <typename Slot>

@@ -2,7 +2,8 @@
 // strings (two or more '0' and '1' characters, as every network identifier
 // is): the only texts a network-prefix search can end on. An address none of
 // whose bit prefixes is one needs no search of its bits. Filled while a Map
-// is put, then only read: const members may run concurrently.
+// is put, then only read: const members may run concurrently. Owns its
+// table.
 #ifndef TPA_MAPPER_BIT_NAMES_H_
 #define TPA_MAPPER_BIT_NAMES_H_
 

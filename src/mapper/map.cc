@@ -206,6 +206,7 @@ void Map::freeze() {
     return sa < sb;
   });
   for (Machine* m : machines) m->freeze();
+  buffers_ = QueryBuffers();  // put's: nothing is put any more
 }
 
 int Map::finishList(bool include, std::size_t& keysPut) {

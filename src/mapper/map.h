@@ -116,7 +116,8 @@ class Map {
   // The bit strings among the destinations stored in include_ and exclude_.
   BitNames includeBits_;
   BitNames excludeBits_;
-  // Key buffers reused by put (get uses those of its thread).
+  // Key buffers reused by put (get uses those of its thread); freed by
+  // freeze.
   QueryBuffers buffers_;
   // Files and finds this map's decisions in the threads' memos: a value no
   // other map and no earlier state of this one has had. Renewed by construct

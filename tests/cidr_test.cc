@@ -21,6 +21,7 @@
 #include <tuple>
 #include <vector>
 
+#include "cidr/address_bits.h"
 #include "cidr/decimal.h"
 
 namespace {
@@ -190,6 +191,16 @@ TEST(Cidr, MatchesABitModelOnRandomAddresses) {
     ASSERT_STREQ(bits.c_str(), convertToBinaryIPAddress(expanded).c_str());
     ASSERT_EQ(bits.substr(0, p), extractNetworkID(std::string(text) + "/" + std::to_string(p)));
     ASSERT_EQ(bits.substr(0, p % 31 + 1), extractNetworkID(v4 + "/" + std::to_string(p % 31 + 1)));
+    // Bits back to text, and the same IPv4 address mapped into IPv6.
+    ASSERT_EQ(text, bitsToAddress(bits, kIPv6Bits));
+    ASSERT_EQ(v4, bitsToAddress(bits, kIPv4Bits));  // cut at the width
+    ASSERT_EQ(std::to_string(addr.s6_addr[0]) + ".0.0.0",
+              bitsToAddress(bits.substr(0, 8), kIPv4Bits));
+    const std::string mapped = expandIPv6("::ffff:" + v4);
+    ASSERT_TRUE(isIPv4MappedText(mapped) && isIPv4MappedBits(convertToBinaryIPAddress(mapped)));
+    ASSERT_EQ(v4, mappedIPv4(mapped));
+    ASSERT_EQ(isIPv4MappedText(expanded), isIPv4MappedBits(bits));
+    ASSERT_TRUE(isBitString(bits) && !isBitString(expanded) && !isBitString(""));
   }
 }
 

@@ -12,6 +12,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <tuple>
 #include <utility>
@@ -57,7 +58,7 @@ struct Fixture {
 // Key framing, against what a string stream writes: random names of any
 // bytes (sentinels included), any rule number, any flag (1 a quarter of the
 // time), with the extreme numbers first; the *Into variants write the same
-// bytes over a reused buffer.
+// bytes over a reused buffer; names and wildcard keys read back.
 TEST(Transform, MatchesStreamOutputOnRandomInput) {
   std::mt19937 rng(11);
   std::string out = "stale content";
@@ -71,9 +72,24 @@ TEST(Transform, MatchesStreamOutputOnRandomInput) {
     tpa::mapper::transformDomainInto(out, name, rule, flag);
     ASSERT_EQ(stream.str(), out);
     ASSERT_EQ(out, tpa::mapper::transformDomain(name, rule, flag));
+    // A name without the closing character reads back from its key; a
+    // wildcard's key is "#*" and the framed rest of its text.
+    if (name.find('$') == std::string::npos) ASSERT_EQ(name, tpa::mapper::framedName(out));
+    const std::string wildcard = tpa::mapper::transformDomain("*" + name, rule, flag);
+    ASSERT_EQ(wildcard, tpa::mapper::wildcardKey(std::string_view(out).substr(1)));
+    int read = -1;  // the rule number reads back only as written, and only from 0 up
+    ASSERT_EQ(rule >= 0, tpa::mapper::readRuleNumber(std::to_string(rule), read));
+    ASSERT_TRUE(rule < 0 || read == rule);
     tpa::mapper::tansformAppInto(out, name);
     ASSERT_EQ("#" + name + "$", out);
     ASSERT_EQ(out, tpa::mapper::tansformApp(name));
+  }
+}
+
+TEST(Transform, RuleNumbersReadBackOnlyAsWritten) {
+  int read = 0;
+  for (const char* text : {"", "01", "+1", "-0", "1a", " 1", "2147483648", "99999999999"}) {
+    EXPECT_FALSE(tpa::mapper::readRuleNumber(text, read)) << text;
   }
 }
 

@@ -19,8 +19,6 @@ constexpr std::string_view kLocalNames[] = {
     "ip6-localhost", "ip6-loopback",          "ip6-localnet", "ip6-mcastprefix",
     "ip6-allnodes",  "ip6-allrouters",        "ip6-allhosts", "0.0.0.0"};
 
-bool isBlank(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
-
 std::vector<std::string_view> words(std::string_view line) {
   std::vector<std::string_view> out;
   std::size_t i = 0;
@@ -31,12 +29,6 @@ std::vector<std::string_view> words(std::string_view line) {
     if (i > start) out.push_back(line.substr(start, i - start));
   }
   return out;
-}
-
-std::string_view trimmed(std::string_view s) {
-  while (!s.empty() && isBlank(s.front())) s.remove_prefix(1);
-  while (!s.empty() && isBlank(s.back())) s.remove_suffix(1);
-  return s;
 }
 
 bool startsWith(std::string_view s, std::string_view prefix) {

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "cidr/address_bits.h"
 #include "cidr/decimal.h"
 
 namespace tpa::cidr {
@@ -15,8 +16,6 @@ namespace {
 
 constexpr char kUnspecifiedIPv4[] = "0.0.0.0";
 constexpr char kUnspecifiedIPv6[] = "0000:0000:0000:0000:0000:0000:0000:0000";
-constexpr int kIPv4Bits = 32;
-constexpr int kIPv6Bits = 128;
 constexpr std::size_t kIPv6TextLength = 39;
 constexpr int kPaddedAddressLength = 15;
 constexpr int kPaddedNetworkLength = 18;

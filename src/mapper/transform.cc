@@ -48,4 +48,24 @@ std::string transformDomain(const std::string& domain, int ruleNumber, std::uint
   return out;
 }
 
+std::string wildcardKey(std::string_view keyTail) {
+  std::string key{sentinel::PRECEDING_SYMBOL, '*'};
+  return key.append(keyTail);
+}
+
+bool readRuleNumber(std::string_view text, int& number) {
+  const char* end = text.data() + text.size();
+  const auto read = std::from_chars(text.data(), end, number);
+  if (read.ec != std::errc() || read.ptr != end || number < 0) return false;
+  char written[std::numeric_limits<int>::digits10 + 2];
+  return std::string_view(written, std::to_chars(written, written + sizeof written, number).ptr -
+                                       written) == text;
+}
+
+std::string framedName(std::string_view key) {
+  const std::size_t end = key.rfind(sentinel::SUCCEEDING_SYMBOL);
+  if (key.size() <= 1 || end == std::string_view::npos) return "";
+  return std::string(key.substr(1, end - 1));
+}
+
 }  // namespace tpa::mapper

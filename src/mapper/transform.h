@@ -23,6 +23,17 @@ void tansformAppInto(std::string& out, std::string_view app);
 void transformDomainInto(std::string& out, std::string_view domain, int ruleNumber,
                          std::uint8_t flag);
 
+// The stored key of a wildcard whose text after its '*' is `keyTail`, an end
+// of a framed destination key: "#*" keyTail.
+[[nodiscard]] std::string wildcardKey(std::string_view keyTail);
+
+// Whether `text` is a rule number of 0 or more exactly as transformDomain
+// writes it (no sign, no leading zero), and which.
+[[nodiscard]] bool readRuleNumber(std::string_view text, int& number);
+
+// The name part of a framed key "#NAME$...", or empty when `key` is none.
+[[nodiscard]] std::string framedName(std::string_view key);
+
 }  // namespace tpa::mapper
 
 #endif  // TPA_MAPPER_TRANSFORM_H_

@@ -424,8 +424,8 @@ TEST(WildcardTails, AgreesWithTheTailsListedByHand) {
         if (rng() % 3 == 0) key += shared;
       }
       text += key;
-      keys.push_back({static_cast<std::int32_t>(text.size()) - 1,
-                      static_cast<std::int32_t>(key.size())});
+      keys.push_back(
+          {static_cast<std::int32_t>(text.size()) - 1, static_cast<std::int32_t>(key.size())});
       for (std::size_t p = 0; p + 1 < key.size(); ++p) {
         if (key[p] == '*') tails.insert(key.substr(p + 1));
       }

@@ -290,10 +290,9 @@ TEST(BitNames, AgreesWithTheNamesListedByHand) {
 // stored under the rule) decide as a decision maker told no bit names, which always walks.
 TEST(Map, NetworkFilterDecidesAsTheFullSearch) {
   std::mt19937 rng(23);
-  const List networks = {"10.0.0.0/8",      "10.1.0.0/16",      "10.1.2.0/24",
-                         "10.1.2.128/25",   "10.1.2.3",         "2001:db8::/32",
-                         "2001:db8:1::/48", "2001:db8:1:2::/64", "0101",
-                         "192.168.0.0/16"};
+  const List networks = {"10.0.0.0/8", "10.1.0.0/16",   "10.1.2.0/24",     "10.1.2.128/25",
+                         "10.1.2.3",   "2001:db8::/32", "2001:db8:1::/48", "2001:db8:1:2::/64",
+                         "0101",       "192.168.0.0/16"};
   for (int round = 0; round < 10; ++round) {
     Fixture f(3);
     for (int r = 0; r < 6; ++r) {

@@ -72,8 +72,8 @@ void WildcardTails::build(const unsigned char* text, const std::vector<StoredKey
   for (Filing& f : filings) {
     const auto a = std::min<std::uint32_t>(f.tail.length, kMaxAnchor);
     anchorLength[a] = true;
-    f.anchor = Bucket{wordEndingAt(text, f.end) & masks_[a], 0, 0, static_cast<std::uint16_t>(a),
-                      false};
+    f.anchor =
+        Bucket{wordEndingAt(text, f.end) & masks_[a], 0, 0, static_cast<std::uint16_t>(a), false};
     lastChar_[text[f.end]] = true;
   }
   for (std::uint32_t a = 1; a <= kMaxAnchor; ++a) {
@@ -134,8 +134,7 @@ void WildcardTails::fileTails(const unsigned char* text, std::vector<Filing>& fi
 }
 
 std::size_t WildcardTails::fileBucket(const unsigned char* text, std::vector<Filing>& filings,
-                                      std::size_t from, std::size_t to,
-                                      std::vector<Bucket>& made) {
+                                      std::size_t from, std::size_t to, std::vector<Bucket>& made) {
   Bucket b = filings[from].anchor;
   const std::uint32_t deeper = b.anchorLength + kSplitStep;
   // By length: the tails that stay come first.
@@ -157,8 +156,7 @@ std::size_t WildcardTails::fileBucket(const unsigned char* text, std::vector<Fil
     f.anchor.anchorLength = static_cast<std::uint16_t>(deeper);
   }
   std::sort(filings.begin() + static_cast<std::ptrdiff_t>(stay),
-            filings.begin() + static_cast<std::ptrdiff_t>(to),
-            filedBefore);
+            filings.begin() + static_cast<std::ptrdiff_t>(to), filedBefore);
   for (std::size_t i = stay; i < to;) {
     std::size_t e = i + 1;
     while (e < to && sameAnchor(filings[e], filings[i])) ++e;
@@ -280,7 +278,8 @@ WildcardTails::Found WildcardTails::tailsOf(const Bucket& b, const unsigned char
     const unsigned char* piece = k + (room - length);
     const Tail* next = t + 1;
     if (next != end && next->length == length) {
-      next = std::partition_point(next, end, [length](const Tail& x) { return x.length == length; });
+      next =
+          std::partition_point(next, end, [length](const Tail& x) { return x.length == length; });
     }
     // Only the tails of this length that start like the piece are compared
     // whole (by hash).

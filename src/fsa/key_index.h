@@ -190,8 +190,8 @@ class WildcardTails {
   void fileTails(const unsigned char* text, std::vector<Filing>& filings);
   // Files filings[from, to), one anchor's, as one bucket or split; returns
   // the buckets made.
-  std::size_t fileBucket(const unsigned char* text, std::vector<Filing>& filings,
-                         std::size_t from, std::size_t to, std::vector<Bucket>& made);
+  std::size_t fileBucket(const unsigned char* text, std::vector<Filing>& filings, std::size_t from,
+                         std::size_t to, std::vector<Bucket>& made);
 
   // anchorLengths_: the anchor lengths in use, ascending (count of them in
   // anchorLengthCount_; none while there is no tail); masks_[a] keeps the

@@ -81,8 +81,7 @@ bool BitNames::Lengths::any() const {
 BitNames::Lengths BitNames::prefixLengthsOf(const std::string& bits) const {
   Lengths found;
   if (used_ == 0 || bits.size() < 3) return found;
-  const std::size_t last =
-      std::min({bits.size() - 1, lengths_.size() * 64 - 1, kMaxBits - 1});
+  const std::size_t last = std::min({bits.size() - 1, lengths_.size() * 64 - 1, kMaxBits - 1});
   const auto note = [&found](std::size_t length) {
     found.word[length / 64] |= std::uint64_t{1} << (length % 64);
   };

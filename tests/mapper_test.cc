@@ -74,7 +74,9 @@ TEST(Transform, MatchesStreamOutputOnRandomInput) {
     ASSERT_EQ(out, tpa::mapper::transformDomain(name, rule, flag));
     // A name without the closing character reads back from its key; a
     // wildcard's key is "#*" and the framed rest of its text.
-    if (name.find('$') == std::string::npos) ASSERT_EQ(name, tpa::mapper::framedName(out));
+    if (name.find('$') == std::string::npos) {
+      ASSERT_EQ(name, tpa::mapper::framedName(out));
+    }
     const std::string wildcard = tpa::mapper::transformDomain("*" + name, rule, flag);
     ASSERT_EQ(wildcard, tpa::mapper::wildcardKey(std::string_view(out).substr(1)));
     int read = -1;  // the rule number reads back only as written, and only from 0 up

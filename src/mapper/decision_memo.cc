@@ -22,15 +22,14 @@ std::uint64_t DecisionMemo::hashOf(const std::string& app, const std::string& de
                         fsa::hashBytes(app.data(), app.size()));
 }
 
-bool DecisionMemo::find(std::uint64_t epoch, const std::string& app, const std::string& destination,
-                        Decision& out) {
+bool DecisionMemo::find(std::uint64_t epoch, std::uint64_t h, const std::string& app,
+                        const std::string& destination, Decision& out) {
   if (tooLong(app, destination)) return false;
   try {
     if (entries_.empty()) entries_.resize(sets_ * kWays);
   } catch (const std::bad_alloc&) {
     return false;  // no room for the memo: the machines answer
   }
-  const std::uint64_t h = hashOf(app, destination);
   Entry* ways = set(h);
   for (std::size_t i = 0; i < kWays; ++i) {
     Entry& e = ways[i];
@@ -55,10 +54,9 @@ DecisionMemo::Entry* DecisionMemo::victim(std::uint64_t hash, std::uint64_t epoc
   return oldest;
 }
 
-void DecisionMemo::remember(std::uint64_t epoch, const std::string& app,
+void DecisionMemo::remember(std::uint64_t epoch, std::uint64_t h, const std::string& app,
                             const std::string& destination, const Decision& d) {
   if (entries_.empty() || tooLong(app, destination)) return;
-  const std::uint64_t h = hashOf(app, destination);
   Entry* e = victim(h, epoch);
   const auto replaces = [epoch](const Entry& v) { return v.lastUsed != 0 && v.epoch == epoch; };
   if (replaces(*e) && ++replaced_ >= entries_.size()) {

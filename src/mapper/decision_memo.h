@@ -29,13 +29,17 @@ namespace tpa::mapper {
 
 class DecisionMemo {
  public:
-  // The decision kept for the pair under `epoch`, into `out`; false when
-  // there is none.
-  [[nodiscard]] bool find(std::uint64_t epoch, const std::string& app,
+  // The pair's hash, which find and remember take: a query that misses
+  // hashes its pair once for both.
+  [[nodiscard]] static std::uint64_t hashOf(const std::string& app, const std::string& destination);
+  // The decision kept for the pair (of hash `h`) under `epoch`, into `out`;
+  // false when there is none.
+  [[nodiscard]] bool find(std::uint64_t epoch, std::uint64_t h, const std::string& app,
                           const std::string& destination, Decision& out);
-  // Files `d` for the pair under `epoch`, unless the pair is too long.
-  void remember(std::uint64_t epoch, const std::string& app, const std::string& destination,
-                const Decision& d);
+  // Files `d` for the pair (of hash `h`) under `epoch`, unless the pair is
+  // too long.
+  void remember(std::uint64_t epoch, std::uint64_t h, const std::string& app,
+                const std::string& destination, const Decision& d);
   // Forgets every decision (the table and its strings' room are kept).
   void clear();
 
@@ -61,7 +65,6 @@ class DecisionMemo {
   static bool tooLong(const std::string& app, const std::string& destination) {
     return app.size() > kMaxKey || destination.size() > kMaxKey - app.size();
   }
-  static std::uint64_t hashOf(const std::string& app, const std::string& destination);
   Entry* set(std::uint64_t hash) { return &entries_[(hash & (sets_ - 1)) * kWays]; }
   // The entry of hash's set that a decision under `epoch` replaces: one of
   // another epoch first, then the least recently used.

@@ -55,26 +55,37 @@ bool LineReader::refill() {
 }
 
 bool LineReader::next(std::string& line) {
-  line.clear();
+  std::string_view view;
+  if (!next(view)) return false;
+  line.assign(view);
+  return true;
+}
+
+bool LineReader::next(std::string_view& line) {
+  carry_.clear();
   for (;;) {
     if (pos_ == end_ && !refill()) break;
     const char* start = block_.data() + pos_;
     const void* newline = std::memchr(start, '\n', end_ - pos_);
     if (newline != nullptr) {
       const std::size_t length = static_cast<const char*>(newline) - start;
-      line.append(start, length);
       pos_ += length + 1;
       ++lineNumber_;
+      if (carry_.empty()) {
+        line = std::string_view(start, length);
+      } else {
+        carry_.append(start, length);
+        line = carry_;
+      }
       return true;
     }
-    line.append(start, end_ - pos_);
+    carry_.append(start, end_ - pos_);
     pos_ = end_;
   }
-  if (!line.empty()) {
-    ++lineNumber_;
-    return true;
-  }
-  return false;
+  if (carry_.empty()) return false;
+  ++lineNumber_;
+  line = carry_;
+  return true;
 }
 
 }  // namespace tpa::tools

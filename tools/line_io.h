@@ -46,6 +46,9 @@ class LineReader {
   // The next line without its '\n'; false at the end of input. A last line
   // without '\n' is still returned. Reading errors end the input.
   [[nodiscard]] bool next(std::string& line);
+  // The same line as a view, valid until the next call: a line within one
+  // block is not copied.
+  [[nodiscard]] bool next(std::string_view& line);
   // 1-based number of the line last returned.
   [[nodiscard]] std::size_t lineNumber() const { return lineNumber_; }
 
@@ -58,6 +61,7 @@ class LineReader {
   std::string block_;  // bytes read, [pos_, end_) not yet consumed
   std::size_t pos_ = 0;
   std::size_t end_ = 0;
+  std::string carry_;  // a line that spans blocks, gathered
   bool eof_ = false;
   std::size_t lineNumber_ = 0;
 };

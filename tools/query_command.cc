@@ -3,7 +3,9 @@
 
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <string>
+#include <string_view>
 
 #include "tools/build_guard.h"
 #include "tools/commands.h"
@@ -15,31 +17,34 @@
 namespace tpa::tools {
 namespace {
 
-// Answers one query into `line` as include<TAB>VALUE or exclude<TAB>VALUE.
+// Writes one query's answer as include<TAB>VALUE or exclude<TAB>VALUE.
 // VALUE starts at -1 so that it shows exactly what the query left in it.
 void answer(api::TarnPatternAnalyzer& analyzer, const std::string& app,
-            const std::string& destination, std::string& line) {
+            const std::string& destination, OutputSink& out) {
   int value = -1;
   const int decision = analyzer.query(app, destination, value);
-  line.assign(decision == mapper::TPA_DECISION_INCLUDE ? "include\t" : "exclude\t");
-  char digits[16];
-  const auto result = std::to_chars(digits, digits + sizeof digits, value);
-  line.append(digits, result.ptr);
+  constexpr std::string_view kInclude = "include\t", kExclude = "exclude\t";
+  char text[32];  // a word, a TAB and an int
+  std::memcpy(text, decision == mapper::TPA_DECISION_INCLUDE ? kInclude.data() : kExclude.data(),
+              kInclude.size());
+  const char* end = std::to_chars(text + kInclude.size(), text + sizeof text, value).ptr;
+  out.line(std::string_view(text, static_cast<std::size_t>(end - text)));
 }
 
 // Splits "APP<TAB>DEST" at the first TAB, dropping a trailing CR.
-bool splitQuery(std::string& line, std::string& app, std::string& destination) {
-  if (!line.empty() && line.back() == '\r') line.pop_back();
+bool splitQuery(std::string_view line, std::string& app, std::string& destination) {
+  if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
   const std::size_t tab = line.find('\t');
-  if (tab == std::string::npos) return false;
-  app.assign(line, 0, tab);
-  destination.assign(line, tab + 1, std::string::npos);
+  if (tab == std::string_view::npos) return false;
+  app.assign(line.data(), tab);
+  destination.assign(line.substr(tab + 1));
   return true;
 }
 
 int answerStream(api::TarnPatternAnalyzer& analyzer, OutputSink& out) {
   LineReader in(STDIN_FILENO, &out);
-  std::string line, app, destination, reply;
+  std::string_view line;
+  std::string app, destination;
   while (in.next(line)) {
     if (line.empty() || line == "\r") continue;
     if (!splitQuery(line, app, destination)) {
@@ -47,8 +52,7 @@ int answerStream(api::TarnPatternAnalyzer& analyzer, OutputSink& out) {
       std::fprintf(stderr, "tpa: stdin line %zu: no TAB between APP and DEST\n", in.lineNumber());
       return kExitBadQuery;
     }
-    answer(analyzer, app, destination, reply);
-    out.line(reply);
+    answer(analyzer, app, destination, out);
     if (out.failed()) break;
   }
   return kExitOk;
@@ -67,11 +71,7 @@ int runQuery(const Invocation& invocation) {
   if (invocation.pairs.empty()) {
     code = answerStream(analyzer, out);
   } else {
-    std::string reply;
-    for (const auto& [app, destination] : invocation.pairs) {
-      answer(analyzer, app, destination, reply);
-      out.line(reply);
-    }
+    for (const auto& [app, destination] : invocation.pairs) answer(analyzer, app, destination, out);
   }
   return finishOutput(out, code);
 }

@@ -121,6 +121,12 @@ TEST(JsonEscape, KeepsValidUtf8AndEscapesEveryOtherByte) {
   }
 }
 
+std::string repeated(const std::string& s, int times) {
+  std::string out;
+  for (int i = 0; i < times; ++i) out += s;
+  return out;
+}
+
 TEST(TpaQuery, AnswersPairsAndStandardInputLines) {
   const std::string mail = "com.example.mail\timap.example.com";
   const struct {
@@ -135,6 +141,8 @@ TEST(TpaQuery, AnswersPairsAndStandardInputLines) {
       {"", "x\ty\ttime.example.org\n", "exclude\t-1\n", 0},   // DEST keeps the TAB
       {"", "\timap.example.com\n", "exclude\t-1\n", 0},       // empty APP is an APP
       {"", mail + "\nno tab\nx\ty\n", "include\t100\n", 65},  // stops at a bad line
+      // 68 kB: lines across the reader's 64 KiB blocks
+      {"", repeated(mail + "\n", 2000), repeated("include\t100\n", 2000), 0},
   };
   for (const auto& c : cases) {
     const ToolResult r = runTool(words("query " + kRules + " " + c.pairs), c.input);

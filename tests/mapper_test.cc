@@ -22,6 +22,7 @@
 #include "mapper/bit_names.h"
 #include "mapper/decision.h"
 #include "mapper/decision_maker.h"
+#include "mapper/decision_memo.h"
 #include "mapper/search_result.h"
 #include "mapper/map.h"
 #include "mapper/trace.h"
@@ -205,6 +206,43 @@ TEST(Map, FailuresStopThePutWithTheirCodeAndMessages) {
   EXPECT_EQ("[FATAL] [MAP] AddAnyApp failed. Could not add any app \n", records[2].text);
   EXPECT_EQ((std::pair<int, std::string>(7, "tarn_patteren_analyzer.so")),
             std::pair(records[2].priority, records[2].tag));
+}
+
+// A pair is found under the epoch it was filed under, with its decision,
+// and only as the same application and destination.
+TEST(DecisionMemo, FindsWhatItRememberedForThatPairAndEpochOnly) {
+  using tpa::mapper::Decision;
+  using tpa::mapper::DecisionMemo;
+  DecisionMemo memo;
+  const std::string ab = "ab", c = "c", a = "a", bc = "bc", longName(300, 'x');
+  Decision out;
+  ASSERT_FALSE(memo.find(1, DecisionMemo::Pair(ab, c), out));
+  memo.remember(1, DecisionMemo::Pair(ab, c), Decision(7, tpa::mapper::TPA_DECISION_INCLUDE));
+  memo.remember(1, DecisionMemo::Pair(a, longName), Decision(8, tpa::mapper::TPA_DECISION_INCLUDE));
+  const struct {
+    std::uint64_t epoch;
+    const std::string& app;
+    const std::string& destination;
+    bool found;
+  } cases[] = {{1, ab, c, true}, {2, ab, c, false}, {1, a, bc, false}, {1, c, ab, false},
+               {1, a, longName, false}};  // too long to be kept
+  for (const auto& k : cases) {
+    Decision d;
+    EXPECT_EQ(k.found, memo.find(k.epoch, DecisionMemo::Pair(k.app, k.destination), d))
+        << k.epoch << " " << k.app << " " << k.destination;
+    if (k.found) EXPECT_EQ(7, d.value);
+  }
+  // Several pairs: each found with its own decision.
+  std::vector<std::string> names;
+  for (int i = 0; i < 4; ++i) names.push_back("n" + std::to_string(i));
+  for (int i = 0; i < 4; ++i) {
+    memo.remember(3, DecisionMemo::Pair(names[i], c), Decision(i, tpa::mapper::TPA_DECISION_EXCLUDE));
+  }
+  for (int i = 0; i < 4; ++i) {
+    Decision d;
+    ASSERT_TRUE(memo.find(3, DecisionMemo::Pair(names[i], c), d)) << i;
+    EXPECT_EQ(i, d.value);
+  }
 }
 
 TEST(Map, TracedQueryBypassesTheMemoAndRecordsTheFallback) {

@@ -17,13 +17,16 @@ bool DecisionMemo::Entry::holds(std::uint64_t h, std::uint64_t e, const std::str
          std::memcmp(key.data() + app.size(), destination.data(), destination.size()) == 0;
 }
 
-std::uint64_t DecisionMemo::hashOf(const std::string& app, const std::string& destination) {
-  return fsa::hashBytes(destination.data(), destination.size(),
-                        fsa::hashBytes(app.data(), app.size()));
-}
+DecisionMemo::Pair::Pair(const std::string& app, const std::string& destination)
+    : app_(app),
+      destination_(destination),
+      hash_(fsa::hashBytes(destination.data(), destination.size(),
+                           fsa::hashBytes(app.data(), app.size()))) {}
 
-bool DecisionMemo::find(std::uint64_t epoch, std::uint64_t h, const std::string& app,
-                        const std::string& destination, Decision& out) {
+bool DecisionMemo::find(std::uint64_t epoch, const Pair& pair, Decision& out) {
+  const std::string& app = pair.app_;
+  const std::string& destination = pair.destination_;
+  const std::uint64_t h = pair.hash_;
   if (tooLong(app, destination)) return false;
   try {
     if (entries_.empty()) entries_.resize(sets_ * kWays);
@@ -54,8 +57,10 @@ DecisionMemo::Entry* DecisionMemo::victim(std::uint64_t hash, std::uint64_t epoc
   return oldest;
 }
 
-void DecisionMemo::remember(std::uint64_t epoch, std::uint64_t h, const std::string& app,
-                            const std::string& destination, const Decision& d) {
+void DecisionMemo::remember(std::uint64_t epoch, const Pair& pair, const Decision& d) {
+  const std::string& app = pair.app_;
+  const std::string& destination = pair.destination_;
+  const std::uint64_t h = pair.hash_;
   if (entries_.empty() || tooLong(app, destination)) return;
   Entry* e = victim(h, epoch);
   const auto replaces = [epoch](const Entry& v) { return v.lastUsed != 0 && v.epoch == epoch; };

@@ -29,17 +29,24 @@ namespace tpa::mapper {
 
 class DecisionMemo {
  public:
-  // The pair's hash, which find and remember take: a query that misses
-  // hashes its pair once for both.
-  [[nodiscard]] static std::uint64_t hashOf(const std::string& app, const std::string& destination);
-  // The decision kept for the pair (of hash `h`) under `epoch`, into `out`;
-  // false when there is none.
-  [[nodiscard]] bool find(std::uint64_t epoch, std::uint64_t h, const std::string& app,
-                          const std::string& destination, Decision& out);
-  // Files `d` for the pair (of hash `h`) under `epoch`, unless the pair is
-  // too long.
-  void remember(std::uint64_t epoch, std::uint64_t h, const std::string& app,
-                const std::string& destination, const Decision& d);
+  // A queried pair and its hash, which find and remember take: a query that
+  // misses hashes its pair once for both. Refers to the caller's strings.
+  class Pair {
+   public:
+    Pair(const std::string& app, const std::string& destination);
+
+   private:
+    friend class DecisionMemo;
+    const std::string& app_;
+    const std::string& destination_;
+    std::uint64_t hash_;
+  };
+
+  // The decision kept for the pair under `epoch`, into `out`; false when
+  // there is none.
+  [[nodiscard]] bool find(std::uint64_t epoch, const Pair& pair, Decision& out);
+  // Files `d` for the pair under `epoch`, unless the pair is too long.
+  void remember(std::uint64_t epoch, const Pair& pair, const Decision& d);
   // Forgets every decision (the table and its strings' room are kept).
   void clear();
 

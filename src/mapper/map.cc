@@ -244,13 +244,13 @@ Decision Map::get(const std::string& app, const std::string& destination, QueryT
     const bool memo = memoUsable_.load() && trace == nullptr;
     const std::uint64_t epoch = memoEpoch_.load();
     Decision d;
-    const std::uint64_t h = memo ? DecisionMemo::hashOf(app, destination) : 0;
-    if (memo && scratch->memo.find(epoch, h, app, destination, d)) return d;
+    const DecisionMemo::Pair pair(app, destination);
+    if (memo && scratch->memo.find(epoch, pair, d)) return d;
     if (!queried_.load(std::memory_order_relaxed)) queried_.store(true);
     MapDecisionMaker maker(*apps_, *include_, *exclude_, scratch->buffers, includeBits_,
                            excludeBits_);
     d = maker.decide(app, destination, trace);
-    if (memo) scratch->memo.remember(epoch, h, app, destination, d);
+    if (memo) scratch->memo.remember(epoch, pair, d);
     return d;
   } catch (const std::bad_alloc&) {
     // A cache, the memo or a key buffer could not grow; each is left

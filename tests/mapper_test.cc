@@ -224,7 +224,10 @@ TEST(DecisionMemo, FindsWhatItRememberedForThatPairAndEpochOnly) {
     const std::string& app;
     const std::string& destination;
     bool found;
-  } cases[] = {{1, ab, c, true}, {2, ab, c, false}, {1, a, bc, false}, {1, c, ab, false},
+  } cases[] = {{1, ab, c, true},
+               {2, ab, c, false},
+               {1, a, bc, false},
+               {1, c, ab, false},
                {1, a, longName, false}};  // too long to be kept
   for (const auto& k : cases) {
     Decision d;
@@ -236,7 +239,8 @@ TEST(DecisionMemo, FindsWhatItRememberedForThatPairAndEpochOnly) {
   std::vector<std::string> names;
   for (int i = 0; i < 4; ++i) names.push_back("n" + std::to_string(i));
   for (int i = 0; i < 4; ++i) {
-    memo.remember(3, DecisionMemo::Pair(names[i], c), Decision(i, tpa::mapper::TPA_DECISION_EXCLUDE));
+    memo.remember(3, DecisionMemo::Pair(names[i], c),
+                  Decision(i, tpa::mapper::TPA_DECISION_EXCLUDE));
   }
   for (int i = 0; i < 4; ++i) {
     Decision d;

@@ -113,9 +113,10 @@ int FrozenAutomaton::tryFindPartial(const char* key, int n, Value& out) const {
 
 bool FrozenAutomaton::findWholeKey(const char* key, int n, Value& out) const {
   // Each filed key ends a text state that carries it, of its own length.
-  WholeKeyIndex::Report r;
-  if (!wholeKeys_.find(text_.data(), key, n, r)) return false;
-  out = Value{r.storedKeyLength, r.value};
+  const std::int32_t end = wholeKeys_.find(
+      text_.data(), key, n, [&](std::int32_t e) { return valueOf(e + 1).storedKeyLength == n; });
+  if (end < 0) return false;
+  out = valueOf(end + 1);
   return true;
 }
 
@@ -129,10 +130,7 @@ bool FrozenAutomaton::mayFindWildcard(const char* key, int n) const {
 
 void FrozenAutomaton::indexKeys(const std::vector<StoredKey>& keys,
                                 const std::vector<StoredKey>& wholeKeys) {
-  wholeKeys_.build(text_.data(), wholeKeys, [this](std::int32_t end) {
-    const Value v = valueOf(end + 1);
-    return WholeKeyIndex::Report{v.storedKeyLength, v.userDefinedValue};
-  });
+  wholeKeys_.build(text_.data(), wholeKeys);
   tails_.build(text_.data(), keys);
 }
 

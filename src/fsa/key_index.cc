@@ -9,7 +9,7 @@ namespace tpa::fsa {
 
 // --- WholeKeyIndex ----------------------------------------------------------
 
-void WholeKeyIndex::fileKeys(const unsigned char* text, const std::vector<StoredKey>& keys) {
+void WholeKeyIndex::build(const unsigned char* text, const std::vector<StoredKey>& keys) {
   slots_.reset(keys.size() + keys.size() / 2 + 1);
   std::vector<std::int32_t> lengths(slots_.size(), 0);  // of the key filed in each slot
   for (const StoredKey& k : keys) {
@@ -22,7 +22,7 @@ void WholeKeyIndex::fileKeys(const unsigned char* text, const std::vector<Stored
              endsWith(text, static_cast<std::int32_t>(s.endPlusOne - 1), begin, k.length);
     });
     if (!slots_[i].empty()) continue;
-    slots_[i] = Slot{static_cast<std::uint32_t>(k.end) + 1, tag, Report{}};
+    slots_[i] = Slot{static_cast<std::uint32_t>(k.end) + 1, tag};
     lengths[i] = k.length;
   }
 }

@@ -43,41 +43,30 @@ struct StoredKey {
 
 class WholeKeyIndex {
  public:
-  // What the state at a filed key's end reports (its stored key's length
-  // and value), kept in the key's slot: a hit reads the slot and the key's
-  // text, not the automaton's values as well.
-  struct Report {
-    std::int32_t storedKeyLength;
-    std::int32_t value;
-  };
-
   // Files the keys of `text` in order; a key equal to one filed before is
-  // left out, so each is found at its first copy. `reportAt(end)` is what
-  // the state after text[end] reports. Throws std::bad_alloc.
-  template <typename ReportAt>
-  void build(const unsigned char* text, const std::vector<StoredKey>& keys, ReportAt reportAt) {
-    fileKeys(text, keys);
-    for (std::size_t i = 0; i < slots_.size(); ++i) {
-      Slot& s = slots_[i];
-      if (!s.empty()) s.report = reportAt(static_cast<std::int32_t>(s.endPlusOne - 1));
-    }
-  }
+  // left out, so each is found at its first copy. Throws std::bad_alloc.
+  void build(const unsigned char* text, const std::vector<StoredKey>& keys);
 
-  // The report of the filed key equal to key[0, n) that reports n as its
-  // own length; false when there is none. A filed key whose last n
-  // characters equal the query may be longer than it: its report tells.
-  bool find(const unsigned char* text, const char* key, int n, Report& out) const {
-    if (n < 1 || slots_.empty()) return false;
+  // The end of the filed key equal to key[0, n) that `accept(end)` takes,
+  // or -1. A filed key whose last n characters equal the query may be longer
+  // than it: accept tells them apart.
+  template <typename Accept>
+  std::int32_t find(const unsigned char* text, const char* key, int n, Accept accept) const {
+    if (n < 1 || slots_.empty()) return -1;
     const auto* k = reinterpret_cast<const unsigned char*>(key);
     const std::uint64_t h = hashBytes(k, static_cast<std::size_t>(n));
     const auto tag = static_cast<std::uint32_t>(h >> 32);
-    const Slot& s = slots_[slots_.probe(h, [&](const Slot& s) {
-      return s.tag == tag && s.report.storedKeyLength == n &&
-             endsWith(text, static_cast<std::int32_t>(s.endPlusOne - 1), k, n);
-    })];
-    if (s.empty()) return false;
-    out = s.report;
-    return true;
+    std::int32_t found = -1;
+    slots_.probe(h, [&](const Slot& s) {
+      const auto end = static_cast<std::int32_t>(s.endPlusOne - 1);
+      if (s.tag != tag) return false;
+      // The key's text and what accept reads are apart: loaded side by side.
+      __builtin_prefetch(text + (end + 1 - std::min(end + 1, n)));
+      if (!accept(end) || !endsWith(text, end, k, n)) return false;
+      found = end;
+      return true;
+    });
+    return found;
   }
 
   std::size_t bytes() const { return slots_.bytes(); }
@@ -86,7 +75,6 @@ class WholeKeyIndex {
   struct Slot {
     std::uint32_t endPlusOne;  // 0: empty
     std::uint32_t tag;         // high half of the key's hash
-    Report report;             // of the state after the key's end
     bool empty() const { return endPlusOne == 0; }
   };
   // Whether text[end - n + 1, end] is key[0, n).
@@ -94,8 +82,6 @@ class WholeKeyIndex {
                        int n) {
     return end + 1 >= n && std::memcmp(text + (end + 1 - n), key, static_cast<std::size_t>(n)) == 0;
   }
-  // The slots of build, without their reports.
-  void fileKeys(const unsigned char* text, const std::vector<StoredKey>& keys);
 
   // At most two thirds of the slots are used, so every probe sequence ends
   // at an empty slot.

@@ -68,11 +68,10 @@ std::string plainAddress(const std::string& stored) {
   return bits.empty() ? stored : addressText(bits);
 }
 
-// For each wildcard text Z of at most `longest` characters that ends
-// `text`, Z and the character before it (which tells whether a longer stored
-// ending hides Z; `whole` where Z is all of `text`), each
-// followed by `separator`; and the last of them, the longest ending, for
-// people.
+// For each wildcard text Z of at most `longest` characters that ends `text`:
+// Z and the character before it (which tells whether a longer stored ending
+// hides Z; `whole` where Z is all of `text`), then `separator`. And the last
+// of them, the longest such ending, for people.
 std::pair<std::string, std::string> wildcardSignature(
     const std::string& text, const std::unordered_set<std::string>& wildcards, std::size_t longest,
     std::string_view whole, char separator) {
@@ -206,7 +205,8 @@ class NameClasses : public ClassSet {
   // A '#' stands before Z when Z is the whole ending (then no other ending
   // shares the signature); the ending shown goes without it.
   std::pair<std::string, std::string> signature(const std::string& ending) const {
-    auto [sig, shown] = wildcardSignature(ending, wildcards_, ending.size(), std::string(1, kOpen), '\n');
+    auto [sig, shown] =
+        wildcardSignature(ending, wildcards_, ending.size(), std::string(1, kOpen), '\n');
     if (!shown.empty() && shown[0] == kOpen) shown.erase(0, 1);
     return {sig, shown};
   }

@@ -197,6 +197,7 @@ using ReadLine = void (*)(std::string_view, std::vector<ListRule>&, std::vector<
 // Every format by its name, in the order of ListFormat.
 constexpr std::pair<std::string_view, ReadLine> kFormats[] = {
     {"hosts", readHosts}, {"domains", readDomains}, {"adblock", readAdblock}};
+static_assert(std::size(kFormats) == static_cast<std::size_t>(ListFormat::kAdblock) + 1);
 
 }  // namespace
 

@@ -264,4 +264,30 @@ TEST(Cidr, DottedFormsMatchTheSscanfModelOnRandomText) {
   EXPECT_GT(accepted, 500);  // the generator reaches the address forms
 }
 
+// A query's destination read once: what the separate steps give (IPv6 expanded, else a dotted
+// quad padded, then the address test and the bits of the result), on addresses, networks, odd
+// dotted text and names.
+TEST(Cidr, CanonicalQueryIsTheStepsInOne) {
+  std::mt19937 rng(5);
+  const char* const fixed[] = {"::1", "::ffff:1.2.3.4", "1::/64", "a.test", "", "face", ":"};
+  for (int i = 0; i < 20000; ++i) {
+    std::string s = i < 7 ? fixed[i] : randomDotted(rng);
+    if (i % 3 == 1) {
+      in6_addr addr;
+      for (auto& byte : addr.s6_addr) byte = static_cast<unsigned char>(rng() % 3 ? 0 : rng());
+      char text[INET6_ADDRSTRLEN];
+      ASSERT_NE(nullptr, inet_ntop(AF_INET6, &addr, text, sizeof text));
+      s = text;
+    }
+    std::string steps;
+    if (!expandIPv6Into(steps, s) && isIPv4Address(s)) expandIpv4AddrInto(steps, s);
+    const bool address = isIPAddress(steps);
+    const std::string bits = address ? convertToBinaryIPAddress(steps) : "";
+    std::string text = "old", oneBits = "old";
+    ASSERT_EQ(address, canonicalQueryInto(text, oneBits, s)) << s;
+    ASSERT_EQ(steps, text) << s;
+    ASSERT_EQ(bits, oneBits) << s;
+  }
+}
+
 }  // namespace

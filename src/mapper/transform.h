@@ -2,7 +2,8 @@
 // through these, so that stored and queried keys compare byte for byte.
 // Application keys are "#" app "$"; destination keys are "#" domain "$", the
 // rule number in decimal and '1' (include) or '0' (anything else). Nothing is
-// escaped or trimmed. Stateless; the *Into variants reuse the caller's buffer.
+// escaped or trimmed. Stateless; the *Into variants reuse the caller's buffer
+// (which the input must not be part of).
 #ifndef TPA_MAPPER_TRANSFORM_H_
 #define TPA_MAPPER_TRANSFORM_H_
 

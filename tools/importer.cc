@@ -20,14 +20,8 @@ constexpr char kNothing[] = "nothing.tpa-import.invalid";
 constexpr char kAnyApp[] = "tpa.import.any-application";
 
 void appendList(std::string& out, const char* key, const std::vector<std::string>& list) {
-  out += ",\n  \"";
-  out += key;
-  out += "\": [";
-  for (std::size_t i = 0; i < list.size(); ++i) {
-    out += i == 0 ? "\n    " : ",\n    ";
-    appendJsonString(out, list[i]);
-  }
-  out += "]";
+  out += ",\n  \"" + std::string(key) + "\": ";
+  appendJsonStringArray(out, list, "\n    ");
 }
 
 // Adds `count` names under ".invalid", which no destination ever has, to

@@ -63,6 +63,7 @@ class MachineIndex {
 struct RuleView {
   std::size_t object = 0;
   std::size_t position = 0;  // 1-based
+  bool repeat = false;       // a copy of an earlier rule (a later top-level array's)
   int number = 0;
   std::vector<const ScannedString*> apps;  // as written; empty means every app
   const ScannedString* id = nullptr;       // first "id" value, if any
@@ -256,8 +257,10 @@ class Linter {
   // --- rules -----------------------------------------------------------------
 
   void collectRules() {
+    std::set<std::size_t> seen;
     for (std::size_t k = 0; k < scan_.rules.size(); ++k) {
       views_.push_back(makeView(scan_.objects[scan_.rules[k]], scan_.rules[k], k + 1));
+      views_.back().repeat = !seen.insert(scan_.rules[k]).second;
     }
   }
 
@@ -286,9 +289,8 @@ class Linter {
   }
 
   void checkRules() {
-    std::set<std::size_t> seen;
     for (const RuleView& view : views_) {
-      if (!seen.insert(view.object).second) continue;
+      if (view.repeat) continue;
       checkId(view);
       checkApps(view);
       checkBothLists(view);
@@ -384,9 +386,8 @@ class Linter {
   void checkMachineWalks() {
     const MachineIndex includeIndex(machineText(true));
     const MachineIndex excludeIndex(machineText(false));
-    std::set<std::size_t> seen;
     for (const RuleView& view : views_) {
-      if (!seen.insert(view.object).second) continue;
+      if (view.repeat) continue;
       for (const std::uint8_t list : {mapper::TPA_DECISION_INCLUDE, mapper::TPA_DECISION_EXCLUDE}) {
         const bool include = list == mapper::TPA_DECISION_INCLUDE;
         for (const Entry& e : include ? view.include : view.exclude) {
@@ -495,9 +496,8 @@ StoredDestination storeDestination(const std::string& written) {
   try {
     std::vector<std::string> one{written};
     parser::sanitize(one);
-    d.sanitized = one[0];
-    mapper::storedDestination(d.sanitized, d.stored);
-    d.network = cidr::isCidrIpAddress(d.sanitized);
+    mapper::storedDestination(one[0], d.stored);
+    d.network = cidr::isCidrIpAddress(one[0]);
     if (d.network == 0) d.network = sanitizedNetworkKind(written);
   } catch (const std::exception& e) {
     d.threw = true;

@@ -124,7 +124,7 @@ int runCheck(const Invocation& invocation) {
   const std::string name = displayName(invocation.rules);
   api::TarnPatternAnalyzer analyzer;
   const Measured measured = measureBuild(analyzer, text);
-  const std::vector<Finding> findings = lintDocument(text);
+  const std::vector<Finding> findings = lintDocument(text, api::Inspect::map(analyzer));
   OutputSink out(STDOUT_FILENO, false);
   const OutputFormat format = invocation.format;
   if (format == OutputFormat::kText) {

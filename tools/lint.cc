@@ -6,13 +6,14 @@
 #include <cstdlib>
 #include <exception>
 #include <map>
+#include <memory>
 #include <set>
 #include <tuple>
 
+#include "api/diagnostics.h"
 #include "cidr/address_bits.h"
 #include "cidr/cidr.h"
 #include "cidr/decimal.h"
-#include "fsa/suffix_automaton.h"
 #include "mapper/map.h"
 #include "mapper/trace_text.h"
 #include "mapper/transform.h"
@@ -42,23 +43,6 @@ struct Entry {
   StoredDestination stored;
 };
 
-// Which strings occur anywhere in one machine's text: the suffix automaton
-// of that text, the same structure the machine searches.
-class MachineIndex {
- public:
-  explicit MachineIndex(const std::string& text) {
-    automaton_.construct(static_cast<int>(text.size()));
-    (void)automaton_.add(text, 0);
-  }
-  [[nodiscard]] bool occurs(const std::string& s) const {
-    fsa::SAStateValue<int> ignored;
-    return automaton_.tryFindFull(s, ignored) == static_cast<int>(s.size());
-  }
-
- private:
-  fsa::SuffixAutomaton<int> automaton_;
-};
-
 // One rule as the builder numbers it.
 struct RuleView {
   std::size_t object = 0;
@@ -73,7 +57,8 @@ struct RuleView {
 
 class Linter {
  public:
-  explicit Linter(const std::string& text) : text_(text), scan_(scanDocument(text)) {}
+  Linter(const std::string& text, const mapper::Map* built)
+      : text_(text), built_(built), scan_(scanDocument(text)) {}
 
   std::vector<Finding> run() {
     findings_ = scan_.findings;
@@ -371,28 +356,22 @@ class Linter {
 
   // --- searches that run into other entries ---------------------------------
 
-  // The keys of one domain machine, every rule's in order, as one text.
-  std::string machineText(bool include) const {
-    std::string text;
-    for (const RuleView& view : views_) {
-      for (const Entry& e : include ? view.include : view.exclude) {
-        text += mapper::transformDomain(e.stored.stored, view.number,
-                                        include ? mapper::TPA_DECISION_INCLUDE : mapper::TPA_DECISION_EXCLUDE);
-      }
-    }
-    return text;
-  }
-
+  // The searches run on the built machines; when the build failed, on those
+  // of the rules read before it failed.
   void checkMachineWalks() {
-    const MachineIndex includeIndex(machineText(true));
-    const MachineIndex excludeIndex(machineText(false));
+    const std::unique_ptr<mapper::Map> read =
+        built_ != nullptr ? nullptr : api::Inspect::mapOfRulesRead(text_);
+    const mapper::Map* map = built_ != nullptr ? built_ : read.get();
+    if (map == nullptr || map->includeMachine() == nullptr) return;
     for (const RuleView& view : views_) {
       if (view.repeat) continue;
       for (const std::uint8_t list : {mapper::TPA_DECISION_INCLUDE, mapper::TPA_DECISION_EXCLUDE}) {
         const bool include = list == mapper::TPA_DECISION_INCLUDE;
+        const machine::Machine& machine =
+            include ? *map->includeMachine() : *map->excludeMachine();
         for (const Entry& e : include ? view.include : view.exclude) {
-          checkNetworkWalk(e, include ? includeIndex : excludeIndex, mapper::decisionName(list));
-          checkWildcardWalk(e, view, list, include ? includeIndex : excludeIndex);
+          checkNetworkWalk(e, machine, mapper::decisionName(list));
+          checkWildcardWalk(e, view, list, machine);
         }
       }
     }
@@ -403,7 +382,7 @@ class Linter {
   // holds the wildcard's tail with one more character before it, names with
   // that character there take the longer tail, and the '*' walk fails.
   void checkWildcardWalk(const Entry& e, const RuleView& view, std::uint8_t flag,
-                         const MachineIndex& machine) {
+                         const machine::Machine& machine) {
     const std::string& name = e.stored.stored;
     if (name.empty() || name[0] != '*' || name.find('*', 1) != std::string::npos) return;
     const std::string tail = mapper::transformDomain(name.substr(1), view.number, flag).substr(1);
@@ -429,7 +408,7 @@ class Linter {
   // The prefix search reads the address bits as far as the machine's text
   // allows and tries only that longest run; a network whose bits continue
   // anywhere in the text loses the addresses that continue the same way.
-  void checkNetworkWalk(const Entry& e, const MachineIndex& machine, const char* list) {
+  void checkNetworkWalk(const Entry& e, const machine::Machine& machine, const char* list) {
     const std::string& bits = e.stored.stored;
     const int width = e.stored.network == 4 ? cidr::kIPv4Bits : cidr::kIPv6Bits;
     if (e.written == nullptr || e.stored.network == 0 || !cidr::isBitString(bits) ||
@@ -450,7 +429,7 @@ class Linter {
   }
 
   // Extends `bits` to where the search stops, choosing a bit the text lacks.
-  static void extendWalk(std::string& bits, const MachineIndex& machine, int width) {
+  static void extendWalk(std::string& bits, const machine::Machine& machine, int width) {
     while (static_cast<int>(bits.size()) < width) {
       const bool zero = machine.occurs(bits + '0');
       const bool one = machine.occurs(bits + '1');
@@ -463,6 +442,7 @@ class Linter {
   }
 
   const std::string& text_;
+  const mapper::Map* built_;  // the document's built map, null when the build failed
   DocumentScan scan_;
   std::vector<Finding> findings_;
   std::vector<RuleView> views_;  // one per rule the parser builds, in its order
@@ -473,7 +453,9 @@ class Linter {
 
 }  // namespace
 
-std::vector<Finding> lintDocument(const std::string& text) { return Linter(text).run(); }
+std::vector<Finding> lintDocument(const std::string& text, const mapper::Map* built) {
+  return Linter(text, built).run();
+}
 
 namespace {
 

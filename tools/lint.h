@@ -15,12 +15,15 @@
 #include <utility>
 #include <vector>
 
+#include "mapper/map.h"
 #include "tools/doc_scan.h"
 
 namespace tpa::tools {
 
-// Every warning for `text` (the document as it is built), sorted by offset.
-[[nodiscard]] std::vector<Finding> lintDocument(const std::string& text);
+// Every warning for `text` (the document as it is built), sorted by offset;
+// `built` is the map the build of `text` made (null when it failed), whose
+// machines show which keys the searches run into.
+[[nodiscard]] std::vector<Finding> lintDocument(const std::string& text, const mapper::Map* built);
 
 // A destination as the map stores it, or why storing it throws.
 struct StoredDestination {

@@ -49,6 +49,19 @@ class ParsedRules : public mapper::RuleSource {
   std::vector<parser::Rule>& rules_;
 };
 
+}  // namespace
+
+int fillMap(parser::JsonParser& parser, const mapper::MachineSizes& sizes,
+            std::unique_ptr<mapper::Map>& map) {
+  auto fresh = std::make_unique<mapper::Map>(kCacheCapacity);
+  ParsedRules rules(parser.getRules());
+  const int result = mapper::fill(*fresh, sizes, rules);
+  if (result == error::TPA_ERROR_NONE) map = std::move(fresh);
+  return result;
+}
+
+namespace {
+
 // The build proper; allocation failure propagates as std::bad_alloc.
 int buildMap(const std::string& source, bool fromFile, std::unique_ptr<mapper::Map>& map) {
   parser::JsonParser parser;
@@ -66,15 +79,11 @@ int buildMap(const std::string& source, bool fromFile, std::unique_ptr<mapper::M
                         result);
     return result;
   }
-  auto fresh = std::make_unique<mapper::Map>(kCacheCapacity);
-  ParsedRules rules(parser.getRules());
-  result = mapper::fill(
-      *fresh,
-      mapper::MachineSizes{parser.grossAppBytesCount(), parser.grossIncludeBytesCount(),
-                           parser.grossExcludeBytesCount()},
-      rules);
+  result = fillMap(parser,
+                   mapper::MachineSizes{parser.grossAppBytesCount(), parser.grossIncludeBytesCount(),
+                                        parser.grossExcludeBytesCount()},
+                   map);
   if (result != error::TPA_ERROR_NONE) return result;
-  map = std::move(fresh);
   parser.clear();
   mapper::releaseFreedMemory();
   return error::TPA_ERROR_NONE;

@@ -244,8 +244,7 @@ void Importer::askBack(ImportOutcome& outcome, api::TarnPatternAnalyzer& analyze
   std::set<std::string> reported, reportedBelow;  // copies: warnings grows below
   for (const ImportWarning& w : outcome.warnings) (w.below ? reportedBelow : reported).insert(w.name);
   const auto alreadySaid = [&](const std::string& name) {
-    return reported.count(name) != 0 ||
-           anyParent(name, [&](std::string_view parent, std::size_t) {
+    return reported.count(name) != 0 || anyParent(name, [&](std::string_view parent, std::size_t) {
              return reportedBelow.count(std::string(parent)) != 0;
            });
   };

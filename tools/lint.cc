@@ -367,8 +367,7 @@ class Linter {
       if (view.repeat) continue;
       for (const std::uint8_t list : {mapper::TPA_DECISION_INCLUDE, mapper::TPA_DECISION_EXCLUDE}) {
         const bool include = list == mapper::TPA_DECISION_INCLUDE;
-        const machine::Machine& machine =
-            include ? *map->includeMachine() : *map->excludeMachine();
+        const machine::Machine& machine = include ? *map->includeMachine() : *map->excludeMachine();
         for (const Entry& e : include ? view.include : view.exclude) {
           checkNetworkWalk(e, machine, mapper::decisionName(list));
           checkWildcardWalk(e, view, list, machine);

@@ -79,10 +79,11 @@ int buildMap(const std::string& source, bool fromFile, std::unique_ptr<mapper::M
                         result);
     return result;
   }
-  result = fillMap(parser,
-                   mapper::MachineSizes{parser.grossAppBytesCount(), parser.grossIncludeBytesCount(),
-                                        parser.grossExcludeBytesCount()},
-                   map);
+  result =
+      fillMap(parser,
+              mapper::MachineSizes{parser.grossAppBytesCount(), parser.grossIncludeBytesCount(),
+                                   parser.grossExcludeBytesCount()},
+              map);
   if (result != error::TPA_ERROR_NONE) return result;
   parser.clear();
   mapper::releaseFreedMemory();

@@ -393,7 +393,6 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   std::fill(std::begin(f.root_), std::end(f.root_), -1);
   f.stateCount_ = static_cast<int>(states);
   f.targetWidth_ = states <= (1 << 24) ? 3 : 4;
-  f.hasEdges_.resize(total);
   f.valued_.resize(total);
   const auto edgesOf = [&](std::size_t s) -> std::size_t {
     const std::uint8_t stored = s < edges.size() ? edges[s] : cloneEdges[s - edges.size()];
@@ -404,15 +403,13 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   };
   std::size_t withEdges = 0;
   for (std::size_t s = 0; s < total; ++s) withEdges += edgesOf(s) > 0 ? 1 : 0;
-  f.edgeStart_.reserve(withEdges + 1);
-  std::size_t edgeCount = 0;
+  f.runIndex_.resize(total, withEdges);
   for (std::size_t s = 0; s < total; ++s) {
-    if (edgesOf(s) == 0) continue;
-    f.hasEdges_.set(s);
-    f.edgeStart_.push_back(static_cast<std::uint32_t>(edgeCount));
-    edgeCount += edgesOf(s);
+    const std::size_t stored = edgesOf(s);
+    if (stored > 0) f.runIndex_.add(s, static_cast<std::uint32_t>(stored));
   }
-  f.edgeStart_.push_back(static_cast<std::uint32_t>(edgeCount));
+  f.runIndex_.seal();
+  const std::size_t edgeCount = f.runIndex_.edges();
   edges = std::vector<std::uint8_t>();
   cloneEdges = std::vector<std::uint8_t>();
   manyEdges = {};
@@ -423,7 +420,6 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
     if (cloneValued[c]) f.valued_.set(static_cast<std::size_t>(n) + 1 + c);
   }
   cloneValued = std::vector<bool>();
-  f.hasEdges_.seal();
   f.valued_.seal();
   f.values_.resize(f.valued_.rank(total));
   releaseFreedMemory();  // the counts
@@ -451,10 +447,9 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
       const ValuedKey& k = keys[keyEnds.rank(static_cast<std::size_t>(e))];
       f.values_[f.valued_.rank(at)] = Value{k.length, k.value};
     }
-    if (!f.hasEdges_.test(at)) return;
-    const std::uint32_t r = f.hasEdges_.rank(at);
-    const std::uint32_t count = f.edgeStart_[r + 1] - f.edgeStart_[r];
-    unsigned char* run = &f.runs_[f.edgeStart_[r] * f.edgeBytes()];
+    std::uint32_t first = 0, count = 0;
+    if (!f.runIndex_.find(at, first, count)) return;
+    unsigned char* run = &f.runs_[first * f.edgeBytes()];
     std::uint32_t k = 0;
     for (std::size_t i = 0; i < node.reaches; ++i) {
       const Reach& reach = node.reach[i];

@@ -26,10 +26,12 @@
 // The tree is walked bottom-up twice over the arrays (Abouelhoda, Kurtz and
 // Ohlebusch's lcp-interval traversal), once to count states, transitions and
 // values, once to place them; a node carries, per BWT character of its
-// interval, the LF images of the first and last occurrence. Memory: the
-// suffix array, LCP array and BWT of R in suffix order (6 bytes per
-// character), per clone 4 bytes, 1 byte per state while counting, and the
-// frozen form; SA-IS's own peak of about 12 bytes per character comes first.
+// interval, the LF images of the first and last occurrence. Both walks read
+// the suffix array and the LCP array front to back only, and the BWT
+// straight from T. Memory: the suffix array of R in 3 bytes per character
+// (4 past 16M characters) and its LCP array in 1, per clone 4 bytes, 1 byte
+// per state while counting, and the frozen form; SA-IS's own peak of about
+// 12 bytes per character comes first.
 // The heap is trimmed between the stages, so that what one frees is not
 // left resident under the next.
 #include <algorithm>
@@ -47,11 +49,15 @@ namespace {
 using Index = std::int32_t;
 
 // What a node's interval holds of one BWT character c: the LF images of its
-// first and last occurrence there, which bound the interval of c + label.
+// first and last occurrence there, which bound the interval of c + label,
+// and the suffix at the first image (the one at the first occurrence, less
+// one), so that the target's state is known without reading the suffix
+// array out of order.
 struct Reach {
   unsigned char c;
   Index lo;
   Index hi;
+  Index loSuffix;
 };
 
 enum class NodeKind { kRoot, kPrefix, kClone };
@@ -65,37 +71,67 @@ struct Node {
   std::size_t reaches;
 };
 
-// R with its suffix array and LCP array, walked bottom-up.
+// The suffix array as the walks read it, front to back: a position in 3
+// bytes while every one fits, else in 4.
+class PackedPositions {
+ public:
+  // Throws std::bad_alloc.
+  explicit PackedPositions(const std::vector<Index>& sa)
+      : width_(sa.size() <= (std::size_t{1} << 24) ? 3 : 4) {
+    bytes_.resize(sa.size() * width_);
+    unsigned char* out = bytes_.data();
+    for (const Index v : sa) {
+      for (unsigned b = 0; b < width_; ++b) {
+        *out++ = static_cast<unsigned char>(static_cast<std::uint32_t>(v) >> (8 * b));
+      }
+    }
+  }
+  Index operator[](std::size_t j) const {
+    const unsigned char* p = &bytes_[j * width_];
+    std::uint32_t v = p[0] | std::uint32_t{p[1]} << 8 | std::uint32_t{p[2]} << 16;
+    if (width_ == 4) v |= std::uint32_t{p[3]} << 24;
+    return static_cast<Index>(v);
+  }
+
+ private:
+  unsigned width_;
+  std::vector<unsigned char> bytes_;  // little-endian, width_ bytes per position
+};
+
+// R with its suffix array and LCP array, walked bottom-up. Reads T (which
+// must outlive it) for the character before each suffix.
 class ReversedTree {
  public:
   explicit ReversedTree(const std::vector<unsigned char>& text)
-      : n_(static_cast<Index>(text.size())), reversed_(text.rbegin(), text.rend()) {
-    sa_ = suffixArray(reversed_.data(), n_);
+      : n_(static_cast<Index>(text.size())), text_(text.data()) {
+    std::vector<unsigned char> reversed(text.rbegin(), text.rend());
+    std::vector<Index> sa = suffixArray(reversed.data(), n_);
     releaseFreedMemory();  // SA-IS's own arrays, before more are made
     // Both walks read the arrays in suffix order: put them in it once.
-    std::vector<Index> plcp = prefixLcp(reversed_.data(), sa_);
-    lcp_.resize(sa_.size());
-    bwt_.resize(sa_.size());
-    for (std::size_t j = 0; j < sa_.size(); ++j) {
-      const Index i = sa_[j];
-      const Index shared = plcp[static_cast<std::size_t>(i)];
+    std::vector<Index> plcp = prefixLcp(reversed.data(), sa);
+    lcp_.resize(sa.size());
+    for (std::size_t j = 0; j < sa.size(); ++j) {
+      const Index shared = plcp[static_cast<std::size_t>(sa[j])];
       lcp_[j] = static_cast<unsigned char>(std::min(shared, kLongLcp));
       if (shared >= kLongLcp) longLcp_.push_back(shared);
-      bwt_[j] = i > 0 ? reversed_[static_cast<std::size_t>(i - 1)] : 0;
     }
-    for (const unsigned char c : reversed_) ++start_[c + 1];
+    for (const unsigned char c : reversed) ++start_[c + 1];
     for (int c = 0; c < 256; ++c) start_[c + 1] += start_[c];
-    first_ = reversed_[static_cast<std::size_t>(n_ - 1)];
-    reversed_ = std::vector<unsigned char>();
+    first_ = text.front();
+    reversed = std::vector<unsigned char>();
     plcp = std::vector<Index>();
+    releaseFreedMemory();
+    sa_ = std::make_unique<PackedPositions>(sa);
+    sa = std::vector<Index>();
     releaseFreedMemory();
   }
 
   Index size() const { return n_; }
-  Index suffixAt(Index j) const { return sa_[static_cast<std::size_t>(j)]; }
-  // The character of T after the prefix whose mirror is the suffix at j
-  // (none, 0, after the whole of T).
-  unsigned char before(Index j) const { return bwt_[static_cast<std::size_t>(j)]; }
+  Index suffixAt(Index j) const { return (*sa_)[static_cast<std::size_t>(j)]; }
+  // The character of T after the prefix whose mirror is the suffix at
+  // `suffix` > 0: R's character before it, read from T rather than kept in
+  // an array of its own.
+  unsigned char before(Index suffix) const { return text_[static_cast<std::size_t>(n_ - suffix)]; }
 
   // Calls visit(const Node&) for every node, children before their parent,
   // the root last. n >= 1.
@@ -108,15 +144,15 @@ class ReversedTree {
     stack_.push_back(Open{0, 0, -1, false, 0});
     // The empty suffix, sorted before all, is followed in R by T's first
     // character: the start state's transition into state 1.
-    add(Reach{first_, start_[first_], start_[first_]});
+    add(Reach{first_, start_[first_], start_[first_], n_ - 1});
     seen[first_] = 1;
     for (Index j = 0; j < n_; ++j) {
       const Index suffix = suffixAt(j);
       const Index next = j + 1 < n_ ? lcp(j + 1) : 0;
-      Reach own{0, -1, -1};
+      Reach own{0, -1, -1, -1};
       if (suffix > 0) {
-        const unsigned char c = before(j);
-        own = Reach{c, start_[c] + seen[c], start_[c] + seen[c]};
+        const unsigned char c = before(suffix);
+        own = Reach{c, start_[c] + seen[c], start_[c] + seen[c], suffix - 1};
         ++seen[c];
       }
       if (next > stack_.back().lcp && n_ - suffix == next) {
@@ -196,7 +232,7 @@ class ReversedTree {
       } else if (i == child || reach_[k].c < reach_[i].c) {
         merged_.push_back(reach_[k++]);
       } else {
-        merged_.push_back(Reach{reach_[i].c, reach_[i].lo, reach_[k].hi});
+        merged_.push_back(Reach{reach_[i].c, reach_[i].lo, reach_[k].hi, reach_[i].loSuffix});
         ++i, ++k;
       }
     }
@@ -205,9 +241,9 @@ class ReversedTree {
   }
 
   Index n_;
-  std::vector<unsigned char> reversed_;  // until the arrays are made
-  unsigned char first_ = 0;              // T's first character
-  std::vector<Index> sa_;
+  const unsigned char* text_;  // T
+  unsigned char first_ = 0;    // T's first character
+  std::unique_ptr<PackedPositions> sa_;
   // The length shared with the suffix sorted before, in suffix order: in a
   // byte, kLongLcp standing for the next of longLcp_ (a domain name's
   // neighbours rarely share more), so that the array costs 1 byte per
@@ -217,7 +253,6 @@ class ReversedTree {
   std::vector<unsigned char> lcp_;
   std::vector<Index> longLcp_;     // the lengths of kLongLcp and more, in suffix order
   std::size_t nextLongLcp_ = 0;    // the walk's next in longLcp_
-  std::vector<unsigned char> bwt_;  // the character before each suffix, in suffix order
   Index start_[257] = {};      // where the suffixes starting with each character begin
   std::vector<Open> stack_;    // the root at the bottom, deeper intervals above
   std::vector<Reach> reach_;   // the open intervals' reaches, bottom to top
@@ -353,7 +388,7 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   const auto prefixState = [n](Index suffix) { return n - suffix; };
 
   // First walk: the clones, and what each state stores.
-  CloneIndex clones(n);
+  auto clones = std::make_unique<CloneIndex>(n);
   std::vector<bool> cloneValued;
   // Stored transitions per state: the prefix states', then the clones' as
   // found, in a byte each while they last, kManyEdges standing for the count
@@ -377,13 +412,13 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
       edges[static_cast<std::size_t>(state)] = count(state, stored);
       return;
     }
-    cloneEdges.push_back(count(n + 1 + clones.count(), stored));
-    clones.add(node.lb, node.rb);
+    cloneEdges.push_back(count(n + 1 + clones->count(), stored));
+    clones->add(node.lb, node.rb);
     cloneValued.push_back(valuedAt(firstEnd(node)));
   });
-  clones.seal();
+  clones->seal();
   std::sort(manyEdges.begin(), manyEdges.end());
-  states = 1 + static_cast<std::int64_t>(n) + static_cast<std::int64_t>(clones.count());
+  states = 1 + static_cast<std::int64_t>(n) + static_cast<std::int64_t>(clones->count());
   if (states > maxStates) return nullptr;
 
   // The layout: which states have runs and values, and where each run starts.
@@ -425,10 +460,9 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   releaseFreedMemory();  // the counts
 
   // Second walk: values and transitions in place.
-  const auto stateOf = [&](Index lb, Index rb) {
-    if (lb == rb) return prefixState(tree->suffixAt(lb));
-    const Index clone = clones.find(lb, rb);
-    return clone >= 0 ? clone : prefixState(tree->suffixAt(lb));
+  const auto stateOf = [&](const Reach& r) {
+    const Index clone = r.lo == r.hi ? -1 : clones->find(r.lo, r.hi);
+    return clone >= 0 ? clone : prefixState(r.loSuffix);
   };
   Index nextClone = n + 1;  // in the first walk's order
   tree->walk([&](const Node& node) {
@@ -437,7 +471,7 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
                                                      : nextClone++;
     if (node.kind == NodeKind::kRoot) {
       for (std::size_t k = 0; k < node.reaches; ++k) {
-        f.root_[node.reach[k].c] = stateOf(node.reach[k].lo, node.reach[k].hi);
+        f.root_[node.reach[k].c] = stateOf(node.reach[k]);
       }
       return;
     }
@@ -456,7 +490,7 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
       if (node.kind == NodeKind::kPrefix && s < n && reach.c == text[static_cast<std::size_t>(s)]) {
         continue;  // read from the text
       }
-      const auto target = static_cast<std::uint32_t>(stateOf(reach.lo, reach.hi));
+      const auto target = static_cast<std::uint32_t>(stateOf(reach));
       run[k] = reach.c;
       for (unsigned b = 0; b < f.targetWidth_; ++b) {
         run[count + k * f.targetWidth_ + b] = static_cast<unsigned char>(target >> (8 * b));
@@ -465,7 +499,14 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
     }
   });
 
-  tree.reset();  // before the key indexes are made
+  // The walks' arrays go before the key indexes are made, and their memory
+  // back to the system: the heap they lie in may be ordinary heap, not
+  // blocks of their own, once the C library has raised its mmap threshold
+  // past their size.
+  tree.reset();
+  clones.reset();
+  keyEnds = RankedBits();
+  releaseFreedMemory();
   f.text_ = std::move(text);
   text = std::vector<unsigned char>();
   // Only now, not to be held beside the arrays of the walks.

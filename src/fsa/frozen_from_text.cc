@@ -132,6 +132,12 @@ class ReversedTree {
   // `suffix` > 0: R's character before it, read from T rather than kept in
   // an array of its own.
   unsigned char before(Index suffix) const { return text_[static_cast<std::size_t>(n_ - suffix)]; }
+  // Those reads are all over T, which a large document's caches do not
+  // hold: each is asked for kAhead suffixes before it is made.
+  static constexpr Index kAhead = 32;
+  void prefetchBefore(Index suffix) const {
+    __builtin_prefetch(text_ + static_cast<std::size_t>(n_ - suffix));
+  }
 
   // Calls visit(const Node&) for every node, children before their parent,
   // the root last. n >= 1.
@@ -147,6 +153,7 @@ class ReversedTree {
     add(Reach{first_, start_[first_], start_[first_], n_ - 1});
     seen[first_] = 1;
     for (Index j = 0; j < n_; ++j) {
+      if (j + kAhead < n_) prefetchBefore(suffixAt(j + kAhead));
       const Index suffix = suffixAt(j);
       const Index next = j + 1 < n_ ? lcp(j + 1) : 0;
       Reach own{0, -1, -1, -1};

@@ -11,13 +11,13 @@
 #include <unordered_map>
 #include <vector>
 
-#include "api/analyzer.h"
 #include "hash_matcher.h"
 #include "marisa_matcher.h"
 #include "parser/json_parser.h"
 #include "peer_common.h"
 #include "peer_io.h"
 #include "peer_tables.h"
+#include "tpa/api/analyzer.h"
 #include "workload.h"
 
 namespace tpa::bench {

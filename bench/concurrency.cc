@@ -25,8 +25,8 @@
 #include <thread>
 #include <vector>
 
-#include "api/analyzer.h"
 #include "fixtures.h"
+#include "tpa/api/analyzer.h"
 #include "workload.h"
 
 namespace tpa::bench {

@@ -12,10 +12,10 @@
 #include <memory>
 #include <string>
 
-#include "api/analyzer.h"
 #include "hash_matcher.h"
 #include "marisa_matcher.h"
 #include "naive_reference.h"
+#include "tpa/api/analyzer.h"
 #include "workload.h"
 
 namespace tpa::bench {

@@ -1,10 +1,10 @@
 #include "naive_reference.h"
 
-#include "api/constants.h"
 #include "cidr/cidr.h"
 #include "mapper/transform.h"
 #include "parser/json_parser.h"
 #include "parser/rule.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::bench {
 

@@ -10,8 +10,8 @@
 #include <memory>
 #include <string>
 
-#include "api/analyzer.h"
 #include "fixtures.h"
+#include "tpa/api/analyzer.h"
 
 namespace tpa::bench {
 

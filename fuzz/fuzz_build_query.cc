@@ -15,9 +15,9 @@
 #include <utility>
 #include <vector>
 
-#include "api/analyzer.h"
-#include "api/constants.h"
 #include "fuzz_support.h"
+#include "tpa/api/analyzer.h"
+#include "tpa/api/constants.h"
 
 namespace {
 

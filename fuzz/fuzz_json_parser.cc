@@ -8,9 +8,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "api/constants.h"
 #include "fuzz_support.h"
 #include "parser/json_parser.h"
+#include "tpa/api/constants.h"
 
 namespace {
 

@@ -6,6 +6,7 @@
 #                       the tool links it, the library does not
 #   iptables, iproute2  the socket helpers' JVM tests: loopback up and a
 #                       redirected connection in a private network namespace
+#   pkgconf             the installed-package test's build without CMake
 # Everything else (compilers, CMake, Ninja, GoogleTest, Google Benchmark,
 # OpenJDK) is part of the machine image.
 set -euo pipefail
@@ -19,6 +20,7 @@ dpkg -s "libmarisa-dev:$arch" >/dev/null 2>&1 || need+=("libmarisa-dev:$arch")
 dpkg -s "libidn2-dev:$arch" >/dev/null 2>&1 || need+=("libidn2-dev:$arch")
 command -v iptables >/dev/null 2>&1 || dpkg -s iptables >/dev/null 2>&1 || need+=(iptables)
 command -v ip >/dev/null 2>&1 || dpkg -s iproute2 >/dev/null 2>&1 || need+=(iproute2)
+command -v pkg-config >/dev/null 2>&1 || need+=(pkgconf)
 
 [ ${#need[@]} -eq 0 ] && exit 0
 

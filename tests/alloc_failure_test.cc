@@ -21,9 +21,9 @@
 #include <utility>
 #include <vector>
 
-#include "api/analyzer.h"
-#include "api/constants.h"
 #include "machine/fsm.h"
+#include "tpa/api/analyzer.h"
+#include "tpa/api/constants.h"
 
 extern "C" void* __real_calloc(std::size_t count, std::size_t size);
 extern "C" void* __real_realloc(void* p, std::size_t size);

@@ -14,16 +14,16 @@
 #include <utility>
 #include <vector>
 
-#include "api/analyzer.h"
-#include "api/constants.h"
 #include "api/diagnostics.h"
-#include "api/log.h"
+#include "base/log.h"
 #include "mapper/map.h"
 #include "mapper/trace.h"
 #include "parser/json_parser.h"
 #include "parser/rule.h"
 #include "testing/facade.h"
 #include "testing/log_capture.h"
+#include "tpa/api/analyzer.h"
+#include "tpa/api/constants.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "api/constants.h"
 #include "json/dawg.h"
 #include "json/json_object.h"
 #include "testing/log_capture.h"
+#include "tpa/api/constants.h"
 
 namespace {
 

@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "api/constants.h"
 #include "json/json_object.h"
 #include "parser/json_parser.h"
 #include "parser/rule.h"
 #include "testing/log_capture.h"
+#include "tpa/api/constants.h"
 
 namespace {
 

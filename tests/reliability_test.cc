@@ -13,11 +13,11 @@
 #include <utility>
 #include <vector>
 
-#include "api/analyzer.h"
-#include "api/constants.h"
 #include "gtest/gtest.h"
 #include "testing/facade.h"
 #include "testing/log_capture.h"
+#include "tpa/api/analyzer.h"
+#include "tpa/api/constants.h"
 
 namespace {
 

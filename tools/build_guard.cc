@@ -6,9 +6,9 @@
 #include <stdexcept>
 #include <tuple>
 
-#include "api/constants.h"
 #include "tools/cli.h"
 #include "tools/lint.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 

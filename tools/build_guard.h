@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "api/analyzer.h"
+#include "tpa/api/analyzer.h"
 
 namespace tpa::tools {
 

@@ -1,8 +1,8 @@
 #include "tools/built_document.h"
 
-#include "api/constants.h"
 #include "tools/build_guard.h"
 #include "tools/cli.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 

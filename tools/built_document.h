@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "api/analyzer.h"
 #include "parser/json_parser.h"
 #include "parser/rule.h"
+#include "tpa/api/analyzer.h"
 
 namespace tpa::tools {
 

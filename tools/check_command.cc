@@ -5,9 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "api/analyzer.h"
 #include "api/diagnostics.h"
-#include "api/constants.h"
 #include "mapper/map.h"
 #include "parser/json_parser.h"
 #include "tools/alloc_meter.h"
@@ -17,6 +15,8 @@
 #include "tools/line_io.h"
 #include "tools/lint.h"
 #include "tools/output_format.h"
+#include "tpa/api/analyzer.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

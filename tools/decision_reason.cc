@@ -1,8 +1,8 @@
 #include "tools/decision_reason.h"
 
-#include "api/constants.h"
 #include "tools/built_document.h"
 #include "tools/doc_scan.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

@@ -17,8 +17,6 @@
 #include <utility>
 #include <vector>
 
-#include "api/analyzer.h"
-#include "api/constants.h"
 #include "api/diagnostics.h"
 #include "mapper/trace.h"
 #include "parser/rule.h"
@@ -32,6 +30,8 @@
 #include "tools/line_io.h"
 #include "tools/lint.h"
 #include "tools/output_format.h"
+#include "tpa/api/analyzer.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

@@ -16,13 +16,13 @@
 #include <string_view>
 #include <vector>
 
-#include "api/constants.h"
 #include "tools/cli.h"
 #include "tools/commands.h"
 #include "tools/doc_scan.h"
 #include "tools/importer.h"
 #include "tools/line_io.h"
 #include "tools/output_format.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

@@ -4,10 +4,10 @@
 #include <unordered_set>
 #include <utility>
 
-#include "api/constants.h"
 #include "tools/build_guard.h"
 #include "tools/doc_scan.h"
 #include "tools/json_escape.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

@@ -15,9 +15,9 @@
 #include <utility>
 #include <vector>
 
-#include "api/analyzer.h"
 #include "tools/list_formats.h"
 #include "tools/list_meaning.h"
+#include "tpa/api/analyzer.h"
 
 namespace tpa::tools {
 

@@ -11,13 +11,13 @@
 #include <set>
 #include <tuple>
 
-#include "api/constants.h"
 #include "cidr/cidr.h"
 #include "cidr/decimal.h"
 #include "fsa/suffix_automaton.h"
 #include "mapper/map.h"
 #include "mapper/transform.h"
 #include "parser/rule.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

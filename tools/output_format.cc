@@ -3,9 +3,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "api/constants.h"
 #include "tools/json_escape.h"
 #include "tools/lint.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

@@ -5,12 +5,12 @@
 #include <cstdio>
 #include <string>
 
-#include "api/analyzer.h"
-#include "api/constants.h"
 #include "tools/build_guard.h"
 #include "tools/commands.h"
 #include "tools/line_io.h"
 #include "tools/output_format.h"
+#include "tpa/api/analyzer.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

@@ -3,8 +3,6 @@
 
 #include <string>
 
-#include "api/analyzer.h"
-#include "api/constants.h"
 #include "parser/json_parser.h"
 #include "tools/build_guard.h"
 #include "tools/built_document.h"
@@ -12,6 +10,8 @@
 #include "tools/json_escape.h"
 #include "tools/line_io.h"
 #include "tools/output_format.h"
+#include "tpa/api/analyzer.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {

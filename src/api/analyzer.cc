@@ -1,4 +1,4 @@
-#include "api/analyzer.h"
+#include "tpa/api/analyzer.h"
 
 #include <android/log.h>
 
@@ -14,14 +14,14 @@
 #include <utility>
 #include <vector>
 
-#include "api/constants.h"
 #include "api/diagnostics.h"
-#include "api/log.h"
-#include "api/publication.h"
+#include "api/facade.h"
+#include "base/log.h"
 #include "mapper/decision.h"
 #include "mapper/map.h"
 #include "parser/json_parser.h"
 #include "parser/rule.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::api {
 
@@ -247,17 +247,12 @@ int Builder::build(const std::string& source, bool fromFile) {
 }
 
 int Builder::query(const std::string& app, const std::string& destination, int& value) const {
-  return Inspect::query(*this, app, destination, value, nullptr);
+  return answer(map.get(), app, destination, value, nullptr);
 }
 
 void Builder::clearCache() {
   if (map) map->clearCache();
 }
-
-struct TarnPatternAnalyzer::Shared {
-  Publication published;
-  BuildTurns builds;
-};
 
 TarnPatternAnalyzer::TarnPatternAnalyzer() : shared(std::make_unique<Shared>()) {}
 
@@ -306,37 +301,8 @@ int TarnPatternAnalyzer::validate(std::string& text) {
 }
 
 int TarnPatternAnalyzer::query(const std::string& app, const std::string& destination, int& value) {
-  return Inspect::query(*this, app, destination, value, nullptr);
-}
-
-namespace {
-
-// The facade's answer from `map`: exclude, value untouched, without one.
-int answer(const mapper::Map* map, const std::string& app, const std::string& destination,
-           int& value, mapper::QueryTrace* trace) {
-  if (map == nullptr) return mapper::TPA_DECISION_EXCLUDE;
-  const mapper::Decision decision = map->get(app, destination, trace);
-  value = decision.value;
-  return decision.decision;
-}
-
-}  // namespace
-
-const mapper::Map* Inspect::map(const Builder& builder) { return builder.map.get(); }
-
-const mapper::Map* Inspect::map(const TarnPatternAnalyzer& analyzer) {
-  return analyzer.shared->published.current();
-}
-
-int Inspect::query(const Builder& builder, const std::string& app, const std::string& destination,
-                   int& value, mapper::QueryTrace* trace) {
-  return answer(builder.map.get(), app, destination, value, trace);
-}
-
-int Inspect::query(TarnPatternAnalyzer& analyzer, const std::string& app,
-                   const std::string& destination, int& value, mapper::QueryTrace* trace) {
-  const Publication::Reading reading(analyzer.shared->published);
-  return answer(reading.map(), app, destination, value, trace);
+  const Publication::Reading reading(shared->published);
+  return answer(reading.map(), app, destination, value, nullptr);
 }
 
 void Inspect::setTwoThreadMinimum(long long symbols) {

@@ -9,8 +9,8 @@
 
 #include <string>
 
-#include "api/analyzer.h"
 #include "mapper/trace.h"
+#include "tpa/api/analyzer.h"
 
 namespace tpa::api {
 

@@ -28,11 +28,11 @@
 #include <type_traits>
 #include <vector>
 
-#include "api/constants.h"
-#include "api/log.h"
+#include "base/log.h"
 #include "fsa/compact_transitions.h"
 #include "fsa/frozen_automaton.h"
 #include "fsa/pod_array.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::fsa {
 

@@ -5,7 +5,7 @@
 #include <new>
 #include <string>
 
-#include "api/log.h"
+#include "base/log.h"
 
 namespace android {
 

@@ -9,9 +9,9 @@
 #include <optional>
 #include <string>
 
-#include "api/analyzer.h"
-#include "api/constants.h"
-#include "api/log.h"
+#include "base/log.h"
+#include "tpa/api/analyzer.h"
+#include "tpa/api/constants.h"
 
 namespace android {
 

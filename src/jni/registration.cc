@@ -4,7 +4,7 @@
 
 #include <cstddef>
 
-#include "api/log.h"
+#include "base/log.h"
 #include "jni/jni_help.h"
 #include "jni/native_handler.h"
 #include "jni/socket_helpers.h"

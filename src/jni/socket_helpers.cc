@@ -8,7 +8,7 @@
 
 #include <cstdio>
 
-#include "api/log.h"
+#include "base/log.h"
 #include "netd_client.h"
 
 namespace android {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "api/constants.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::json_config {
 namespace {

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <exception>
 
-#include "api/constants.h"
-#include "api/log.h"
+#include "base/log.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::json_config {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "api/log.h"
+#include "base/log.h"
 
 namespace tpa::json_config {
 

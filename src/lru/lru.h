@@ -21,7 +21,7 @@
 #include <unordered_map>
 #include <utility>
 
-#include "api/constants.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::lru {
 

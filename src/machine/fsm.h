@@ -14,9 +14,9 @@
 #include <string>
 #include <utility>
 
-#include "api/constants.h"
 #include "fsa/suffix_automaton.h"
 #include "lru/lru.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::machine {
 

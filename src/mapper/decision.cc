@@ -5,10 +5,10 @@
 #include <new>
 #include <string_view>
 
-#include "api/constants.h"
 #include "cidr/cidr.h"
 #include "mapper/trace.h"
 #include "mapper/transform.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::mapper {
 

@@ -9,11 +9,11 @@
 #include <new>
 #include <optional>
 
-#include "api/constants.h"
-#include "api/log.h"
+#include "base/log.h"
 #include "cidr/cidr.h"
 #include "mapper/trace.h"
 #include "mapper/transform.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::mapper {
 

@@ -3,7 +3,7 @@
 #include <charconv>
 #include <limits>
 
-#include "api/constants.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::mapper {
 

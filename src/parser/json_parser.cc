@@ -4,7 +4,7 @@
 #include <cmath>
 #include <fstream>
 
-#include "api/constants.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::parser {
 namespace {

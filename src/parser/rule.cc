@@ -2,9 +2,9 @@
 
 #include <climits>
 
-#include "api/constants.h"
 #include "cidr/cidr.h"
 #include "cidr/decimal.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::parser {
 namespace {

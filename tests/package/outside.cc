@@ -1,9 +1,10 @@
 // Builds rules and queries them through the installed facade only.
 #include <cstdio>
+#include <cstring>
 
-#include "api/analyzer.h"
-#include "api/constants.h"
-#include "api/log_message.h"
+#include "tpa/api/analyzer.h"
+#include "tpa/api/constants.h"
+#include "tpa/api/log_message.h"
 
 int main() {
   tpa::api::TarnPatternAnalyzer analyzer;
@@ -11,6 +12,8 @@ int main() {
       tpa::error::TPA_ERROR_NONE) {
     return 1;
   }
+  const int failed = analyzer.build("/no/such/rules.json", true);
+  if (std::strcmp(tpa::error::name(failed), "TPA_ERROR_JSON_FILE_NOT_FOUND") != 0) return 1;
   int value = -1;
   const int decision = analyzer.query("a", "x.test", value);
   LOG_message(0, nullptr, "decision %d value %d\n", decision, value);

@@ -10,9 +10,9 @@
 #include <string>
 #include <utility>
 
-#include "api/analyzer.h"
 #include "api/diagnostics.h"
 #include "mapper/trace.h"
+#include "tpa/api/analyzer.h"
 
 namespace tpa::testing {
 

@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "api/analyzer.h"
 #include "run_tool.h"
 #include "tools/importer.h"
+#include "tpa/api/analyzer.h"
 
 namespace tpa::testing {
 namespace {

@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "api/analyzer.h"
 #include "run_tool.h"
+#include "tpa/api/analyzer.h"
 
 namespace tpa::testing {
 namespace {

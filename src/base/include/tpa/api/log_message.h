@@ -4,7 +4,7 @@
 #ifndef TPA_API_LOG_MESSAGE_H_
 #define TPA_API_LOG_MESSAGE_H_
 
-#include "api/export.h"
+#include "tpa/api/export.h"
 
 // Prints `format` with its arguments to standard output, exactly as given: no
 // prefix, tag or line end. The first two arguments are ignored. Returns what

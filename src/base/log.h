@@ -5,9 +5,9 @@
 //   kNativeTag    JNI entry points and socket helpers (3, 6)
 //   kJniHelpTag   native-method registration (7)
 // A format that ends in "%s" is given kLineEnd for it. liblog is thread-safe.
-// Internal: the installed headers carry only LOG_message (api/log_message.h).
-#ifndef TPA_API_LOG_H_
-#define TPA_API_LOG_H_
+// Internal: the installed headers carry only LOG_message (tpa/api/log_message.h).
+#ifndef TPA_BASE_LOG_H_
+#define TPA_BASE_LOG_H_
 
 #include <android/log.h>
 
@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "api/log_message.h"
+#include "tpa/api/log_message.h"
 
 namespace tpa::log {
 
@@ -78,4 +78,4 @@ void report(const char* file, int line, const char* function, const char* reason
 // Contract report signed by the calling source file.
 #define TPA_REPORT(line, function, reason) ::tpa::log::report(__FILE__, line, function, reason)
 
-#endif  // TPA_API_LOG_H_
+#endif  // TPA_BASE_LOG_H_

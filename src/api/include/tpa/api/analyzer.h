@@ -14,7 +14,7 @@
 #include <memory>
 #include <string>
 
-#include "api/export.h"
+#include "tpa/api/export.h"
 
 namespace tpa::mapper {
 class Map;

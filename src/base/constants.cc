@@ -1,4 +1,4 @@
-#include "api/constants.h"
+#include "tpa/api/constants.h"
 
 namespace tpa {
 

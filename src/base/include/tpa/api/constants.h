@@ -10,7 +10,7 @@
 
 #include <cstdint>
 
-#include "api/export.h"
+#include "tpa/api/export.h"
 
 namespace tpa {
 
@@ -24,8 +24,8 @@ TPA_EXPORT extern const int TPA_ERROR_KEY_NOT_FOUND;         // -5 cache miss
 TPA_EXPORT extern const int TPA_ERROR_JSON_FILE_NOT_FOUND;   // -6 unreadable file
 
 // The name of a code ("TPA_ERROR_OOM"), or "TPA_ERROR_UNKNOWN" for any other
-// value. Used by diagnostics only.
-const char* name(int code);
+// value, for messages and diagnostics.
+TPA_EXPORT const char* name(int code);
 }  // namespace error
 
 namespace sigma::sentinel {

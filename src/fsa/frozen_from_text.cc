@@ -69,6 +69,10 @@ struct Node {
   Index maxSuffix;  // the largest suffix position of R in it (its first end in T, mirrored)
   const Reach* reach;  // per character, in character order
   std::size_t reaches;
+  // A leaf's (lb == rb) longest LCP with its neighbours, its parent's depth:
+  // its prefix of T is the only occurrence of each of its suffixes longer
+  // than this. 0 for the other nodes.
+  Index leafParentDepth = 0;
 };
 
 // The suffix array as the walks read it, front to back: a position in 3
@@ -152,10 +156,13 @@ class ReversedTree {
     // character: the start state's transition into state 1.
     add(Reach{first_, start_[first_], start_[first_], n_ - 1});
     seen[first_] = 1;
+    Index previous = 0;  // lcp(j)
     for (Index j = 0; j < n_; ++j) {
       if (j + kAhead < n_) prefetchBefore(suffixAt(j + kAhead));
       const Index suffix = suffixAt(j);
       const Index next = j + 1 < n_ ? lcp(j + 1) : 0;
+      const Index shared = std::max(previous, next);
+      previous = next;
       Reach own{0, -1, -1, -1};
       if (suffix > 0) {
         const unsigned char c = before(suffix);
@@ -169,7 +176,7 @@ class ReversedTree {
         continue;
       }
       if (next > stack_.back().lcp) stack_.push_back(Open{next, j, -1, false, reach_.size()});
-      visit(Node{NodeKind::kPrefix, j, j, suffix, &own, own.lo >= 0 ? 1u : 0u});
+      visit(Node{NodeKind::kPrefix, j, j, suffix, &own, own.lo >= 0 ? 1u : 0u, shared});
       stack_.back().maxSuffix = std::max(stack_.back().maxSuffix, suffix);
       if (own.lo >= 0) add(own);
       close(next, j, visit);
@@ -359,12 +366,15 @@ class CloneIndex {
 };
 
 // The keys proper: a value given by extend alone may claim no length, or
-// more than the text before it. Throws std::bad_alloc.
+// more than the text before it.
+bool isStored(const ValuedKey& k) { return k.length > 0 && k.length <= k.end + 1; }
+
+// Those keys. Throws std::bad_alloc.
 std::vector<StoredKey> storedKeys(const std::vector<ValuedKey>& keys) {
   std::vector<StoredKey> stored;
   stored.reserve(keys.size());
   for (const ValuedKey& k : keys) {
-    if (k.length > 0 && k.length <= k.end + 1) stored.push_back(StoredKey{k.end, k.length});
+    if (isStored(k)) stored.push_back(StoredKey{k.end, k.length});
   }
   return stored;
 }
@@ -472,6 +482,9 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
     return clone >= 0 ? clone : prefixState(r.loSuffix);
   };
   Index nextClone = n + 1;  // in the first walk's order
+  // Per key: it occurs nowhere else in T, so that its state carries it and a
+  // full lookup finds it whole without a walk.
+  std::vector<bool> onlyCopy(keys.size());
   tree->walk([&](const Node& node) {
     const Index s = node.kind == NodeKind::kRoot     ? 0
                     : node.kind == NodeKind::kPrefix ? prefixState(node.maxSuffix)
@@ -485,8 +498,10 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
     const auto at = static_cast<std::size_t>(s);
     if (f.valued_.test(at)) {
       const Index e = firstEnd(node);
-      const ValuedKey& k = keys[keyEnds.rank(static_cast<std::size_t>(e))];
+      const std::uint32_t key = keyEnds.rank(static_cast<std::size_t>(e));
+      const ValuedKey& k = keys[key];
       f.values_[f.valued_.rank(at)] = Value{k.length, k.value};
+      if (node.lb == node.rb && k.length > node.leafParentDepth) onlyCopy[key] = true;
     }
     std::uint32_t first = 0, count = 0;
     if (!f.runIndex_.find(at, first, count)) return;
@@ -518,15 +533,20 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   text = std::vector<unsigned char>();
   // Only now, not to be held beside the arrays of the walks.
   const std::vector<StoredKey> stored = storedKeys(keys);
-  // A key is found whole when its first copy ends in a state of its length.
+  // A key is found whole when its first copy ends in a state of its length:
+  // one that occurs once is; another is looked up.
   std::vector<StoredKey> whole;
-  for (const StoredKey& k : stored) {
+  for (std::size_t i = 0, next = 0; i < keys.size(); ++i) {
+    if (!isStored(keys[i])) continue;
+    const StoredKey& k = stored[next++];
     Value v;
     const char* key = reinterpret_cast<const char*>(f.text_.data()) + (k.end + 1 - k.length);
-    if (f.tryFindFull(key, k.length, v) == k.length && v.storedKeyLength == k.length) {
+    if (onlyCopy[i] ||
+        (f.tryFindFull(key, k.length, v) == k.length && v.storedKeyLength == k.length)) {
       whole.push_back(k);
     }
   }
+  onlyCopy = std::vector<bool>();
   f.indexKeys(stored, whole);
   return frozen;
 }

@@ -28,10 +28,10 @@
 // values, once to place them; a node carries, per BWT character of its
 // interval, the LF images of the first and last occurrence. Both walks read
 // the suffix array and the LCP array front to back only, and the BWT
-// straight from T. Memory: the suffix array of R in 3 bytes per character
-// (4 past 16M characters) and its LCP array in 1, per clone 4 bytes, 1 byte
-// per state while counting, and the frozen form; SA-IS's own peak of about
-// 12 bytes per character comes first.
+// straight from T. Memory: the suffix array of R in log2(n) bits per
+// character (21 at 2M characters) and its LCP array in 1 byte, per clone 4
+// bytes, 1 byte per state while counting, and the frozen form; SA-IS's own
+// peak of about 12 bytes per character comes first.
 // The heap is trimmed between the stages, so that what one frees is not
 // left resident under the next.
 #include <algorithm>
@@ -75,31 +75,32 @@ struct Node {
   Index leafParentDepth = 0;
 };
 
-// The suffix array as the walks read it, front to back: a position in 3
-// bytes while every one fits, else in 4.
+// The suffix array as the walks read it, front to back: each position in
+// as many bits as the largest needs (21 for 2M characters, 25 for 32M).
 class PackedPositions {
  public:
   // Throws std::bad_alloc.
-  explicit PackedPositions(const std::vector<Index>& sa)
-      : width_(sa.size() <= (std::size_t{1} << 24) ? 3 : 4) {
-    bytes_.resize(sa.size() * width_);
-    unsigned char* out = bytes_.data();
+  explicit PackedPositions(const std::vector<Index>& sa) {
+    while (width_ < 31 && (std::size_t{1} << width_) < sa.size()) ++width_;
+    words_.assign((sa.size() * width_ + 63) / 64 + 1, 0);  // one spare: get reads a pair
+    std::size_t bit = 0;
     for (const Index v : sa) {
-      for (unsigned b = 0; b < width_; ++b) {
-        *out++ = static_cast<unsigned char>(static_cast<std::uint32_t>(v) >> (8 * b));
-      }
+      const auto value = static_cast<std::uint64_t>(v);
+      words_[bit / 64] |= value << (bit % 64);
+      if (bit % 64 + width_ > 64) words_[bit / 64 + 1] |= value >> (64 - bit % 64);
+      bit += width_;
     }
   }
   Index operator[](std::size_t j) const {
-    const unsigned char* p = &bytes_[j * width_];
-    std::uint32_t v = p[0] | std::uint32_t{p[1]} << 8 | std::uint32_t{p[2]} << 16;
-    if (width_ == 4) v |= std::uint32_t{p[3]} << 24;
-    return static_cast<Index>(v);
+    const std::size_t bit = j * width_;
+    std::uint64_t v = words_[bit / 64] >> (bit % 64);
+    if (bit % 64 + width_ > 64) v |= words_[bit / 64 + 1] << (64 - bit % 64);
+    return static_cast<Index>(v & ((std::uint64_t{1} << width_) - 1));
   }
 
  private:
-  unsigned width_;
-  std::vector<unsigned char> bytes_;  // little-endian, width_ bytes per position
+  unsigned width_ = 1;
+  std::vector<std::uint64_t> words_;  // position j at bits [j * width_, (j + 1) * width_)
 };
 
 // R with its suffix array and LCP array, walked bottom-up. Reads T (which

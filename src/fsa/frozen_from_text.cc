@@ -145,9 +145,10 @@ class ReversedTree {
   }
 
   // Calls visit(const Node&) for every node, children before their parent,
-  // the root last. n >= 1.
-  template <typename Visit>
-  void walk(Visit visit) {
+  // the root last, and ahead(suffix) kAhead suffixes before the leaf of
+  // `suffix` is visited (for the visitor's own reads by leaf). n >= 1.
+  template <typename Visit, typename Ahead>
+  void walk(Visit visit, Ahead ahead) {
     Index seen[256] = {};
     nextLongLcp_ = 0;
     stack_.clear();
@@ -159,7 +160,11 @@ class ReversedTree {
     seen[first_] = 1;
     Index previous = 0;  // lcp(j)
     for (Index j = 0; j < n_; ++j) {
-      if (j + kAhead < n_) prefetchBefore(suffixAt(j + kAhead));
+      if (j + kAhead < n_) {
+        const Index later = suffixAt(j + kAhead);
+        prefetchBefore(later);
+        ahead(later);
+      }
       const Index suffix = suffixAt(j);
       const Index next = j + 1 < n_ ? lcp(j + 1) : 0;
       const Index shared = std::max(previous, next);
@@ -402,7 +407,8 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   const auto valuedAt = [&](Index e) { return keyEnds.test(static_cast<std::size_t>(e)); };
 
   auto tree = std::make_unique<ReversedTree>(text);
-  const auto firstEnd = [n](const Node& node) { return n - 1 - node.maxSuffix; };
+  const auto firstEndOf = [n](Index suffix) { return n - 1 - suffix; };
+  const auto firstEnd = [&](const Node& node) { return firstEndOf(node.maxSuffix); };
   const auto prefixState = [n](Index suffix) { return n - suffix; };
 
   // First walk: the clones, and what each state stores.
@@ -420,7 +426,7 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
     manyEdges.emplace_back(state, static_cast<std::uint16_t>(stored));
     return kManyEdges;
   };
-  tree->walk([&](const Node& node) {
+  const auto counting = [&](const Node& node) {
     if (node.kind == NodeKind::kRoot) return;
     // A prefix state's transition on the next character of T is the text's.
     const std::size_t fromText = node.kind == NodeKind::kPrefix && node.maxSuffix > 0 ? 1 : 0;
@@ -433,7 +439,8 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
     cloneEdges.push_back(count(n + 1 + clones->count(), stored));
     clones->add(node.lb, node.rb);
     cloneValued.push_back(valuedAt(firstEnd(node)));
-  });
+  };
+  tree->walk(counting, [](Index) {});  // nothing read by leaf
   clones->seal();
   std::sort(manyEdges.begin(), manyEdges.end());
   states = 1 + static_cast<std::int64_t>(n) + static_cast<std::int64_t>(clones->count());
@@ -486,7 +493,7 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   // Per key: it occurs nowhere else in T, so that its state carries it and a
   // full lookup finds it whole without a walk.
   std::vector<bool> onlyCopy(keys.size());
-  tree->walk([&](const Node& node) {
+  const auto placing = [&](const Node& node) {
     const Index s = node.kind == NodeKind::kRoot     ? 0
                     : node.kind == NodeKind::kPrefix ? prefixState(node.maxSuffix)
                                                      : nextClone++;
@@ -497,12 +504,18 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
       return;
     }
     const auto at = static_cast<std::size_t>(s);
-    if (f.valued_.test(at)) {
-      const Index e = firstEnd(node);
-      const std::uint32_t key = keyEnds.rank(static_cast<std::size_t>(e));
-      const ValuedKey& k = keys[key];
+    if (node.kind == NodeKind::kPrefix && node.lb == node.rb) {
+      // A leaf: its one reach, if any, is the text's, so it has no run; its
+      // value is the key ending at it, placed with the others' below.
+      const auto e = static_cast<std::size_t>(firstEnd(node));
+      if (!keyEnds.test(e)) return;
+      const std::uint32_t key = keyEnds.rank(e);
+      if (keys[key].length > node.leafParentDepth) onlyCopy[key] = true;
+      return;
+    }
+    if (node.kind == NodeKind::kClone && f.valued_.test(at)) {
+      const ValuedKey& k = keys[keyEnds.rank(static_cast<std::size_t>(firstEnd(node)))];
       f.values_[f.valued_.rank(at)] = Value{k.length, k.value};
-      if (node.lb == node.rb && k.length > node.leafParentDepth) onlyCopy[key] = true;
     }
     std::uint32_t first = 0, count = 0;
     if (!f.runIndex_.find(at, first, count)) return;
@@ -520,12 +533,19 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
       }
       ++k;
     }
-  });
+  };
+  tree->walk(placing,
+             [&](Index suffix) { keyEnds.prefetch(static_cast<std::size_t>(firstEndOf(suffix))); });
 
   // The walks' arrays go before the key indexes are made, and their memory
   // back to the system: the heap they lie in may be ordinary heap, not
   // blocks of their own, once the C library has raised its mmap threshold
   // past their size.
+  // A prefix state's value is the key ending at it (its first end is its
+  // own): placed in state order here, not all over the values in the walk's.
+  for (const ValuedKey& k : keys) {
+    f.values_[f.valued_.rank(static_cast<std::size_t>(k.end) + 1)] = Value{k.length, k.value};
+  }
   tree.reset();
   clones.reset();
   keyEnds = RankedBits();

@@ -5,14 +5,18 @@
 
 #include <algorithm>
 #include <climits>
+#include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "fsa/map_transitions.h"
+#include "fsa/open_table.h"
 #include "fsa/suffix_automaton.h"
 #include "fsa/suffix_sort.h"
+#include "machine/frozen_machine.h"
 #include "testing/log_capture.h"
 
 namespace {
@@ -23,6 +27,37 @@ using Reference = tpa::fsa::SuffixAutomaton<int, tpa::fsa::MapTransitions>;
 using Value = tpa::fsa::SAStateValue<int>;
 
 const char* const kTag = "tarn_patteren_analyzer.so";
+
+// An automaton and the frozen form it hands over, read as a built machine
+// reads it: through the frozen form once there is one, else online.
+struct Built {
+  Automaton sa;
+  std::optional<tpa::machine::FrozenMachine> frozen;
+
+  bool freeze() {
+    if (auto form = sa.freeze()) frozen.emplace(std::move(form), sa.size());
+    return frozen.has_value();
+  }
+  int finish(std::size_t& keysPut) {
+    std::unique_ptr<tpa::fsa::FrozenAutomaton> form;
+    const int result = sa.finish(keysPut, form);
+    if (form) frozen.emplace(std::move(form), sa.size());
+    return result;
+  }
+  int tryFindFull(const std::string& q, Value& out) const {
+    return frozen ? frozen->tryFindFull(q, out) : sa.tryFindFull(q, out);
+  }
+  int tryFindPartial(const std::string& q, Value& out) const {
+    return frozen ? frozen->tryFindPartial(q, out) : sa.tryFindPartial(q, out);
+  }
+  bool findWholeKey(const std::string& q, Value& out) const {
+    if (!frozen) return sa.findWholeKey(q, out);
+    bool whole = false;
+    EXPECT_EQ(0, frozen->findWhole({q, 10}, out, whole));
+    return whole;
+  }
+  bool mayFindWildcard(const std::string& q) const { return !frozen || frozen->mayFindWildcard(q); }
+};
 
 TEST(SuffixAutomaton, ConstructRaisesSmallLengthsToThree) {
   for (const auto& [n, capacity] : {std::pair{-4, 6}, {0, 6}, {1, 6}, {2, 4}, {3, 6}, {50, 100}}) {
@@ -81,9 +116,9 @@ TEST(SuffixAutomaton, LookupTable) {
   };
   for (const auto& [keys, query, partial, read, value] : cases) {
     for (const bool freeze : {false, true}) {
-      Automaton sa;
-      sa.construct(20);
-      for (std::size_t k = 0; k < keys.size(); ++k) ASSERT_EQ(0, sa.add(keys[k], 1 + k));
+      Built sa;
+      sa.sa.construct(20);
+      for (std::size_t k = 0; k < keys.size(); ++k) ASSERT_EQ(0, sa.sa.add(keys[k], 1 + k));
       ASSERT_EQ(freeze, freeze && sa.freeze());
       Value out(5, 5);
       EXPECT_EQ(read, partial ? sa.tryFindPartial(query, out) : sa.tryFindFull(query, out))
@@ -125,7 +160,7 @@ int literalPartial(const Automaton& sa, const std::string& key, Value& out) {
 }
 
 // A frozen online automaton and the one made from its text answer q alike.
-void expectSameLookups(const Automaton& online, const Automaton& direct, const std::string& q) {
+void expectSameLookups(const Built& online, const Built& direct, const std::string& q) {
   Value a, b;
   ASSERT_EQ(online.tryFindFull(q, a), direct.tryFindFull(q, b)) << q;
   ASSERT_EQ(a, b) << q;
@@ -155,21 +190,22 @@ void checkRandom(const std::string& alphabet, unsigned seed, double room) {
         default: text += keys.emplace_back((rng() % 3 ? "#" : "#*.") + random(40) + "$" + random(1));
       }
     }
-    Automaton sa, frozen, direct;
+    Automaton sa;
+    Built frozen, direct;
     Reference reference;
     const int length = static_cast<int>(text.size() * room);
     sa.construct(length);
-    frozen.construct(length);
+    frozen.sa.construct(length);
     reference.construct(length);
-    direct.construct(length, tpa::fsa::Construction::kFromText);
+    direct.sa.construct(length, tpa::fsa::Construction::kFromText);
     std::vector<LogRecord> failed;  // what the online automaton logs when it first fails
     std::size_t firstFailure = keys.size();
     for (std::size_t k = 0; k < keys.size(); ++k) {
-      ASSERT_EQ(0, direct.add(keys[k], k));
+      ASSERT_EQ(0, direct.sa.add(keys[k], k));
       LogCapture quiet;
       ASSERT_EQ(reference.add(keys[k], k), sa.add(keys[k], k));
       LogCapture capture;
-      if (frozen.add(keys[k], k) != 0 && firstFailure == keys.size()) {
+      if (frozen.sa.add(keys[k], k) != 0 && firstFailure == keys.size()) {
         firstFailure = k, failed = capture.records();
       }
     }
@@ -177,7 +213,7 @@ void checkRandom(const std::string& alphabet, unsigned seed, double room) {
     ASSERT_EQ(sa.size() < sa.capacity(), frozen.freeze());
     {
       LogCapture quiet;
-      ASSERT_EQ(-2, frozen.add("a", 1));
+      ASSERT_EQ(-2, frozen.sa.add("a", 1));
     }
     // Made from the text it has the online states, or fails as the online one first did.
     {
@@ -189,7 +225,7 @@ void checkRandom(const std::string& alphabet, unsigned seed, double room) {
       if (result != 0) {
         ASSERT_EQ(firstFailure, keysPut) << text;
       } else {
-        ASSERT_EQ(sa.size(), direct.size()) << text;
+        ASSERT_EQ(sa.size(), direct.sa.size()) << text;
       }
     }
     LogCapture quiet;
@@ -206,7 +242,7 @@ void checkRandom(const std::string& alphabet, unsigned seed, double room) {
       ASSERT_EQ(literal, partial) << text << " / " << q;
       Value frozenFull, frozenPartial;
       ASSERT_EQ(f, frozen.tryFindFull(q, frozenFull)) << text << " / " << q;
-      if (direct.frozen()) {
+      if (direct.frozen) {
         ASSERT_NO_FATAL_FAILURE(expectSameLookups(frozen, direct, q)) << text;
         ASSERT_EQ(frozen.mayFindWildcard(q), direct.mayFindWildcard(q)) << q;
       }
@@ -247,17 +283,17 @@ TEST(SuffixAutomaton, FromTextTakesTheValuesThatExtendGives) {
   const std::vector<Value> values = {Value(), Value(), Value(0, 7), Value(4, 1), Value(), Value(),
                                      Value(), Value(4, 2), Value(), Value(), Value(),
                                      Value(),  Value(), Value(4, 3)};
-  Automaton online, direct;
-  online.construct(static_cast<int>(text.size()));
-  direct.construct(static_cast<int>(text.size()), tpa::fsa::Construction::kFromText);
+  Built online, direct;
+  online.sa.construct(static_cast<int>(text.size()));
+  direct.sa.construct(static_cast<int>(text.size()), tpa::fsa::Construction::kFromText);
   for (std::size_t i = 0; i < text.size(); ++i) {
-    ASSERT_EQ(0, online.extend(text[i], values[i]));
-    ASSERT_EQ(0, direct.extend(text[i], values[i]));
+    ASSERT_EQ(0, online.sa.extend(text[i], values[i]));
+    ASSERT_EQ(0, direct.sa.extend(text[i], values[i]));
   }
   std::size_t keysPut = 0;
   ASSERT_TRUE(online.freeze());
   ASSERT_EQ(0, direct.finish(keysPut));
-  ASSERT_EQ(online.size(), direct.size());
+  ASSERT_EQ(online.sa.size(), direct.sa.size());
   for (std::size_t from = 0; from < text.size(); ++from) {
     for (std::size_t to = from; to <= text.size(); ++to) {
       const std::string q = text.substr(from, to - from) + (to % 3 == 0 ? "x" : "");
@@ -279,21 +315,44 @@ TEST(SuffixAutomaton, FromTextAgreesPastByteSizedLengthsAndCounts) {
   for (int c = 0; c < 256; ++c) keys.push_back(std::string("#w") + static_cast<char>(c) + "$");
   std::string text;
   for (const std::string& k : keys) text += k;
-  Automaton online, direct;
-  online.construct(static_cast<int>(text.size()));
-  direct.construct(static_cast<int>(text.size()), tpa::fsa::Construction::kFromText);
+  Built online, direct;
+  online.sa.construct(static_cast<int>(text.size()));
+  direct.sa.construct(static_cast<int>(text.size()), tpa::fsa::Construction::kFromText);
   for (std::size_t k = 0; k < keys.size(); ++k) {
-    ASSERT_EQ(0, online.add(keys[k], static_cast<int>(k)));
-    ASSERT_EQ(0, direct.add(keys[k], static_cast<int>(k)));
+    ASSERT_EQ(0, online.sa.add(keys[k], static_cast<int>(k)));
+    ASSERT_EQ(0, direct.sa.add(keys[k], static_cast<int>(k)));
   }
   std::size_t keysPut = 0;
   ASSERT_TRUE(online.freeze());
   ASSERT_EQ(0, direct.finish(keysPut));
-  ASSERT_EQ(online.size(), direct.size());
+  ASSERT_EQ(online.sa.size(), direct.sa.size());
   std::mt19937 rng(4);
   for (int i = 0; i < 3000; ++i) {
     const std::string q = text.substr(rng() % text.size(), rng() % 400) + (i % 3 ? "" : "w");
     ASSERT_NO_FATAL_FAILURE(expectSameLookups(online, direct, q));
+  }
+}
+
+// Every byte of a key takes part in its hash, whatever its place (the words
+// and the last few bytes gathered apart), and so does where a pair of pieces
+// is split.
+TEST(OpenTable, HashReadsEveryByteAndTheSplitOfAPair) {
+  using tpa::fsa::hashBytes;
+  for (std::size_t n = 1; n <= 40; ++n) {
+    std::string key(n, 'a');
+    const std::uint64_t h = hashBytes(key.data(), n);
+    for (std::size_t i = 0; i < n; ++i) {
+      key[i] = 'b';
+      EXPECT_NE(h, hashBytes(key.data(), n)) << n << " " << i;
+      key[i] = 'a';
+    }
+    EXPECT_NE(h, hashBytes(key.data(), n - 1)) << n;  // a shorter key of the same bytes
+    for (std::size_t split = 0; split < n; ++split) {
+      const auto pair = [&key](std::size_t at) {
+        return hashBytes(key.data() + at, key.size() - at, hashBytes(key.data(), at));
+      };
+      EXPECT_NE(pair(split), pair(split + 1)) << n << " " << split;
+    }
   }
 }
 

@@ -1,8 +1,12 @@
 // The keyed machine: missing parts, cached answers per (string, kind), and
-// answers that outlive later puts until the cache is cleared.
+// answers that outlive later puts until the cache is cleared; a machine
+// through its life, keyed then frozen, answering alike.
+#include "machine/machine.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -65,6 +69,42 @@ TEST(Machine, CachedAnswerSurvivesLaterPutUntilCleared) {
   EXPECT_EQ(Answer(0, Value()), Find(machine, "#ab$"));
   EXPECT_EQ(0, machine.clearCache());
   EXPECT_EQ(Answer(4, Value(4, 4)), Find(machine, "#ab$"));
+}
+
+// Keyed, then frozen: every lookup, the whole-key test and the size answer
+// alike; the cache goes with the keyed form, and nothing more is put.
+TEST(Machine, FrozenAnswersAsKeyed) {
+  tpa::machine::Machine machine;
+  machine.construct(64, 4);
+  for (const auto& [key, value] : {std::pair{"#a.b$11", 1}, {"#*.b$11", 2}, {"#b$00", 3}}) {
+    ASSERT_EQ(0, machine.put(Key(key, 10), value));
+  }
+  const auto answers = [&machine] {
+    std::vector<std::tuple<int, int, Value, bool>> out;
+    for (const char* q : {"#a.b$11", "#x.b$11", "#b$00", "b$0", "", "#zz$"}) {
+      Value full, partial, whole;
+      int f = 0, p = 0;
+      bool isWhole = false;
+      EXPECT_EQ(0, machine.findFull(Key(q, 10), full, f));
+      EXPECT_EQ(0, machine.findPartial(Key(q, 20), partial, p));
+      EXPECT_EQ(0, machine.findWhole(Key(q, 10), whole, isWhole));
+      out.emplace_back(f, p, full, isWhole);
+      out.emplace_back(f, p, partial, isWhole);
+      if (isWhole) out.emplace_back(f, p, whole, isWhole);
+    }
+    int size = 0;
+    EXPECT_EQ(0, machine.size(size));
+    out.emplace_back(size, 0, Value(), false);
+    return out;
+  };
+  const auto keyed = answers();
+  ASSERT_NE(nullptr, machine.keyed());
+  ASSERT_TRUE(machine.freeze());
+  EXPECT_EQ(nullptr, machine.keyed());
+  ASSERT_NE(nullptr, machine.frozen());
+  EXPECT_EQ(keyed, answers());
+  EXPECT_EQ(-2, machine.put(Key("#c$11", 10), 4));
+  EXPECT_EQ(0, machine.clearCache());
 }
 
 }  // namespace

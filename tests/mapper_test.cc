@@ -18,6 +18,7 @@
 
 #include "fsa/suffix_automaton.h"
 #include "mapper/decision.h"
+#include "mapper/search_result.h"
 #include "mapper/map.h"
 #include "mapper/trace.h"
 #include "mapper/transform.h"
@@ -93,7 +94,7 @@ TEST(Map, ClearCacheAnswersMinusOneAndABareMapNothing) {
   EXPECT_EQ("include 7", f.ask("com.example.mail", "cdn.shop.test"));
   EXPECT_EQ(-1, f.map.clearCache());  // its answer, although it did clear
   EXPECT_EQ("include 7", f.ask("com.example.mail", "cdn.shop.test"));
-  EXPECT_EQ(1u, f.map.includeMachine()->cache()->listSize());  // asked again, not remembered
+  EXPECT_EQ(1u, f.map.includeMachine()->keyed()->cache()->listSize());  // asked again, not remembered
   Map bare(100);
   EXPECT_EQ("exclude -1", text(bare.get("a", "b")));
   EXPECT_EQ(-1, bare.put(1, {"a"}, {}, {}, 1));
@@ -165,10 +166,10 @@ TEST(Map, AnyAppBranchIsLookedUpThroughTheCache) {
   f.map.clearCache();
   f.put(0, {kAnyApp}, {}, {}, 4);  // now found present
   EXPECT_EQ(sizeWithKeys({"##LAMBDA-APP$", "##LAMBDA-APP$"}),
-            f.map.appsMachine()->automaton()->size());
+            f.map.appsMachine()->keyed()->automaton()->size());
   g.put(1, {"com.a"}, {}, {}, 1);
   g.put(0, {kAnyApp}, {}, {}, 2);  // "#com.a$" starts with '#': present too
-  EXPECT_EQ(sizeWithKeys({"#com.a$"}), g.map.appsMachine()->automaton()->size());
+  EXPECT_EQ(sizeWithKeys({"#com.a$"}), g.map.appsMachine()->keyed()->automaton()->size());
 }
 
 TEST(Map, FailuresStopThePutWithTheirCodeAndMessages) {
@@ -220,6 +221,43 @@ TEST(Map, MemoAnswersAsTheMachines) {
     tpa::mapper::QueryTrace t;
     ASSERT_EQ(text(traced.map.get(app, to, &t)), plain.ask(app, to)) << app << " " << to;
     if (i % 5000 == 4999) plain.map.clearCache(), traced.map.clearCache();
+  }
+}
+
+// The caches of a map's three machines, most recently used first.
+std::string caches(const Map& map) {
+  std::string out;
+  for (const Map::Machine* m : {map.appsMachine(), map.includeMachine(), map.excludeMachine()}) {
+    m->keyed()->cache()->forEach(
+        [&out](const auto& e) { out += e.key + "/" + std::to_string(e.subKey) + " "; });
+    out += "| ";
+  }
+  return out;
+}
+
+// Online machines with small caches: a traced query reads them as an untraced
+// one does (the same searches, in the same order, none repeated), so both
+// leave the same entries in the same order. A put after the first query keeps
+// the memo out of the untraced queries.
+TEST(Map, TracedQueryLeavesTheCachesAsAnUntracedOne) {
+  std::mt19937 rng(3);
+  Fixture plain(5), traced(5);
+  const List names = {"a.test", "*.a.test", "10.1.0.0/16", "2001:db8::/32", "0101"};
+  for (int r = 1; r <= 4; ++r) {
+    for (Fixture* f : {&plain, &traced}) {
+      f->put(r % 3, {"app" + std::to_string(r)}, {names[r % 5]}, {names[(r + 2) % 5]}, r);
+      if (r == 3) (void)f->ask("app1", "x.test");
+    }
+  }
+  for (int i = 0; i < 400; ++i) {
+    const std::string n = std::to_string(rng() % 20);
+    const std::string to = i % 3 == 0   ? n + ".a.test"
+                           : i % 3 == 1 ? "10.1." + n + ".1"
+                                        : "2001:db8::" + n;
+    const std::string app = "app" + std::to_string(rng() % 6);
+    tpa::mapper::QueryTrace t;
+    ASSERT_EQ(plain.ask(app, to), text(traced.map.get(app, to, &t)));
+    ASSERT_EQ(caches(plain.map), caches(traced.map)) << app << " " << to;
   }
 }
 

@@ -370,8 +370,8 @@ DocumentKeys storedKeys(const std::vector<parser::Rule>& rules) {
   DocumentKeys keys;
   for (std::size_t i = 0; i < rules.size(); ++i) {
     const parser::Rule& rule = rules[i];
-    const int number = mapper::Map::domainRuleOf(
-        parser::ruleNumber(rule.apps, static_cast<int>(i + 1)), rule.apps);
+    // The reader's number is the one the map files the destinations under.
+    const int number = parser::ruleNumber(rule.apps, static_cast<int>(i + 1));
     addList(keys, rule.includeList, number, true);
     addList(keys, rule.excludeList, number, false);
   }

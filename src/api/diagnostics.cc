@@ -1,6 +1,7 @@
 #include "api/diagnostics.h"
 
 #include "api/facade.h"
+#include "mapper/fill.h"
 
 namespace tpa::api {
 
@@ -20,5 +21,7 @@ int Inspect::query(TarnPatternAnalyzer& analyzer, const std::string& app,
   const Publication::Reading reading(analyzer.shared->published);
   return answer(reading.map(), app, destination, value, trace);
 }
+
+void Inspect::setTwoThreadMinimum(long long symbols) { mapper::setTwoThreadMinimum(symbols); }
 
 }  // namespace tpa::api

@@ -7,45 +7,21 @@ namespace tpa::fsa {
 
 // --- WholeKeyIndex ----------------------------------------------------------
 
-std::uint64_t WholeKeyIndex::hash(const unsigned char* key, int n) {
-  constexpr std::uint64_t kMul = 0x9fb21c651e98df25u;
-  std::uint64_t h = static_cast<std::uint64_t>(n) * kMul;
-  int i = 0;
-  for (; i + 8 <= n; i += 8) {
-    std::uint64_t w;
-    std::memcpy(&w, key + i, 8);
-    h = (h ^ w) * kMul;
-    h ^= h >> 29;
-  }
-  if (i < n) {
-    std::uint64_t w = 0;
-    std::memcpy(&w, key + i, static_cast<std::size_t>(n - i));
-    h = (h ^ w) * kMul;
-  }
-  h ^= h >> 32;
-  h *= kMul;
-  return h ^ (h >> 29);
-}
-
 void WholeKeyIndex::build(const unsigned char* text, const std::vector<StoredKey>& keys) {
-  slots_.assign(keys.size() + keys.size() / 2 + 1, Slot{0, 0});
+  slots_.reset(keys.size() + keys.size() / 2 + 1);
   std::vector<std::int32_t> lengths(slots_.size(), 0);  // of the key filed in each slot
   for (const StoredKey& k : keys) {
     const unsigned char* begin = text + (k.end + 1 - k.length);
-    const std::uint64_t h = hash(begin, k.length);
+    const std::uint64_t h = hashBytes(begin, static_cast<std::size_t>(k.length));
     const auto tag = static_cast<std::uint32_t>(h >> 32);
-    for (std::size_t i = home(h);; i = i + 1 == slots_.size() ? 0 : i + 1) {
-      Slot& s = slots_[i];
-      if (s.endPlusOne == 0) {
-        s = Slot{static_cast<std::uint32_t>(k.end) + 1, tag};
-        lengths[i] = k.length;
-        break;
-      }
-      if (s.tag == tag && lengths[i] == k.length &&
-          endsWith(text, static_cast<std::int32_t>(s.endPlusOne - 1), begin, k.length)) {
-        break;  // a copy of a key filed before
-      }
-    }
+    const std::size_t i = slots_.probe(h, [&](const Slot& s) {
+      // A copy of a key filed before.
+      return s.tag == tag && lengths[static_cast<std::size_t>(&s - &slots_[0])] == k.length &&
+             endsWith(text, static_cast<std::int32_t>(s.endPlusOne - 1), begin, k.length);
+    });
+    if (!slots_[i].empty()) continue;
+    slots_[i] = Slot{static_cast<std::uint32_t>(k.end) + 1, tag};
+    lengths[i] = k.length;
   }
 }
 

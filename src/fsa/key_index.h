@@ -27,6 +27,8 @@
 #include <string>
 #include <vector>
 
+#include "fsa/open_table.h"
+
 namespace tpa::fsa {
 
 // A key stored in a text: its last character's position and its length.
@@ -48,36 +50,35 @@ class WholeKeyIndex {
   std::int32_t find(const unsigned char* text, const char* key, int n, Accept accept) const {
     if (n < 1 || slots_.empty()) return -1;
     const auto* k = reinterpret_cast<const unsigned char*>(key);
-    const std::uint64_t h = hash(k, n);
+    const std::uint64_t h = hashBytes(k, static_cast<std::size_t>(n));
     const auto tag = static_cast<std::uint32_t>(h >> 32);
-    for (std::size_t i = home(h);; i = i + 1 == slots_.size() ? 0 : i + 1) {
-      const Slot& s = slots_[i];
-      if (s.endPlusOne == 0) return -1;
+    std::int32_t found = -1;
+    slots_.probe(h, [&](const Slot& s) {
       const auto end = static_cast<std::int32_t>(s.endPlusOne - 1);
-      if (s.tag == tag && endsWith(text, end, k, n) && accept(end)) return end;
-    }
+      if (s.tag != tag || !endsWith(text, end, k, n) || !accept(end)) return false;
+      found = end;
+      return true;
+    });
+    return found;
   }
 
-  std::size_t bytes() const { return slots_.capacity() * sizeof(Slot); }
+  std::size_t bytes() const { return slots_.bytes(); }
 
  private:
   struct Slot {
     std::uint32_t endPlusOne;  // 0: empty
     std::uint32_t tag;         // high half of the key's hash
+    bool empty() const { return endPlusOne == 0; }
   };
-  static std::uint64_t hash(const unsigned char* key, int n);
   // Whether text[end - n + 1, end] is key[0, n).
   static bool endsWith(const unsigned char* text, std::int32_t end, const unsigned char* key,
                        int n) {
     return end + 1 >= n && std::memcmp(text + (end + 1 - n), key, static_cast<std::size_t>(n)) == 0;
   }
-  std::size_t home(std::uint64_t h) const {
-    return static_cast<std::size_t>((h & 0xffffffffu) * slots_.size() >> 32);
-  }
 
-  // Open addressing with linear probing; at most two thirds of the slots
-  // are used, so every probe sequence ends at an empty slot.
-  std::vector<Slot> slots_;
+  // At most two thirds of the slots are used, so every probe sequence ends
+  // at an empty slot.
+  OpenTable<Slot> slots_;
 };
 
 class WildcardTails {

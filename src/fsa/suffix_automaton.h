@@ -11,12 +11,14 @@
 // linear in the query plus amortised suffix-link steps and allocate nothing.
 // Once nothing more will be appended, freeze() trades the online states for
 // their read-only form (FrozenAutomaton), several times smaller, answering
-// every lookup as before. An automaton constructed kFromText never builds the
-// online states: it keeps the text and its key ends (1 byte per character, 12
-// per key) and finish() makes the read-only form straight from them, at a
-// peak of about 20 bytes per character (the suffix array and its companions,
-// then the frozen form beside them). Owns its states, transitions and
-// text. Not thread-safe: callers serialise every access.
+// every lookup as they did, and hands it to the caller: this class is the
+// automaton while it is built, and a built one is read as a FrozenAutomaton.
+// An automaton constructed kFromText never builds the online states: it keeps
+// the text and its key ends (1 byte per character, 12 per key) and finish()
+// makes the read-only form straight from them, at a peak of about 20 bytes
+// per character (the suffix array and its companions, then the frozen form
+// beside them). Owns its states, transitions and text. Not thread-safe:
+// callers serialise every access.
 #ifndef TPA_FSA_SUFFIX_AUTOMATON_H_
 #define TPA_FSA_SUFFIX_AUTOMATON_H_
 
@@ -108,7 +110,7 @@ class SuffixAutomaton {
     const int k = n < 2 ? 3 : n;
     requestedLength_ = k;
     capacity_ = k <= INT32_MAX / 2 ? 2 * k : 0;
-    frozen_.reset();
+    frozen_ = false;
     values_.reset();
     collected_.reset();
     if (how == Construction::kFromText) {
@@ -221,12 +223,6 @@ class SuffixAutomaton {
   }
   [[nodiscard]] int tryFindFull(const char* key, std::size_t size, SAStateValue<T>& out) const {
     const int n = static_cast<int>(size);
-    if (frozen_) {
-      FrozenAutomaton::Value v;
-      const int read = frozen_->tryFindFull(key, n, v);
-      out = SAStateValue<T>(v.storedKeyLength, static_cast<T>(v.userDefinedValue));
-      return read;
-    }
     if (!values_) return emptyFull(out);
     int s = 0;
     for (int i = 0; i < n; ++i) {
@@ -246,23 +242,10 @@ class SuffixAutomaton {
   [[nodiscard]] bool findWholeKey(const std::string& key, SAStateValue<T>& out) const {
     const int n = static_cast<int>(key.size());
     if (n < 1) return false;
-    if (frozen_) {
-      FrozenAutomaton::Value v;
-      if (!frozen_->findWholeKey(key.data(), n, v)) return false;
-      out = SAStateValue<T>(v.storedKeyLength, static_cast<T>(v.userDefinedValue));
-      return true;
-    }
     SAStateValue<T> v;
     if (tryFindFull(key, v) != n || v.storedKeyLength() != n) return false;
     out = v;
     return true;
-  }
-
-  // False only when tryFindPartial(key) is sure to report a stored key
-  // length of 0 or one not longer than the length it returns (no wildcard
-  // entry can match); the online automaton cannot tell and says true.
-  [[nodiscard]] bool mayFindWildcard(const std::string& key) const {
-    return !frozen_ || frozen_->mayFindWildcard(key.data(), static_cast<int>(key.size()));
   }
 
   // Length of the longest suffix of `key` occurring in the text (INT32_MIN for
@@ -274,12 +257,6 @@ class SuffixAutomaton {
   }
   [[nodiscard]] int tryFindPartial(const char* key, std::size_t size, SAStateValue<T>& out) const {
     const int n = static_cast<int>(size);
-    if (frozen_) {
-      FrozenAutomaton::Value v;
-      const int best = frozen_->tryFindPartial(key, n, v);
-      out = SAStateValue<T>(v.storedKeyLength, static_cast<T>(v.userDefinedValue));
-      return best;
-    }
     if (!values_) return emptyPartial(n, out);
     const int best = n < 1 ? INT32_MIN : longestSuffix(key, n);
     const int star = step(0, static_cast<unsigned char>('*'));
@@ -299,44 +276,45 @@ class SuffixAutomaton {
     return best;
   }
 
-  // Replaces the states with their read-only form, which answers every
-  // lookup as they do and takes nothing more (extend fails). An automaton
-  // never allocated, already frozen or broken by a failed extend is left as
-  // it is, and so is one when memory runs out: it keeps answering either way.
-  // True when frozen.
-  bool freeze() noexcept {
-    if (!values_ || count_ > capacity_) return false;
+  // The read-only form of the states, which answers every lookup as they
+  // do; the states are released and nothing more is taken (extend fails).
+  // Null, the automaton left as it is and answering as before, for one
+  // never allocated, already frozen or broken by a failed extend, or when
+  // memory runs out.
+  [[nodiscard]] std::unique_ptr<FrozenAutomaton> freeze() noexcept {
+    if (!values_ || count_ > capacity_) return nullptr;
+    std::unique_ptr<FrozenAutomaton> frozen;
     try {
-      frozen_ = makeFrozen();
+      frozen = makeFrozen();
     } catch (const std::bad_alloc&) {
-      return false;
+      return nullptr;
     }
     transitions_.release();
     values_.reset();
-    return true;
+    frozen_ = true;
+    return frozen;
   }
-  bool frozen() const { return frozen_ != nullptr; }
 
   // For an automaton constructed kFromText, once every key is in: makes the
-  // read-only form straight from the text (nothing more can be added), and
-  // answers lookups from then on. When the online automaton would have run
-  // out of states, replays it instead, so that it fails where and as it
-  // would have: returns the code of the first failing add, `keysPut` the
-  // number of adds before it, with its messages logged. Returns 0 for any
-  // other automaton. Throws std::bad_alloc, leaving the automaton empty.
-  [[nodiscard]] int finish(std::size_t& keysPut) {
+  // read-only form straight from the text into `frozen` (nothing more can be
+  // added). When the online automaton would have run out of states, replays
+  // it instead, so that it fails where and as it would have: returns the
+  // code of the first failing add, `keysPut` the number of adds before it,
+  // with its messages logged. Returns 0 for any other automaton (`frozen`
+  // left null). Throws std::bad_alloc, leaving the automaton empty.
+  [[nodiscard]] int finish(std::size_t& keysPut, std::unique_ptr<FrozenAutomaton>& frozen) {
     if (!collected_) return error::TPA_ERROR_NONE;
     const std::unique_ptr<Collected> c = std::move(collected_);
     std::int64_t states = 0;
-    frozen_ = FrozenAutomaton::fromText(c->text, c->keys, capacity_, states);
-    if (frozen_) {
+    frozen = FrozenAutomaton::fromText(c->text, c->keys, capacity_, states);
+    if (frozen) {
       count_ = static_cast<int>(states);
-      textStates_ = last_ = frozen_->textLength();
+      textStates_ = last_ = frozen->textLength();
+      frozen_ = true;
       return error::TPA_ERROR_NONE;
     }
     return replay(*c, keysPut);
   }
-  const FrozenAutomaton* frozenForm() const { return frozen_.get(); }
 
   // States in use other than the start state (past the capacity once full).
   int size() const { return count_ - 1; }
@@ -589,8 +567,9 @@ class SuffixAutomaton {
   int clones_ = 0;           // slots capacity_ - clones_ .. capacity_ - 1 hold the clones
   int requestedLength_ = 0;  // construct's argument after raising 0 and 1 to 3
   int capacity_ = 0;         // states allocated: 2 * requestedLength_
-  // Once frozen: the only form, transitions_ and values_ released.
-  std::unique_ptr<FrozenAutomaton> frozen_;
+  // The states went to a frozen form: transitions_ and values_ released,
+  // and extend fails.
+  bool frozen_ = false;
   // Constructed kFromText, until finish: no states, the text alone.
   std::unique_ptr<Collected> collected_;
 };

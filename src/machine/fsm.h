@@ -4,18 +4,21 @@
 // and partial (kPartialKey) answers for one string are kept apart.
 //
 // Owns its automaton and cache; both are absent until construct. Every answer
-// is cached, a non-match too, and stays cached across later puts, until the
-// machine is frozen: its frozen automaton then answers every lookup itself. Not
+// is cached, a non-match too, and stays cached across later puts. This is the
+// machine while it is built: freeze (or finish) hands its automaton's frozen
+// form over as a FrozenMachine, which answers alone from then on. Not
 // thread-safe: lookups write to the cache, so callers serialise all access.
 #ifndef TPA_MACHINE_FSM_H_
 #define TPA_MACHINE_FSM_H_
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include "fsa/suffix_automaton.h"
 #include "lru/lru.h"
+#include "machine/frozen_machine.h"
 #include "tpa/api/constants.h"
 
 namespace tpa::machine {
@@ -72,14 +75,8 @@ class FSM {
 
   // Whether key.first is stored whole as findFull sees it: read to its end
   // into a state whose stored key length is its own (`out` then gets that
-  // state's value). A frozen machine asks the index of its stored keys, an
-  // online one its cache and automaton. 0 with `whole` set, or -1.
+  // state's value). 0 with `whole` set, or -1.
   [[nodiscard]] int findWhole(const KeyPair& key, StateValue& out, bool& whole) {
-    if (!automaton_ || !cache_) return error::TPA_ERROR_OOM;
-    if (automaton_->frozen()) {
-      whole = automaton_->findWholeKey(key.first, out);
-      return error::TPA_ERROR_NONE;
-    }
     StateValue v;
     Length matched = 0;
     const int code = findFull(key, v, matched);
@@ -90,24 +87,29 @@ class FSM {
     return error::TPA_ERROR_NONE;
   }
 
-  // False only when findPartial of the key is sure to report no wildcard
-  // match (a stored key length of 0, or not longer than the matched length).
-  bool mayFindWildcard(const Key& key) const {
-    return automaton_ == nullptr || automaton_->mayFindWildcard(key);
+  // The machine once nothing more will be put: its automaton's read-only
+  // form (see SuffixAutomaton::freeze), which answers every lookup as this
+  // machine does (every answer the cache holds is one the frozen form gives
+  // again). Empty, this machine left as it is, when the automaton cannot be
+  // frozen (missing, broken by a failed put, out of memory).
+  [[nodiscard]] std::optional<FrozenMachine> freeze() noexcept {
+    if (!automaton_) return std::nullopt;
+    const int states = automaton_->size();
+    std::unique_ptr<fsa::FrozenAutomaton> frozen = automaton_->freeze();
+    if (!frozen) return std::nullopt;
+    return std::optional<FrozenMachine>(std::in_place, std::move(frozen), states);
   }
 
-  // Trades the automaton's online states for their read-only form once
-  // nothing more will be put (see SuffixAutomaton::freeze). Every answer the
-  // cache holds is one the frozen form gives again, so lookups go straight to
-  // it from then on. True when frozen.
-  bool freeze() { return automaton_ != nullptr && automaton_->freeze(); }
-
   // Makes the read-only form of an automaton constructed kFromText once
-  // every key is put (see SuffixAutomaton::finish): 0, or the code of the
-  // first put the online automaton would have failed, `keysPut` the puts
-  // before it. Throws std::bad_alloc.
-  [[nodiscard]] int finish(std::size_t& keysPut) {
-    return automaton_ ? automaton_->finish(keysPut) : error::TPA_ERROR_NONE;
+  // every key is put (see SuffixAutomaton::finish), into `frozen`: 0, or the
+  // code of the first put the online automaton would have failed, `keysPut`
+  // the puts before it (`frozen` then left empty). Throws std::bad_alloc.
+  [[nodiscard]] int finish(std::size_t& keysPut, std::optional<FrozenMachine>& frozen) {
+    if (!automaton_) return error::TPA_ERROR_NONE;
+    std::unique_ptr<fsa::FrozenAutomaton> form;
+    const int code = automaton_->finish(keysPut, form);
+    if (form) frozen.emplace(std::move(form), automaton_->size());
+    return code;
   }
 
   // out = states in use other than the start state. 0, or -1.
@@ -137,10 +139,7 @@ class FSM {
   template <typename Search>
   int find(const KeyPair& key, StateValue& out, Length& matched, Search search) {
     if (!automaton_ || !cache_) return error::TPA_ERROR_OOM;
-    if (cacheBypassed_ || automaton_->frozen()) {
-      // Nothing is put once frozen, so the cache could only ever repeat what
-      // the frozen automaton answers, at more than the cost of a walk. Its
-      // entries are kept but no longer consulted.
+    if (cacheBypassed_) {
       matched = search(key.first, out);
       return error::TPA_ERROR_NONE;
     }

@@ -11,6 +11,7 @@
 
 #include "base/log.h"
 #include "cidr/cidr.h"
+#include "mapper/decision_memo.h"
 #include "mapper/trace.h"
 #include "mapper/transform.h"
 #include "tpa/api/constants.h"
@@ -19,13 +20,20 @@ namespace tpa::mapper {
 
 namespace {
 
-using Machine = machine::KeyedMachine;
+using Machine = machine::Machine;
 using Key = std::pair<std::string, int>;
 
 // What clearCache answers, on success as well.
 constexpr int kClearCacheResult = -1;
 
 bool isAnyApp(const std::string& app) { return app == sigma::sentinel::LAMBDA_STRING; }
+
+// The number a rule's destinations are filed under: 0 when its only
+// application is LAMBDA_STRING, else its rule number. Checked again here
+// although the rules' reader already numbers such rules 0.
+int domainRuleOf(int ruleNumber, const std::vector<std::string>& apps) {
+  return apps.size() == 1 && isAnyApp(apps[0]) ? TPA_RULE_NUMBER_ZERO : ruleNumber;
+}
 
 // Adds ##LAMBDA-APP$ with rule number 0 unless the lookup of it, through the
 // cache like any other, reads anything at all. Every application key starts
@@ -186,11 +194,6 @@ int Map::putList(bool include, int domainRule, const std::vector<std::string>& l
                     include ? TPA_DECISION_INCLUDE : TPA_DECISION_EXCLUDE, id, text, key);
 }
 
-int Map::domainRuleOf(int ruleNumber, const std::vector<std::string>& apps) {
-  // Checked again here although the builder already numbers such rules 0.
-  return apps.size() == 1 && isAnyApp(apps[0]) ? TPA_RULE_NUMBER_ZERO : ruleNumber;
-}
-
 void Map::freeze() {
   if (!apps_ || !include_ || !exclude_) return;
   // Smallest first: the larger machines' online states then meet only the
@@ -203,6 +206,7 @@ void Map::freeze() {
     return sa < sb;
   });
   for (Machine* m : machines) m->freeze();
+  buffers_ = QueryBuffers();  // put's: nothing is put any more
 }
 
 int Map::finishList(bool include, std::size_t& keysPut) {
@@ -238,13 +242,14 @@ Decision Map::get(const std::string& app, const std::string& destination, QueryT
   try {
     scratch = &scratchOfThisThread();
     const bool memo = memoUsable_.load() && trace == nullptr;
+    const std::uint64_t epoch = memoEpoch_.load();
     Decision d;
-    if (memo && scratch->memo.find(memoEpoch_.load(), app, destination, d)) return d;
+    if (memo && scratch->memo.find(epoch, app, destination, d)) return d;
     if (!queried_.load(std::memory_order_relaxed)) queried_.store(true);
     MapDecisionMaker maker(*apps_, *include_, *exclude_, scratch->buffers, includeBits_,
                            excludeBits_);
     d = maker.decide(app, destination, trace);
-    if (memo) scratch->memo.remember(d);
+    if (memo) scratch->memo.remember(epoch, app, destination, d);
     return d;
   } catch (const std::bad_alloc&) {
     // A cache, the memo or a key buffer could not grow; each is left

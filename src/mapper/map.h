@@ -2,9 +2,12 @@
 // machine maps framed application keys to rule numbers, the include and
 // exclude machines hold every rule's framed destinations with the rule's id.
 // Built once (construct, put per rule, finishList for lists made from their
-// text, then freeze), then only queried (get); a memo of whole decisions, one
-// per querying thread, answers repeated queries before the machines. Owns its
-// machines alone. Building is for one thread. Once shareBetweenThreads has
+// text, then freeze; see fill.h), then only queried (get); a memo of whole
+// decisions, one per querying thread, answers repeated queries before the
+// machines. While it is built its machines are keyed machines, an automaton
+// with an LRU cache each; a built map holds their frozen forms alone (a
+// machine whose freeze ran out of memory stays keyed). Owns its machines
+// alone. Building is for one thread. Once shareBetweenThreads has
 // run, get only reads the map (and the calling thread's own key buffers and
 // memo), so any number of threads may query it at once, also while
 // clearCache runs; before, get writes the machines' caches and callers
@@ -19,8 +22,10 @@
 #include <vector>
 
 #include "fsa/heap.h"
-#include "machine/fsm.h"
+#include "machine/machine.h"
+#include "mapper/bit_names.h"
 #include "mapper/decision.h"
+#include "mapper/decision_maker.h"
 
 namespace tpa::mapper {
 
@@ -37,7 +42,7 @@ void storedDestination(const std::string& destination, std::string& text);
 
 class Map {
  public:
-  using Machine = machine::KeyedMachine;
+  using Machine = machine::Machine;
 
   explicit Map(int capacity);
   ~Map();  // the exclude machine goes first, the apps machine last
@@ -60,7 +65,8 @@ class Map {
                         const std::vector<std::string>& exclude, int id);
 
   // Freezes the three machines once every rule is put: their automata take
-  // a fraction of the memory and answer as before; no rule can be put after.
+  // a fraction of the memory and answer as before, their caches and online
+  // states go; no rule can be put after.
   void freeze();
 
   // Makes the include (or exclude) machine of a Map constructed kFromText,
@@ -75,7 +81,8 @@ class Map {
   // the map holds. Call before other threads may see the map.
   void shareBetweenThreads();
 
-  // Empties the three caches and sets every thread's memo of this map aside.
+  // Empties the caches of the machines still keyed (a frozen one has none)
+  // and sets every thread's memo of this map aside.
   // Returns -1 whether or not it did: callers must not read the result as a
   // failure.
   int clearCache();
@@ -87,10 +94,6 @@ class Map {
   // framed (longer than the buffers' reserved room) gets the default.
   Decision get(const std::string& app, const std::string& destination,
                QueryTrace* trace = nullptr) const;
-
-  // The number a rule's destinations are filed under: 0 when its only
-  // application is LAMBDA_STRING, else its rule number.
-  static int domainRuleOf(int ruleNumber, const std::vector<std::string>& apps);
 
   // Read-only views for diagnostics and tests (null before construct).
   int capacity() const { return capacity_; }
@@ -113,7 +116,8 @@ class Map {
   // The bit strings among the destinations stored in include_ and exclude_.
   BitNames includeBits_;
   BitNames excludeBits_;
-  // Key buffers reused by put (get uses those of its thread).
+  // Key buffers reused by put (get uses those of its thread); freed by
+  // freeze.
   QueryBuffers buffers_;
   // Files and finds this map's decisions in the threads' memos: a value no
   // other map and no earlier state of this one has had. Renewed by construct

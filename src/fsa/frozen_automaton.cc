@@ -152,7 +152,8 @@ void FrozenAutomaton::indexKeys(const std::vector<StoredKey>& keys,
 }
 
 std::size_t FrozenAutomaton::bytes() const {
-  return sizeof(*this) + text_.capacity() + runIndex_.bytes() + runs_.capacity() + valued_.bytes() + values_.capacity() * sizeof(Value) +
+  return sizeof(*this) + text_.capacity() + runIndex_.bytes() + runs_.capacity() +
+         valued_.bytes() + values_.capacity() * sizeof(Value) +
          wholeKeys_.bytes() + tails_.bytes();
 }
 

@@ -537,15 +537,16 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::fromText(std::vector<unsigned 
   tree->walk(placing,
              [&](Index suffix) { keyEnds.prefetch(static_cast<std::size_t>(firstEndOf(suffix))); });
 
-  // The walks' arrays go before the key indexes are made, and their memory
-  // back to the system: the heap they lie in may be ordinary heap, not
-  // blocks of their own, once the C library has raised its mmap threshold
-  // past their size.
   // A prefix state's value is the key ending at it (its first end is its
   // own): placed in state order here, not all over the values in the walk's.
   for (const ValuedKey& k : keys) {
     f.values_[f.valued_.rank(static_cast<std::size_t>(k.end) + 1)] = Value{k.length, k.value};
   }
+
+  // The walks' arrays go before the key indexes are made, and their memory
+  // back to the system: the heap they lie in may be ordinary heap, not
+  // blocks of their own, once the C library has raised its mmap threshold
+  // past their size.
   tree.reset();
   clones.reset();
   keyEnds = RankedBits();

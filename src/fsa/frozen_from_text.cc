@@ -75,16 +75,18 @@ struct Node {
   Index leafParentDepth = 0;
 };
 
-// The suffix array as the walks read it, front to back: each position in
-// as many bits as the largest needs (21 for 2M characters, 25 for 32M).
+// Positions of a text of n characters (the suffix array as the walks read
+// it, the clones' left ends), each in as many bits as n needs (21 for 2M
+// characters, 25 for 32M).
 class PackedPositions {
  public:
-  // Throws std::bad_alloc.
-  explicit PackedPositions(const std::vector<Index>& sa) {
-    while (width_ < 31 && (std::size_t{1} << width_) < sa.size()) ++width_;
-    words_.assign((sa.size() * width_ + 63) / 64 + 1, 0);  // one spare: get reads a pair
+  PackedPositions() = default;
+  // `values` in [0, n). Throws std::bad_alloc.
+  PackedPositions(const std::vector<Index>& values, std::size_t n) {
+    while (width_ < 31 && (std::size_t{1} << width_) < n) ++width_;
+    words_.assign((values.size() * width_ + 63) / 64 + 1, 0);  // one spare: get reads a pair
     std::size_t bit = 0;
-    for (const Index v : sa) {
+    for (const Index v : values) {
       const auto value = static_cast<std::uint64_t>(v);
       words_[bit / 64] |= value << (bit % 64);
       if (bit % 64 + width_ > 64) words_[bit / 64 + 1] |= value >> (64 - bit % 64);
@@ -126,7 +128,7 @@ class ReversedTree {
     reversed = std::vector<unsigned char>();
     plcp = std::vector<Index>();
     releaseFreedMemory();
-    sa_ = std::make_unique<PackedPositions>(sa);
+    sa_ = std::make_unique<PackedPositions>(sa, sa.size());
     sa = std::vector<Index>();
     releaseFreedMemory();
   }
@@ -289,7 +291,7 @@ class CloneIndex {
 
   // The next clone in the walk's order. Throws std::bad_alloc.
   void add(Index lb, Index rb) {
-    const std::size_t k = starts_.size();
+    const std::size_t k = count_;
     if (k % 64 == 0) groupStart_.push_back(0);
     if (k == 0 || rb != lastEnd_) {
       endsHere_.set(static_cast<std::size_t>(rb));
@@ -299,29 +301,40 @@ class CloneIndex {
       lastEnd_ = rb;
     }
     starts_.push_back(lb);
+    ++count_;
   }
   // Call once every clone is in. Throws std::bad_alloc.
   void seal() {
     endsHere_.seal();
-    // Grown by doubling, they may hold twice what they use through the
-    // second walk, the build's peak.
-    starts_.shrink_to_fit();
+    // Through the second walk, the build's peak, in as few bits as the
+    // text's length needs; grown by doubling, the rest may hold twice what
+    // they use.
+    packedStarts_ = PackedPositions(starts_, static_cast<std::size_t>(n_));
+    starts_ = std::vector<Index>();
     groupStart_.shrink_to_fit();
     sampled_.shrink_to_fit();
   }
-  Index count() const { return static_cast<Index>(starts_.size()); }
+  Index count() const { return static_cast<Index>(count_); }
 
   // The state of the clone of interval [lb, rb], or -1. Those ending at rb
   // are nested, their left ends falling in the walk's order: a binary
   // search (a text of long runs ends thousands of clones at one place).
   Index find(Index lb, Index rb) const {
     if (!endsHere_.test(static_cast<std::size_t>(rb))) return -1;
-    const std::size_t firstClone = firstOf(endsHere_.rank(static_cast<std::size_t>(rb)));
-    const auto first = starts_.begin() + static_cast<std::ptrdiff_t>(firstClone);
-    const auto last = starts_.begin() + static_cast<std::ptrdiff_t>(nextGroup(firstClone));
-    const auto at = std::lower_bound(first, last, lb, std::greater<Index>());
-    if (at == last || *at != lb) return -1;
-    return n_ + 1 + static_cast<Index>(at - starts_.begin());
+    // The first of [first, last) whose left end is not after lb.
+    std::size_t first = firstOf(endsHere_.rank(static_cast<std::size_t>(rb)));
+    std::size_t last = nextGroup(first);
+    const std::size_t end = last;
+    while (first < last) {
+      const std::size_t mid = first + (last - first) / 2;
+      if (packedStarts_[mid] > lb) {
+        first = mid + 1;
+      } else {
+        last = mid;
+      }
+    }
+    if (first == end || packedStarts_[first] != lb) return -1;
+    return n_ + 1 + static_cast<Index>(first);
   }
 
  private:
@@ -351,11 +364,11 @@ class CloneIndex {
   }
   // The first clone of the group after the one that clone k starts, or count().
   std::size_t nextGroup(std::size_t k) const {
-    if (++k >= starts_.size()) return starts_.size();
+    if (++k >= count_) return count_;
     std::size_t w = 0;
     for (std::uint64_t bits = bitsFrom(k, w);; bits = groupStart_[w]) {
-      if (bits != 0) return std::min(w * 64 + lowestBit(bits), starts_.size());
-      if (++w == groupStart_.size()) return starts_.size();
+      if (bits != 0) return std::min(w * 64 + lowestBit(bits), count_);
+      if (++w == groupStart_.size()) return count_;
     }
   }
 
@@ -368,7 +381,11 @@ class CloneIndex {
   // without an offset per right end.
   std::vector<std::uint64_t> groupStart_;
   std::vector<std::uint32_t> sampled_;
-  std::vector<Index> starts_;  // per clone in order: its left end
+  // Per clone in order: its left end, in starts_ until sealed, then in
+  // packedStarts_.
+  std::vector<Index> starts_;
+  PackedPositions packedStarts_;
+  std::size_t count_ = 0;  // clones added
 };
 
 // The keys proper: a value given by extend alone may claim no length, or

@@ -21,6 +21,7 @@
 #include <tuple>
 #include <vector>
 
+#include "cidr/address_bits.h"
 #include "cidr/decimal.h"
 
 namespace {
@@ -190,6 +191,16 @@ TEST(Cidr, MatchesABitModelOnRandomAddresses) {
     ASSERT_STREQ(bits.c_str(), convertToBinaryIPAddress(expanded).c_str());
     ASSERT_EQ(bits.substr(0, p), extractNetworkID(std::string(text) + "/" + std::to_string(p)));
     ASSERT_EQ(bits.substr(0, p % 31 + 1), extractNetworkID(v4 + "/" + std::to_string(p % 31 + 1)));
+    // Bits back to text, and the same IPv4 address mapped into IPv6.
+    ASSERT_EQ(text, bitsToAddress(bits, kIPv6Bits));
+    ASSERT_EQ(v4, bitsToAddress(bits, kIPv4Bits));  // cut at the width
+    ASSERT_EQ(std::to_string(addr.s6_addr[0]) + ".0.0.0",
+              bitsToAddress(bits.substr(0, 8), kIPv4Bits));
+    const std::string mapped = expandIPv6("::ffff:" + v4);
+    ASSERT_TRUE(isIPv4MappedText(mapped) && isIPv4MappedBits(convertToBinaryIPAddress(mapped)));
+    ASSERT_EQ(v4, mappedIPv4(mapped));
+    ASSERT_EQ(isIPv4MappedText(expanded), isIPv4MappedBits(bits));
+    ASSERT_TRUE(isBitString(bits) && !isBitString(expanded) && !isBitString(""));
   }
 }
 
@@ -251,6 +262,32 @@ TEST(Cidr, DottedFormsMatchTheSscanfModelOnRandomText) {
     ASSERT_EQ(std::make_pair(expanded, bits), std::make_pair(padded, binary)) << s;
   }
   EXPECT_GT(accepted, 500);  // the generator reaches the address forms
+}
+
+// A query's destination read once: what the separate steps give (IPv6 expanded, else a dotted
+// quad padded, then the address test and the bits of the result), on addresses, networks, odd
+// dotted text and names.
+TEST(Cidr, CanonicalQueryIsTheStepsInOne) {
+  std::mt19937 rng(5);
+  const char* const fixed[] = {"::1", "::ffff:1.2.3.4", "1::/64", "a.test", "", "face", ":"};
+  for (int i = 0; i < 20000; ++i) {
+    std::string s = i < 7 ? fixed[i] : randomDotted(rng);
+    if (i % 3 == 1) {
+      in6_addr addr;
+      for (auto& byte : addr.s6_addr) byte = static_cast<unsigned char>(rng() % 3 ? 0 : rng());
+      char text[INET6_ADDRSTRLEN];
+      ASSERT_NE(nullptr, inet_ntop(AF_INET6, &addr, text, sizeof text));
+      s = text;
+    }
+    std::string steps;
+    if (!expandIPv6Into(steps, s) && isIPv4Address(s)) expandIpv4AddrInto(steps, s);
+    const bool address = isIPAddress(steps);
+    const std::string bits = address ? convertToBinaryIPAddress(steps) : "";
+    std::string text = "old", oneBits = "old";
+    ASSERT_EQ(address, canonicalQueryInto(text, oneBits, s)) << s;
+    ASSERT_EQ(steps, text) << s;
+    ASSERT_EQ(bits, oneBits) << s;
+  }
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 // target of the benchmarks (bench/).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cstdint>
@@ -11,13 +12,16 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>
 
 #include "fsa/suffix_automaton.h"
+#include "mapper/bit_names.h"
 #include "mapper/decision.h"
+#include "mapper/decision_maker.h"
 #include "mapper/search_result.h"
 #include "mapper/map.h"
 #include "mapper/trace.h"
@@ -54,7 +58,7 @@ struct Fixture {
 // Key framing, against what a string stream writes: random names of any
 // bytes (sentinels included), any rule number, any flag (1 a quarter of the
 // time), with the extreme numbers first; the *Into variants write the same
-// bytes over a reused buffer.
+// bytes over a reused buffer; names and wildcard keys read back.
 TEST(Transform, MatchesStreamOutputOnRandomInput) {
   std::mt19937 rng(11);
   std::string out = "stale content";
@@ -68,9 +72,26 @@ TEST(Transform, MatchesStreamOutputOnRandomInput) {
     tpa::mapper::transformDomainInto(out, name, rule, flag);
     ASSERT_EQ(stream.str(), out);
     ASSERT_EQ(out, tpa::mapper::transformDomain(name, rule, flag));
+    // A name without the closing character reads back from its key; a
+    // wildcard's key is "#*" and the framed rest of its text.
+    if (name.find('$') == std::string::npos) {
+      ASSERT_EQ(name, tpa::mapper::framedName(out));
+    }
+    const std::string wildcard = tpa::mapper::transformDomain("*" + name, rule, flag);
+    ASSERT_EQ(wildcard, tpa::mapper::wildcardKey(std::string_view(out).substr(1)));
+    int read = -1;  // the rule number reads back only as written, and only from 0 up
+    ASSERT_EQ(rule >= 0, tpa::mapper::readRuleNumber(std::to_string(rule), read));
+    ASSERT_TRUE(rule < 0 || read == rule);
     tpa::mapper::tansformAppInto(out, name);
     ASSERT_EQ("#" + name + "$", out);
     ASSERT_EQ(out, tpa::mapper::tansformApp(name));
+  }
+}
+
+TEST(Transform, RuleNumbersReadBackOnlyAsWritten) {
+  int read = 0;
+  for (const char* text : {"", "01", "+1", "-0", "1a", " 1", "2147483648", "99999999999"}) {
+    EXPECT_FALSE(tpa::mapper::readRuleNumber(text, read)) << text;
   }
 }
 
@@ -221,6 +242,83 @@ TEST(Map, MemoAnswersAsTheMachines) {
     tpa::mapper::QueryTrace t;
     ASSERT_EQ(text(traced.map.get(app, to, &t)), plain.ask(app, to)) << app << " " << to;
     if (i % 5000 == 4999) plain.map.clearCache(), traced.map.clearCache();
+  }
+}
+
+// The bit-prefix filter against the names listed by hand: the lengths of the kept bit strings
+// that are prefixes of an address's bits (2 to size - 1 of them), no more and no fewer. Names
+// short and long, sharing their first bits, hundreds of them (the heads refiled).
+TEST(BitNames, AgreesWithTheNamesListedByHand) {
+  std::mt19937 rng(17);
+  int found = 0;
+  for (int round = 0; round < 40; ++round) {
+    auto bits = [&](std::size_t n) {
+      std::string s(n, '0');
+      for (char& c : s) c = static_cast<char>('0' + rng() % 2);
+      return s;
+    };
+    tpa::mapper::BitNames names;
+    std::vector<std::string> kept;
+    const std::string common = bits(20 + rng() % 12);  // many names start alike
+    for (int i = static_cast<int>(rng() % (round < 20 ? 20 : 600)); i > 0; --i) {
+      std::string name = rng() % 2 ? common.substr(0, rng() % common.size()) : "";
+      name += bits(rng() % (rng() % 4 == 0 ? 10 : 80));
+      names.add(name);
+      if (name.size() >= 2) kept.push_back(name);
+      if (i % 7 == 0) names.add(name + "2");  // not a bit string: not kept
+    }
+    for (int i = 0; i < 300; ++i) {
+      std::string q = rng() % 2 ? common.substr(0, rng() % common.size()) : "";
+      q += bits(rng() % (i % 3 ? 32 : 128));
+      if (i % 5 == 0 && !kept.empty()) q = kept[rng() % kept.size()] + bits(rng() % 20);
+      q.resize(std::min<std::size_t>(q.size(), tpa::mapper::BitNames::kMaxBits));
+      std::vector<bool> expected(tpa::mapper::BitNames::kMaxBits);
+      for (const std::string& k : kept) {
+        if (k.size() < q.size() && q.compare(0, k.size(), k) == 0) expected[k.size()] = true;
+      }
+      const tpa::mapper::BitNames::Lengths lengths = names.prefixLengthsOf(q);
+      for (std::size_t length = 0; length < expected.size(); ++length) {
+        ASSERT_EQ(expected[length], lengths.has(length)) << q << " " << length;
+        found += expected[length];
+      }
+      ASSERT_EQ(std::find(expected.begin(), expected.end(), true) != expected.end(), lengths.any());
+    }
+  }
+  EXPECT_GT(found, 1000);
+}
+
+// Nested networks of both families spread over rules and lists, addresses in and near them: the
+// map's searches (which skip the walk of the bits unless a network the address starts with is
+// stored under the rule) decide as a decision maker told no bit names, which always walks.
+TEST(Map, NetworkFilterDecidesAsTheFullSearch) {
+  std::mt19937 rng(23);
+  const List networks = {"10.0.0.0/8", "10.1.0.0/16",   "10.1.2.0/24",     "10.1.2.128/25",
+                         "10.1.2.3",   "2001:db8::/32", "2001:db8:1::/48", "2001:db8:1:2::/64",
+                         "0101",       "192.168.0.0/16"};
+  for (int round = 0; round < 10; ++round) {
+    Fixture f(3);
+    for (int r = 0; r < 6; ++r) {
+      List in, out;
+      for (const std::string& n : networks) {
+        if (rng() % 4 == 0) in.push_back(n);
+        if (rng() % 4 == 0) out.push_back(n);
+      }
+      f.put(r, {r == 0 ? kAnyApp : "app" + std::to_string(r)}, in, out, r + 10);
+    }
+    f.map.freeze();
+    // Frozen machines are only read.
+    const auto machine = [](const Map::Machine* m) { return const_cast<Map::Machine*>(m); };
+    tpa::mapper::MapDecisionMaker full(*machine(f.map.appsMachine()),
+                                       *machine(f.map.includeMachine()),
+                                       *machine(f.map.excludeMachine()));
+    for (int i = 0; i < 2000; ++i) {
+      const std::string app = "app" + std::to_string(rng() % 7);
+      const auto part = [&] { return std::to_string(rng() % 4 ? rng() % 4 : rng() % 256); };
+      const std::string to =
+          rng() % 2 ? (rng() % 3 ? "10." : "192.168.") + part() + "." + part() + "." + part()
+                    : "2001:db8:" + part() + ":" + part() + "::" + part();
+      ASSERT_EQ(text(full.decide(app, to)), f.ask(app, to)) << app << " " << to;
+    }
   }
 }
 

@@ -1,12 +1,15 @@
-// Building a rules document the way the Android bridge does
-// (TarnPatternAnalyzer::build(text, false)), with the one difference that
-// the tool, not the library, catches what two malformed network forms throw.
-// Failures are reported on standard error in the tool's fixed formats.
+// Reading a rules document (a file, or standard input for "-"), building it
+// the way the Android bridge does (TarnPatternAnalyzer::build(text, false))
+// and reading it back into the parser's rules. The one difference from the
+// bridge: the tool, not the library, catches what two malformed network
+// forms throw. Failures are reported on standard error in the tool's fixed
+// formats.
 #ifndef TPA_TOOLS_BUILD_GUARD_H_
 #define TPA_TOOLS_BUILD_GUARD_H_
 
 #include <string>
 
+#include "parser/json_parser.h"
 #include "tpa/api/analyzer.h"
 
 namespace tpa::tools {
@@ -32,27 +35,54 @@ struct BuildFailure {
   std::string message;        // one line, for people
 };
 
+// Reads a whole file ("-": standard input) into `text`, byte for byte;
+// false, after "tpa: cannot read ..." on stderr, when it cannot be read.
+[[nodiscard]] bool loadRules(const std::string& path, std::string& text);
+
+// How the diagnostics name the document: the path, or "<stdin>" for "-".
+[[nodiscard]] std::string displayName(const std::string& path);
+
 [[nodiscard]] BuildOutcome buildGuarded(api::TarnPatternAnalyzer& analyzer,
                                         const std::string& text);
-
-// For a failed outcome prints "tpa: build failed: CODE NAME" or
-// "tpa: build threw: WHAT" (naming the offending value of `text`, found by
-// storing its destinations again) on stderr and returns the exit code;
-// returns kExitOk for a successful build.
-[[nodiscard]] int reportBuildFailure(const BuildOutcome& outcome, const std::string& text,
-                                     const std::string& documentName);
 
 // The failure of a build that failed (exitCode 0 for a successful one).
 [[nodiscard]] BuildFailure describeBuildFailure(const BuildOutcome& outcome,
                                                 const std::string& text);
 
+// Says on stderr how the build failed, "tpa: build failed: CODE NAME" or
+// "tpa: build threw: WHAT" (naming the offending value when `failure`
+// located it), and returns failure.exitCode (kExitOk for a successful build).
+[[nodiscard]] int reportBuildFailure(const BuildOutcome& outcome, const BuildFailure& failure,
+                                     const std::string& documentName);
+
 // Reads RULES (a path or "-") into `text` and builds it into `analyzer`,
-// reporting any failure on stderr. Returns kExitOk or the exit code.
+// reporting any failure on stderr, and handing it out in `failure` (when not
+// null) for a machine-readable report. Returns kExitOk or the exit code.
 [[nodiscard]] int buildDocument(const std::string& rules, std::string& text,
-                                api::TarnPatternAnalyzer& analyzer);
-// The same, also handing out the failure for a machine-readable report.
-[[nodiscard]] int buildDocument(const std::string& rules, std::string& text,
-                                api::TarnPatternAnalyzer& analyzer, BuildFailure& failure);
+                                api::TarnPatternAnalyzer& analyzer,
+                                BuildFailure* failure = nullptr);
+
+// Parses the text the analyzer built (`text` after its own rewriting of
+// degenerate documents) into `parser`'s rules. After a successful build
+// this cannot fail; false if it does all the same.
+[[nodiscard]] bool parseAsBuilt(parser::JsonParser& parser, api::TarnPatternAnalyzer& analyzer,
+                                const std::string& text);
+
+// A rules document built as the Android bridge builds it and read back into
+// the parser's rules, for the commands that show rules next to decisions
+// (parser::ruleNumber says how the builder numbers them). A BuiltDocument
+// owns its analyzer and parser; one command uses it from one thread.
+struct BuiltDocument {
+  std::string text;                   // the document as read
+  api::TarnPatternAnalyzer analyzer;  // built from text
+  parser::JsonParser parser;          // text read back into rules
+};
+
+// Reads RULES, builds it and (with `readBack`) reads it back, reporting any
+// failure on stderr and in `failure` (when not null). Returns kExitOk or the
+// exit code.
+[[nodiscard]] int buildAndRead(const std::string& rules, BuiltDocument& document,
+                               bool readBack = true, BuildFailure* failure = nullptr);
 
 }  // namespace tpa::tools
 

@@ -1,4 +1,6 @@
 // `tpa check`: builds a document, measures the build and lints the text.
+#include <malloc.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -7,10 +9,9 @@
 
 #include "api/diagnostics.h"
 #include "mapper/map.h"
+#include "mapper/trace_text.h"
 #include "parser/json_parser.h"
-#include "tools/alloc_meter.h"
 #include "tools/build_guard.h"
-#include "tools/built_document.h"
 #include "tools/commands.h"
 #include "tools/line_io.h"
 #include "tools/lint.h"
@@ -20,6 +21,22 @@
 
 namespace tpa::tools {
 namespace {
+
+// What the C library's allocator has handed out (all arenas and mmapped
+// blocks, so the automata's arrays count as well as every container), and
+// the process's peak resident set: process-wide, meaningful in this
+// single-threaded tool.
+struct MemorySample {
+  std::size_t allocatedBytes = 0;
+  long peakRssKiB = 0;
+};
+
+MemorySample sampleMemory() {
+  const struct mallinfo2 info = mallinfo2();
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return {info.uordblks + info.hblkhd, usage.ru_maxrss};
+}
 
 struct Measured {
   BuildOutcome outcome;
@@ -47,6 +64,14 @@ std::string machineSize(const char* name, const mapper::Map::Machine* machine) {
   return std::string(name) + " " + std::to_string(states);
 }
 
+// The number of rules a successful build made (0 for a failed one).
+std::size_t rulesBuilt(api::TarnPatternAnalyzer& analyzer, const std::string& text,
+                       const BuildOutcome& outcome) {
+  parser::JsonParser parser;
+  if (outcome.threw || outcome.code != error::TPA_ERROR_NONE) return 0;
+  return parseAsBuilt(parser, analyzer, text) ? parser.getRules().size() : 0;
+}
+
 void writeBuildReport(OutputSink& out, api::TarnPatternAnalyzer& analyzer, const std::string& text,
                       const Measured& m) {
   if (m.outcome.threw) {
@@ -55,13 +80,14 @@ void writeBuildReport(OutputSink& out, api::TarnPatternAnalyzer& analyzer, const
     out.line("result: " + std::to_string(m.outcome.code) + " " + error::name(m.outcome.code));
   }
   if (m.outcome.threw || m.outcome.code != error::TPA_ERROR_NONE) return;
-  parser::JsonParser parser;
-  (void)parseAsBuilt(parser, analyzer, text);
-  out.line("rules: " + std::to_string(parser.getRules().size()));
+  out.line("rules: " + std::to_string(rulesBuilt(analyzer, text, m.outcome)));
   const mapper::Map* map = api::Inspect::map(analyzer);
   out.line("automaton states: " + machineSize("apps", map ? map->appsMachine() : nullptr) + ", " +
-           machineSize("include", map ? map->includeMachine() : nullptr) + ", " +
-           machineSize("exclude", map ? map->excludeMachine() : nullptr));
+           machineSize(mapper::decisionName(mapper::TPA_DECISION_INCLUDE),
+                       map ? map->includeMachine() : nullptr) +
+           ", " +
+           machineSize(mapper::decisionName(mapper::TPA_DECISION_EXCLUDE),
+                       map ? map->excludeMachine() : nullptr));
   char timing[64];
   std::snprintf(timing, sizeof timing, "build time: %.3f ms", m.milliseconds);
   out.line(timing);
@@ -71,37 +97,23 @@ void writeBuildReport(OutputSink& out, api::TarnPatternAnalyzer& analyzer, const
            std::to_string(m.after.peakRssKiB - m.before.peakRssKiB) + " KiB");
 }
 
-void writeWarnings(OutputSink& out, const std::string& text, const std::string& name,
-                   const std::vector<Finding>& findings) {
-  const LineIndex lines(text);
-  out.line("warnings: " + std::to_string(findings.size()));
-  for (const Finding& f : findings) {
-    const auto [line, column] = lines.at(f.offset);
-    out.line(name + ":" + std::to_string(line) + ":" + std::to_string(column) + ": warning: [" +
-             f.code + "] " + f.message);
+// The build's result and rule count as the last JSON line, or a failed
+// build as an annotation.
+void writeResult(OutputSink& out, api::TarnPatternAnalyzer& analyzer, const std::string& text,
+                 const std::string& name, const Measured& m, const BuildFailure& failure,
+                 OutputFormat format, std::size_t warnings) {
+  const BuildOutcome& outcome = m.outcome;
+  if (format == OutputFormat::kGithub) {
+    if (failure.exitCode != kExitOk) writeBuildFailure(out, format, name, failure);
+    return;
   }
-}
-
-// The build's result and rule count, for the machine-readable formats.
-CheckResult checkResult(api::TarnPatternAnalyzer& analyzer, const std::string& text,
-                        const BuildOutcome& outcome) {
-  CheckResult result{outcome.threw, outcome.what, outcome.code, 0,
-                     describeBuildFailure(outcome, text)};
-  parser::JsonParser parser;
-  if (!outcome.threw && outcome.code == error::TPA_ERROR_NONE &&
-      parseAsBuilt(parser, analyzer, text)) {
-    result.rules = parser.getRules().size();
-  }
-  return result;
-}
-
-// With --strict, a document that builds but has warnings fails the check.
-int checkStatus(const Invocation& invocation, const Measured& measured, const std::string& text,
-                const std::string& name, std::size_t warnings) {
-  const int built = reportBuildFailure(measured.outcome, text, name);
-  if (built != kExitOk || !invocation.strict || warnings == 0) return built;
-  std::fprintf(stderr, "tpa: check --strict: %zu warning%s\n", warnings, warnings == 1 ? "" : "s");
-  return kExitWarnings;
+  out.line(JsonLine()
+               .field("file", name)
+               .field("result", outcome.threw ? -1 : outcome.code)
+               .field("result_name", outcome.threw ? "threw" : error::name(outcome.code))
+               .field("rules", rulesBuilt(analyzer, text, outcome))
+               .field("warnings", warnings)
+               .str());
 }
 
 }  // namespace
@@ -114,16 +126,28 @@ int runCheck(const Invocation& invocation) {
   const Measured measured = measureBuild(analyzer, text);
   const std::vector<Finding> findings = lintDocument(text);
   OutputSink out(STDOUT_FILENO, false);
-  if (invocation.format != OutputFormat::kText) {
-    writeCheckReport(out, invocation.format, text, name, findings,
-                     checkResult(analyzer, text, measured.outcome));
-  } else {
+  const OutputFormat format = invocation.format;
+  if (format == OutputFormat::kText) {
     out.line("document: " + name + " (" + std::to_string(text.size()) + " bytes)");
     writeBuildReport(out, analyzer, text, measured);
-    writeWarnings(out, text, name, findings);
+    out.line("warnings: " + std::to_string(findings.size()));
+  }
+  const LineIndex lines(text);
+  for (const Finding& f : findings) {
+    const auto [line, column] = lines.at(f.offset);
+    out.line(findingLine(format, name, line, column, f.code, f.message));
+  }
+  const BuildFailure failure = describeBuildFailure(measured.outcome, text);
+  if (format != OutputFormat::kText) {
+    writeResult(out, analyzer, text, name, measured, failure, format, findings.size());
   }
   if (finishOutput(out, kExitOk) != kExitOk) return kExitIo;
-  return checkStatus(invocation, measured, text, name, findings.size());
+  // With --strict, a document that builds but has warnings fails the check.
+  const int built = reportBuildFailure(measured.outcome, failure, name);
+  const std::size_t warnings = findings.size();
+  if (built != kExitOk || !invocation.strict || warnings == 0) return built;
+  std::fprintf(stderr, "tpa: check --strict: %zu warning%s\n", warnings, warnings == 1 ? "" : "s");
+  return kExitWarnings;
 }
 
 }  // namespace tpa::tools

@@ -1,12 +1,8 @@
 #include "tools/cli.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
+
+#include "tools/commands.h"
 
 namespace tpa::tools {
 namespace {
@@ -189,32 +185,26 @@ constexpr char kImportHelp[] =
     "0 written, 2 it cannot be built, 64 usage, 65 the lists give no name,\n"
     "66 a FILE cannot be read.\n";
 
+// Every command: its name, help, options and the function that runs it.
+constexpr CommandSpec kCommands[] = {
+    {Command::kQuery, "query", kQueryHelp, Formats::kNone, runQuery},
+    {Command::kShow, "show", kShowHelp, Formats::kNone, runShow},
+    {Command::kCheck, "check", kCheckHelp, Formats::kAll, runCheck},
+    {Command::kExplain, "explain", kExplainHelp, Formats::kTextJson, runExplain},
+    {Command::kDiff, "diff", kDiffHelp, Formats::kAll, runDiff},
+    {Command::kImport, "import", kImportHelp, Formats::kAll, runImport},
+};
+
+const CommandSpec* commandNamed(const std::string& name) {
+  for (const CommandSpec& spec : kCommands) {
+    if (name == spec.name) return &spec;
+  }
+  return nullptr;
+}
+
 bool isHelpFlag(const std::string& arg) { return arg == "-h" || arg == "--help"; }
 
-// What a usage error tells to read: the command's help when it names one.
-std::string seeHelp(const std::string& command) {
-  return command.empty() ? " (see 'tpa --help')" : " (see 'tpa " + command + " --help')";
-}
-
 bool isOption(const std::string& arg) { return arg.size() > 1 && arg[0] == '-'; }
-
-bool commandFromName(const std::string& name, Command& command) {
-  if (name == "query")
-    command = Command::kQuery;
-  else if (name == "show")
-    command = Command::kShow;
-  else if (name == "check")
-    command = Command::kCheck;
-  else if (name == "explain")
-    command = Command::kExplain;
-  else if (name == "diff")
-    command = Command::kDiff;
-  else if (name == "import")
-    command = Command::kImport;
-  else
-    return false;
-  return true;
-}
 
 ParseOutcome usageError(std::string message) {
   ParseOutcome outcome;
@@ -222,16 +212,12 @@ ParseOutcome usageError(std::string message) {
   return outcome;
 }
 
-// The formats a command writes, as its usage error lists them.
-const char* formatValues(Command command) {
-  return command == Command::kExplain ? "text or json" : "text, json or github";
-}
-
-ParseOutcome help(const std::string& topic) {
+// Help (of `topic`, or of the tool), or the version.
+ParseOutcome help(const std::string& topic, bool version = false) {
   ParseOutcome outcome;
   outcome.ok = true;
-  outcome.invocation.command = Command::kHelp;
   outcome.invocation.helpTopic = topic;
+  outcome.invocation.version = version;
   return outcome;
 }
 
@@ -249,34 +235,33 @@ bool optionValue(const std::vector<std::string>& args, std::size_t& i, const std
   return true;
 }
 
-bool formatFromName(const std::string& name, bool github, OutputFormat& format) {
+bool formatFromName(const std::string& name, Formats formats, OutputFormat& format) {
   if (name == "text")
     format = OutputFormat::kText;
   else if (name == "json")
     format = OutputFormat::kJson;
-  else if (name == "github" && github)
+  else if (name == "github" && formats == Formats::kAll)
     format = OutputFormat::kGithub;
   else
     return false;
   return true;
 }
 
-// Takes the option at args[i] if `command` has it. Returns false for an
+// Takes the option at args[i] if the command has it. Returns false for an
 // option the command does not have, or a bad value (`bad` is then set).
-bool takeOption(Command command, const std::vector<std::string>& args, std::size_t& i,
-                Invocation& invocation, bool& bad) {
+bool takeOption(const std::vector<std::string>& args, std::size_t& i, Invocation& invocation,
+                bool& bad) {
+  const CommandSpec& spec = *invocation.command;
   std::string value;
-  const bool formatted = command == Command::kCheck || command == Command::kExplain ||
-                         command == Command::kDiff || command == Command::kImport;
-  if (formatted && optionValue(args, i, "--format", value)) {
-    bad = !formatFromName(value, command != Command::kExplain, invocation.format);
+  if (spec.formats != Formats::kNone && optionValue(args, i, "--format", value)) {
+    bad = !formatFromName(value, spec.formats, invocation.format);
     return !bad;
   }
-  if (command == Command::kCheck && args[i] == "--strict") {
+  if (spec.command == Command::kCheck && args[i] == "--strict") {
     invocation.strict = true;
     return true;
   }
-  if (command != Command::kImport) return false;
+  if (spec.command != Command::kImport) return false;
   if (optionValue(args, i, "--apps", value)) {
     invocation.apps = value;
     invocation.appsGiven = true;
@@ -290,9 +275,8 @@ bool takeOption(Command command, const std::vector<std::string>& args, std::size
   return true;
 }
 
-// Splits the operands after the command, honouring "--".
-bool collectOperands(const std::vector<std::string>& args, Command command,
-                     std::vector<std::string>& operands, Invocation& options, bool& wantsHelp,
+// Splits the operands after the command, honouring "--", into `invocation`.
+bool collectOperands(const std::vector<std::string>& args, Invocation& invocation, bool& wantsHelp,
                      std::string& unknown) {
   bool literal = false;
   for (std::size_t i = 1; i < args.size(); ++i) {
@@ -303,70 +287,65 @@ bool collectOperands(const std::vector<std::string>& args, Command command,
     } else if (!literal && isHelpFlag(arg)) {
       wantsHelp = true;
     } else if (!literal && isOption(arg)) {
-      if (takeOption(command, args, i, options, bad)) continue;
-      unknown = bad ? "bad value in option '" + arg + "' (expected " + formatValues(command) + ")"
-                    : "unknown option '" + arg + "'";
+      if (takeOption(args, i, invocation, bad)) continue;
+      unknown = !bad ? "unknown option '" + arg + "'"
+                     : "bad value in option '" + arg + "' (expected " +
+                           (invocation.command->formats == Formats::kAll ? "text, json or github"
+                                                                         : "text or json") +
+                           ")";
       return false;
     } else {
-      operands.push_back(arg);
+      invocation.operands.push_back(arg);
     }
   }
   return true;
 }
 
 // diff and import: files, of which at most one is standard input.
-ParseOutcome withFiles(Invocation options, const std::string& name,
-                       const std::vector<std::string>& operands) {
-  const bool import = options.command == Command::kImport;
+std::string checkFiles(const Invocation& invocation) {
+  const std::vector<std::string>& operands = invocation.operands;
+  const bool import = invocation.command->command == Command::kImport;
   if (!import && (operands.size() < 2 || operands.size() > 3)) {
-    return usageError("diff: takes OLD NEW [QUERIES]");
+    return "diff: takes OLD NEW [QUERIES]";
   }
-  if (import && operands.size() < 2) return usageError("import: missing FORMAT or FILE");
+  if (import && operands.size() < 2) return "import: missing FORMAT or FILE";
   if (std::count(operands.begin() + (import ? 1 : 0), operands.end(), "-") > 1) {
-    return usageError(name + ": only one file can come from standard input");
+    return std::string(invocation.command->name) + ": only one file can come from standard input";
   }
-  ParseOutcome outcome;
-  outcome.ok = true;
-  outcome.invocation = std::move(options);
-  outcome.invocation.operands = operands;
-  return outcome;
+  return "";
 }
 
-ParseOutcome withOperands(Command command, const std::string& name,
-                          const std::vector<std::string>& operands) {
-  if (operands.empty()) return usageError(name + ": missing RULES");
-  ParseOutcome outcome;
-  outcome.invocation.command = command;
-  outcome.invocation.rules = operands[0];
+// query, show, check and explain: RULES, then APP DEST pairs.
+std::string checkPairs(Invocation& invocation) {
+  const std::vector<std::string>& operands = invocation.operands;
+  const Command command = invocation.command->command;
+  const std::string name = invocation.command->name;
+  if (operands.empty()) return name + ": missing RULES";
+  invocation.rules = operands[0];
   const std::size_t rest = operands.size() - 1;
   if (command == Command::kShow || command == Command::kCheck) {
-    if (rest != 0) return usageError(name + ": takes RULES only");
+    if (rest != 0) return name + ": takes RULES only";
   } else if (rest % 2 != 0) {
-    return usageError(name + ": APP and DEST come in pairs");
+    return name + ": APP and DEST come in pairs";
   } else if (command == Command::kExplain && rest == 0) {
-    return usageError("explain: missing APP DEST");
+    return "explain: missing APP DEST";
   }
   for (std::size_t i = 1; i + 1 < operands.size(); i += 2) {
-    outcome.invocation.pairs.emplace_back(operands[i], operands[i + 1]);
+    invocation.pairs.emplace_back(operands[i], operands[i + 1]);
   }
-  if (command == Command::kQuery && outcome.invocation.pairs.empty() &&
-      outcome.invocation.rules == "-") {
-    return usageError("query: RULES and the queries cannot both come from standard input");
+  if (command == Command::kQuery && invocation.pairs.empty() && invocation.rules == "-") {
+    return "query: RULES and the queries cannot both come from standard input";
   }
-  outcome.ok = true;
-  return outcome;
+  return "";
 }
-
-}  // namespace
-
-namespace {
 
 // "help [COMMAND]": the same text as "COMMAND --help".
 ParseOutcome helpCommand(const std::vector<std::string>& args) {
-  Command command;
   if (args.size() > 2) return usageError("help: takes one COMMAND at most");
   if (args.size() == 1) return help("");
-  if (!commandFromName(args[1], command)) return usageError("help: unknown command '" + args[1] + "'");
+  if (commandNamed(args[1]) == nullptr) {
+    return usageError("help: unknown command '" + args[1] + "'");
+  }
   return help(args[1]);
 }
 
@@ -374,28 +353,22 @@ ParseOutcome parseCommand(const std::vector<std::string>& args) {
   if (args.empty()) return usageError("missing COMMAND");
   if (isHelpFlag(args[0])) return help("");
   if (args[0] == "help") return helpCommand(args);
-  if (args[0] == "--version") {
-    ParseOutcome outcome = help("");
-    outcome.invocation.command = Command::kVersion;
-    return outcome;
-  }
-  Command command;
-  if (!commandFromName(args[0], command)) return usageError("unknown command '" + args[0] + "'");
-  std::vector<std::string> operands;
-  Invocation options;
-  options.command = command;
+  if (args[0] == "--version") return help("", true);
+  ParseOutcome outcome;
+  Invocation& invocation = outcome.invocation;
+  invocation.command = commandNamed(args[0]);
+  if (invocation.command == nullptr) return usageError("unknown command '" + args[0] + "'");
   bool wantsHelp = false;
-  std::string unknown;
-  if (!collectOperands(args, command, operands, options, wantsHelp, unknown)) {
-    return usageError(args[0] + ": " + unknown);
+  std::string error;
+  if (!collectOperands(args, invocation, wantsHelp, error)) {
+    return usageError(args[0] + ": " + error);
   }
   if (wantsHelp) return help(args[0]);
-  if (command == Command::kDiff || command == Command::kImport) {
-    return withFiles(std::move(options), args[0], operands);
-  }
-  ParseOutcome outcome = withOperands(command, args[0], operands);
-  outcome.invocation.format = options.format;
-  outcome.invocation.strict = options.strict;
+  const Command command = invocation.command->command;
+  error = command == Command::kDiff || command == Command::kImport ? checkFiles(invocation)
+                                                                   : checkPairs(invocation);
+  if (!error.empty()) return usageError(error);
+  outcome.ok = true;
   return outcome;
 }
 
@@ -404,52 +377,16 @@ ParseOutcome parseCommand(const std::vector<std::string>& args) {
 ParseOutcome parseArguments(const std::vector<std::string>& args) {
   ParseOutcome outcome = parseCommand(args);
   if (outcome.ok) return outcome;
-  Command command;
-  const bool named = !args.empty() && commandFromName(args[0], command);
-  outcome.error += seeHelp(named ? args[0] : "");
+  // What a usage error tells to read: the command's help when it names one.
+  const bool named = !args.empty() && commandNamed(args[0]) != nullptr;
+  outcome.error += named ? " (see 'tpa " + args[0] + " --help')" : " (see 'tpa --help')";
   return outcome;
 }
 
 std::string helpText(const std::string& topic) {
-  if (topic == "query") return kQueryHelp;
-  if (topic == "show") return kShowHelp;
-  if (topic == "check") return kCheckHelp;
-  if (topic == "explain") return kExplainHelp;
-  if (topic == "diff") return kDiffHelp;
-  if (topic == "import") return kImportHelp;
-  return kToolHelp;
+  const CommandSpec* spec = commandNamed(topic);
+  return spec != nullptr ? spec->help : kToolHelp;
 }
-
-bool readRules(const std::string& path, std::string& text, std::string& error) {
-  const bool fromStdin = path == "-";
-  const int fd = fromStdin ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  const std::string name = fromStdin ? "standard input" : path;
-  if (fd < 0) {
-    error = "cannot read " + name + ": " + std::strerror(errno);
-    return false;
-  }
-  text.clear();
-  char block[64 * 1024];
-  ssize_t n;
-  while ((n = ::read(fd, block, sizeof block)) != 0) {
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) break;
-    text.append(block, static_cast<std::size_t>(n));
-  }
-  const int readError = n < 0 ? errno : 0;
-  if (!fromStdin) ::close(fd);
-  if (readError != 0) error = "cannot read " + name + ": " + std::strerror(readError);
-  return readError == 0;
-}
-
-bool loadRules(const std::string& path, std::string& text) {
-  std::string error;
-  if (readRules(path, text, error)) return true;
-  std::fprintf(stderr, "tpa: %s\n", error.c_str());
-  return false;
-}
-
-std::string displayName(const std::string& path) { return path == "-" ? "<stdin>" : path; }
 
 std::string versionText() { return std::string("tpa ") + TPA_VERSION; }
 

@@ -1,7 +1,7 @@
-// The command line of the `tpa` tool: its exit codes, its help texts and the
-// parsing of `tpa COMMAND RULES [APP DEST]...` into an Invocation. Also reads
-// the RULES document from a file or from standard input ("-").
-// Plain functions over values; nothing here touches the analyzer.
+// The command line of the `tpa` tool: its exit codes, the table of its
+// commands (name, help, the function that runs it) and the parsing of
+// `tpa COMMAND RULES [APP DEST]...` into an Invocation.
+// Plain functions over values; parsing never touches the analyzer.
 #ifndef TPA_TOOLS_CLI_H_
 #define TPA_TOOLS_CLI_H_
 
@@ -24,18 +24,33 @@ inline constexpr int kExitIo = 74;          // standard output could not be writ
 
 inline constexpr int kExitChanged = 1;  // diff: some decision changed
 
-enum class Command { kHelp, kVersion, kQuery, kShow, kCheck, kExplain, kDiff, kImport };
+enum class Command { kQuery, kShow, kCheck, kExplain, kDiff, kImport };
 
 // How check, explain and diff write their report (--format=).
 enum class OutputFormat { kText, kJson, kGithub };
 
+// The formats a command offers with --format (kNone: no such option).
+enum class Formats { kNone, kTextJson, kAll };
+
+struct Invocation;
+
+// One command of the tool: what it is called, its help and what runs it.
+struct CommandSpec {
+  Command command;
+  const char* name;
+  const char* help;
+  Formats formats;
+  int (*run)(const Invocation&);  // returns the exit code
+};
+
 // What the command line asked for. `rules` is a path or "-".
 struct Invocation {
-  Command command = Command::kHelp;
+  const CommandSpec* command = nullptr;  // null: help or the version
+  bool version = false;                  // --version (command null)
   std::string rules;
   std::vector<std::pair<std::string, std::string>> pairs;  // APP, DEST
   std::string helpTopic;  // the command whose help was asked, or empty
-  // diff: OLD NEW [QUERIES]; import: FORMAT FILE...
+  // The operands after the command; diff: OLD NEW [QUERIES]; import: FORMAT FILE...
   std::vector<std::string> operands;
   OutputFormat format = OutputFormat::kText;
   bool strict = false;  // check only: warnings fail (kExitWarnings)
@@ -64,16 +79,6 @@ struct ParseOutcome {
 
 // "tpa VERSION", the project's version as the build configured it.
 [[nodiscard]] std::string versionText();
-
-// Reads a whole file ("-": standard input) into `text`, byte for byte.
-// Returns false and an explanation in `error` when it cannot be read.
-[[nodiscard]] bool readRules(const std::string& path, std::string& text, std::string& error);
-
-// readRules, reporting a failure as "tpa: ..." on stderr.
-[[nodiscard]] bool loadRules(const std::string& path, std::string& text);
-
-// How the diagnostics name the document: the path, or "<stdin>" for "-".
-[[nodiscard]] std::string displayName(const std::string& path);
 
 }  // namespace tpa::tools
 

@@ -1,6 +1,7 @@
 #include "tools/decision_reason.h"
 
-#include "tools/built_document.h"
+#include "mapper/trace_text.h"
+#include "mapper/transform.h"
 #include "tools/doc_scan.h"
 #include "tpa/api/constants.h"
 
@@ -9,42 +10,27 @@ namespace {
 
 using mapper::ListTrace;
 using mapper::MatchKind;
-using mapper::Verdict;
 
-const char* verdictText(Verdict v) {
-  switch (v) {
-    case Verdict::kNeither:
-      return "no list matched";
-    case Verdict::kOnlyInclude:
-      return "only include matched";
-    case Verdict::kOnlyExclude:
-      return "only exclude matched";
-    case Verdict::kIncludeEqual:
-      return "both matched equally, ties go to include";
-    case Verdict::kIncludeLonger:
-      return "both matched, include longer";
-    case Verdict::kExcludeLonger:
-      return "both matched, exclude longer";
-  }
-  return "";
+// The end of the key a partial match read (the stored wildcard's text after
+// its '*'), or empty when the trace does not tell it.
+std::string partialTail(const ListTrace& l) {
+  const int p = l.partial.matched;
+  if (p <= 0 || p > static_cast<int>(l.key.size())) return "";
+  return l.key.substr(l.key.size() - static_cast<std::size_t>(p));
 }
 
 // What the deciding search matched, as far as the trace tells.
 std::string matchedEntry(const ListTrace& l) {
+  const std::string key = decidingKey(l);
   switch (l.match) {
     case MatchKind::kWholeKey:
-      return "whole key " + quoted(l.key);
+      return "whole key " + quoted(key);
     case MatchKind::kNetworkPrefix:
-      return "network prefix of " + std::to_string(l.bitsSearch.matched) + " bits " +
-             quoted(l.prefixKey);
-    case MatchKind::kPartialKey: {
-      const int p = l.partial.matched;
-      if (p <= 0 || p > static_cast<int>(l.key.size())) return "wildcard";
-      // The matched end of the key is the wildcard's text after its '*'.
-      const std::string tail = l.key.substr(l.key.size() - static_cast<std::size_t>(p));
-      if (l.partial.storedLength != p + 2) return "wildcard ending in " + quoted(tail);
-      return "wildcard " + quoted("#*" + tail);
-    }
+      return "network prefix of " + std::to_string(l.bitsSearch.matched) + " bits " + quoted(key);
+    case MatchKind::kPartialKey:
+      if (!key.empty()) return "wildcard " + quoted(key);
+      if (partialTail(l).empty()) return "wildcard";
+      return "wildcard ending in " + quoted(partialTail(l));
     case MatchKind::kNone:
       break;
   }
@@ -53,32 +39,34 @@ std::string matchedEntry(const ListTrace& l) {
 
 }  // namespace
 
+std::string decidingKey(const ListTrace& list) {
+  switch (list.match) {
+    case MatchKind::kWholeKey:
+      return list.key;
+    case MatchKind::kNetworkPrefix:
+      return list.prefixKey;
+    case MatchKind::kPartialKey: {
+      const std::string tail = partialTail(list);
+      if (tail.empty() || list.partial.storedLength != list.partial.matched + 2) return "";
+      return mapper::wildcardKey(tail);
+    }
+    case MatchKind::kNone:
+      break;
+  }
+  return "";
+}
+
 DecidingStep decidingStep(const mapper::QueryTrace& trace) {
   DecidingStep d;
   if (trace.steps.empty()) return d;
   const mapper::StepTrace& last = trace.steps.back();
   d.rule = last.rule;
   d.fallback = trace.steps.size() > 1;
-  if (last.verdict == Verdict::kNeither) return d;
+  if (last.verdict == mapper::Verdict::kNeither) return d;
   d.decided = true;
-  d.include = last.verdict == Verdict::kOnlyInclude || last.verdict == Verdict::kIncludeEqual ||
-              last.verdict == Verdict::kIncludeLonger;
+  d.include = mapper::decidingList(last.verdict) == mapper::TPA_DECISION_INCLUDE;
   d.list = d.include ? &last.include : &last.exclude;
   return d;
-}
-
-const char* matchName(MatchKind kind) {
-  switch (kind) {
-    case MatchKind::kWholeKey:
-      return "whole_key";
-    case MatchKind::kNetworkPrefix:
-      return "network_prefix";
-    case MatchKind::kPartialKey:
-      return "wildcard";
-    case MatchKind::kNone:
-      break;
-  }
-  return "none";
 }
 
 std::string decisionReason(const mapper::QueryTrace& trace) {
@@ -90,8 +78,9 @@ std::string decisionReason(const mapper::QueryTrace& trace) {
   if (trace.steps.size() > 1) where += ", then rule number 0";
   const DecidingStep d = decidingStep(trace);
   if (!d.decided) return where + ": no list matched, the default";
-  return where + ": " + (d.include ? "include" : "exclude") + " list, " + matchedEntry(*d.list) +
-         " (" + verdictText(trace.steps.back().verdict) + ")";
+  return where + ": " + mapper::decisionName(mapper::decidingList(trace.steps.back().verdict)) +
+         " list, " + matchedEntry(*d.list) + " (" +
+         mapper::verdictSummary(trace.steps.back().verdict) + ")";
 }
 
 std::vector<int> decidingPositions(const std::vector<parser::Rule>& rules,
@@ -99,8 +88,11 @@ std::vector<int> decidingPositions(const std::vector<parser::Rule>& rules,
   std::vector<int> positions;
   const DecidingStep d = decidingStep(trace);
   if (!d.decided) return positions;
-  for (int position : positionsOfId(rules, trace.value)) {
-    if (parser::ruleNumber(rules[position - 1].apps, position) == d.rule) positions.push_back(position);
+  for (std::size_t i = 0; i < rules.size(); ++i) {
+    const int position = static_cast<int>(i + 1);
+    if (rules[i].id == trace.value && parser::ruleNumber(rules[i].apps, position) == d.rule) {
+      positions.push_back(position);
+    }
   }
   return positions;
 }

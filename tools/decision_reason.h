@@ -24,8 +24,10 @@ struct DecidingStep {
 };
 [[nodiscard]] DecidingStep decidingStep(const mapper::QueryTrace& trace);
 
-// "whole_key", "network_prefix", "wildcard" or "none".
-[[nodiscard]] const char* matchName(mapper::MatchKind kind);
+// The framed stored key that decided through `list`: the whole key, the
+// prefix key, or the wildcard a partial match reached; empty when the trace
+// does not tell it.
+[[nodiscard]] std::string decidingKey(const mapper::ListTrace& list);
 
 // E.g. `rule number 3: include list, whole key "#cdn.shop.test$31" (only
 // include matched)`, or `rule number 3, then rule number 0: no list matched,

@@ -1,47 +1,36 @@
 #include "tools/diff_classes.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
-#include <climits>
-#include <map>
 #include <cstdio>
+#include <map>
 #include <string_view>
 
+#include "cidr/address_bits.h"
 #include "cidr/cidr.h"
 #include "mapper/map.h"
 #include "mapper/transform.h"
+#include "tpa/api/constants.h"
 
 namespace tpa::tools {
 namespace {
 
+// The characters that frame a stored key's name: kOpen NAME kClose.
+const char kOpen = sigma::sentinel::PRECEDING_SYMBOL;
+const char kClose = sigma::sentinel::SUCCEEDING_SYMBOL;
+
 // The first label of the names made up to stand for a class.
 constexpr char kProbe[] = "tpa-probe";
-
-// A rule number as transformDomain writes it (no sign: rule numbers are
-// positions); false for any other text.
-bool ruleNumberText(std::string_view text, int& number) {
-  if (text.empty() || text.size() > 10 || (text.size() > 1 && text[0] == '0')) return false;
-  long long value = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    value = value * 10 + (c - '0');
-  }
-  if (value > INT_MAX) return false;
-  number = static_cast<int>(value);
-  return true;
-}
 
 // Files the stems of `key` (a key of the machine whose flag is `flag`) under
 // every rule number r whose queries, framed "$" r flag, can end at one of its
 // '$'s.
 void addKey(DocumentKeys& keys, const std::string& key, char flag) {
-  for (std::size_t dollar = key.find('$'); dollar != std::string::npos;
-       dollar = key.find('$', dollar + 1)) {
+  for (std::size_t dollar = key.find(kClose); dollar != std::string::npos;
+       dollar = key.find(kClose, dollar + 1)) {
     const std::string_view tail = std::string_view(key).substr(dollar + 1);
     for (std::size_t k = 1; k < tail.size(); ++k) {
       int rule = 0;
-      if (tail[k] == flag && ruleNumberText(tail.substr(0, k), rule)) {
+      if (tail[k] == flag && mapper::readRuleNumber(tail.substr(0, k), rule)) {
         keys.stems[rule].push_back(key.substr(0, dollar));
       }
     }
@@ -51,14 +40,12 @@ void addKey(DocumentKeys& keys, const std::string& key, char flag) {
   }
 }
 
-bool isBits(const std::string& s) { return s.find_first_not_of("01") == std::string::npos; }
-
 void addList(DocumentKeys& keys, const std::vector<std::string>& list, int rule, bool include) {
   std::string text;
   for (const std::string& entry : list) {
     mapper::storedDestination(entry, text);
     addKey(keys, mapper::transformDomain(text, rule, include ? 1 : 0), include ? '1' : '0');
-    if (text.size() >= 2 && isBits(text)) keys.networks[rule].push_back(text);
+    if (text.size() >= 2 && cidr::isBitString(text)) keys.networks[rule].push_back(text);
   }
 }
 
@@ -71,19 +58,31 @@ void sortUnique(std::unordered_map<int, std::vector<std::string>>& lists) {
 
 // The address `bits` (32 or 128 of them) as people write it.
 std::string addressText(const std::string& bits) {
-  unsigned char bytes[16] = {};
-  for (std::size_t i = 0; i < bits.size() && i < 128; ++i) {
-    if (bits[i] == '1') bytes[i / 8] |= static_cast<unsigned char>(0x80u >> (i % 8));
-  }
-  char text[INET6_ADDRSTRLEN] = {};
-  inet_ntop(bits.size() == 32 ? AF_INET : AF_INET6, bytes, text, sizeof text);
-  return text;
+  const bool ipv4 = bits.size() == static_cast<std::size_t>(cidr::kIPv4Bits);
+  return cidr::bitsToAddress(bits, ipv4 ? cidr::kIPv4Bits : cidr::kIPv6Bits);
 }
 
 // A stored address's fixed-width text as people write it; other text as it is.
 std::string plainAddress(const std::string& stored) {
   const std::string bits = cidr::convertToBinaryIPAddress(stored);
   return bits.empty() ? stored : addressText(bits);
+}
+
+// For each wildcard text Z of at most `longest` characters that ends `text`:
+// Z and the character before it (which tells whether a longer stored ending
+// hides Z; `whole` where Z is all of `text`), then `separator`. And the last
+// of them, the longest such ending, for people.
+std::pair<std::string, std::string> wildcardSignature(
+    const std::string& text, const std::unordered_set<std::string>& wildcards, std::size_t longest,
+    std::string_view whole, char separator) {
+  std::string sig, ending;
+  for (std::size_t n = 0; n <= longest && n <= text.size(); ++n) {
+    const std::string z = text.substr(text.size() - n);
+    if (wildcards.count(z) == 0) continue;
+    ending = (n < text.size() ? text.substr(text.size() - n - 1, 1) : std::string(whole)) + z;
+    sig += ending + separator;
+  }
+  return {sig, ending};
 }
 
 class NameClasses : public ClassSet {
@@ -148,13 +147,14 @@ class NameClasses : public ClassSet {
 
   void describe(DestinationClass& c) {
     c.hasBase = base_ != nullptr && base_->taken(c.key);
-    if (!c.key.empty() && c.key[0] == '#') {
+    if (!c.key.empty() && c.key[0] == kOpen) {
       const std::string name = c.key.substr(1);
       const bool address = cidr::isIPAddress(name);
       c.kind = "name";
       if (address) addresses_.push_back(c.key);
       c.example = address ? plainAddress(name) : name;
-      c.pattern = address ? c.example + (cidr::isIPv4Address(name) ? "/32" : "/128") : name;
+      const int width = cidr::isIPv4Address(name) ? cidr::kIPv4Bits : cidr::kIPv6Bits;
+      c.pattern = address ? c.example + "/" + std::to_string(width) : name;
       return;
     }
     c.pattern = "*" + c.key;
@@ -170,14 +170,14 @@ class NameClasses : public ClassSet {
     if (!ending.empty() && fits("", ending)) return ending;
     for (int c = 1; c < 256; ++c) {
       const std::string prefix = probe + static_cast<char>(c);
-      if (c != '#' && fits(prefix, ending)) return prefix + ending;
+      if (c != kOpen && fits(prefix, ending)) return prefix + ending;
     }
     return "";
   }
 
   // Whether the name `prefix` `ending` falls in the class of `ending`.
   bool fits(const std::string& prefix, const std::string& ending) const {
-    const char before = prefix.empty() ? '#' : prefix.back();
+    const char before = prefix.empty() ? kOpen : prefix.back();
     return !taken(before + ending) && !cidr::isIPAddress(prefix + ending);
   }
 
@@ -192,7 +192,7 @@ class NameClasses : public ClassSet {
     std::unordered_map<int, std::string> shown;  // such a first class -> its ending
     for (std::size_t i = 0; i < classes_.size(); ++i) {
       DestinationClass& c = classes_[i];
-      if (c.kind != "ending" || c.key.find('$') != std::string::npos) continue;
+      if (c.kind != "ending" || c.key.find(kClose) != std::string::npos) continue;
       const auto [sig, ending] = signature(c.key);
       const auto [it, fresh] = first.emplace(sig, static_cast<int>(i));
       if (fresh) continue;
@@ -202,17 +202,12 @@ class NameClasses : public ClassSet {
     for (const auto& [i, ending] : shown) classes_[i].pattern = "*" + ending;
   }
 
+  // A '#' stands before Z when Z is the whole ending (then no other ending
+  // shares the signature); the ending shown goes without it.
   std::pair<std::string, std::string> signature(const std::string& ending) const {
-    std::string sig, shown;
-    for (std::size_t n = 0; n <= ending.size(); ++n) {
-      const std::string z = ending.substr(ending.size() - n);
-      if (wildcards_.count(z) == 0) continue;
-      // The character before Z; '#' when Z is the whole ending (then no
-      // other ending shares the signature).
-      shown = (n < ending.size() ? ending.substr(ending.size() - n - 1, 1) : "#") + z;
-      sig += shown + '\n';
-    }
-    if (!shown.empty() && shown[0] == '#') shown.erase(0, 1);
+    auto [sig, shown] =
+        wildcardSignature(ending, wildcards_, ending.size(), std::string(1, kOpen), '\n');
+    if (!shown.empty() && shown[0] == kOpen) shown.erase(0, 1);
     return {sig, shown};
   }
 
@@ -227,7 +222,7 @@ class NetworkClasses : public ClassSet {
   NetworkClasses(const KeySelection& own, int width, const ClassSet* base, const ClassSet& names,
                  const std::unordered_set<std::string>& wildcards)
       : width_(width), names_(names) {
-    const char* textCharacters = width == 32 ? "0123456789." : "0123456789abcdef:";
+    const char* textCharacters = width == cidr::kIPv4Bits ? "0123456789." : "0123456789abcdef:";
     for (const std::string& z : wildcards) {  // those that can end an address's text
       if (z.find_first_not_of(textCharacters) != std::string::npos) continue;
       wildcards_.insert(z);
@@ -308,7 +303,7 @@ class NetworkClasses : public ClassSet {
     for (int k = 0; k <= mask; ++k) {
       if (wildcards_.empty() && !examples.empty()) break;
       setLastByte(address, text, (first & ~mask) | ((first + k) & mask));
-      if (names_.taken("#" + text)) continue;  // a stored address: a name class
+      if (names_.taken(kOpen + text)) continue;  // a stored address: a name class
       auto [sig, ending] = signature(text);
       if (examples.count(sig) == 0) examples.emplace(sig, std::make_pair(ending, addressText(address)));
     }
@@ -321,25 +316,15 @@ class NetworkClasses : public ClassSet {
     return value;
   }
 
-  // For each wildcard text Z that ends `text`, Z and the character before it
-  // (which tells whether a longer stored ending hides Z); and the longest
-  // such ending, for people.
   std::pair<std::string, std::string> signature(const std::string& text) const {
-    std::string sig, ending;
-    for (std::size_t n = 0; n <= maxWildcard_ && n <= text.size(); ++n) {
-      const std::string z = text.substr(text.size() - n);
-      if (wildcards_.count(z) == 0) continue;
-      ending = (n < text.size() ? text.substr(text.size() - n - 1, 1) : "") + z;
-      sig += ending + "|";
-    }
-    return {sig, ending};
+    return wildcardSignature(text, wildcards_, maxWildcard_, "", '|');
   }
 
   // Sets the last byte of `address` (bits) and of its fixed-width `text`.
   void setLastByte(std::string& address, std::string& text, int value) const {
     static constexpr char kHex[] = "0123456789abcdef";
     for (int i = 0; i < 8; ++i) address[width_ - 1 - i] = (value >> i) & 1 ? '1' : '0';
-    if (width_ == 32) {
+    if (width_ == cidr::kIPv4Bits) {
       text[text.size() - 3] = static_cast<char>('0' + value / 100);
       text[text.size() - 2] = static_cast<char>('0' + value / 10 % 10);
       text[text.size() - 1] = static_cast<char>('0' + value % 10);

@@ -7,26 +7,27 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <map>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <thread>
-#include <map>
-#include <memory>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
 #include <vector>
 
 #include "api/diagnostics.h"
-#include "mapper/trace.h"
+#include "cidr/address_bits.h"
+#include "mapper/trace_text.h"
+#include "mapper/transform.h"
 #include "parser/rule.h"
 #include "tools/build_guard.h"
-#include "tools/built_document.h"
 #include "tools/commands.h"
 #include "tools/decision_reason.h"
 #include "tools/diff_classes.h"
 #include "tools/doc_scan.h"
-#include "tools/json_escape.h"
 #include "tools/line_io.h"
 #include "tools/lint.h"
 #include "tools/output_format.h"
@@ -57,15 +58,10 @@ struct Question {
 
 // QUERIES in the `tpa query` stream format. Returns kExitOk or the exit code.
 int readQuestions(const std::string& path, std::vector<Question>& out) {
-  std::string text;
+  std::string text, line;
   if (!loadRules(path, text)) return kExitNoInput;
-  std::size_t start = 0, number = 0;
-  while (start < text.size()) {
-    std::size_t end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
-    std::string line = text.substr(start, end - start);
-    start = end + 1;
-    ++number;
+  std::istringstream lines(text);
+  for (std::size_t number = 1; std::getline(lines, line); ++number) {
     if (!line.empty() && line.back() == '\r') line.pop_back();
     if (line.empty()) continue;
     const std::size_t tab = line.find('\t');
@@ -93,8 +89,6 @@ struct Pair {
 };
 
 enum ChangeKind { kIncludeToExclude, kExcludeToInclude, kIdChanged, kChangeKinds };
-constexpr const char* kKindText[kChangeKinds] = {"include to exclude", "exclude to include",
-                                                 "id changed"};
 constexpr const char* kKindName[kChangeKinds] = {"include_to_exclude", "exclude_to_include",
                                                  "id_changed"};
 
@@ -104,8 +98,7 @@ ChangeKind kindOf(const Answer& before, const Answer& after) {
 }
 
 std::string answerText(const Answer& a) {
-  return std::string(a.decision == mapper::TPA_DECISION_INCLUDE ? "include " : "exclude ") +
-         std::to_string(a.value);
+  return std::string(mapper::decisionName(a.decision)) + " " + std::to_string(a.value);
 }
 
 // One side of the comparison: a built document, and (for annotations) where
@@ -127,33 +120,6 @@ struct Side {
     return document.parser.getRules();
   }
 };
-
-// The name part of a framed key "#NAME$...".
-std::string nameOf(const std::string& key) {
-  const std::size_t dollar = key.rfind('$');
-  return key.size() > 1 && dollar != std::string::npos ? key.substr(1, dollar - 1) : "";
-}
-
-// The stored entry that decided through `list`, as the map stores it; empty
-// when the trace does not tell it.
-std::string decidingEntry(const mapper::ListTrace& list) {
-  switch (list.match) {
-    case mapper::MatchKind::kWholeKey:
-      return nameOf(list.key);
-    case mapper::MatchKind::kNetworkPrefix:
-      return nameOf(list.prefixKey);
-    case mapper::MatchKind::kPartialKey: {
-      const int p = list.partial.matched;
-      if (p <= 0 || p > static_cast<int>(list.key.size()) || list.partial.storedLength != p + 2) {
-        return "";
-      }
-      return nameOf("#*" + list.key.substr(list.key.size() - static_cast<std::size_t>(p)));
-    }
-    case mapper::MatchKind::kNone:
-      break;
-  }
-  return "";
-}
 
 // Where NEW says what changed: its deciding entry, else the rule (or the
 // start) where OLD's deciding entry no longer stands, with a note saying so.
@@ -191,7 +157,8 @@ class Annotator {
 
   Place entryPlace(int position, const DecidingStep& step) const {
     if (static_cast<std::size_t>(position) > new_.scan->rules.size()) return {};
-    const std::string entry = step.list != nullptr ? decidingEntry(*step.list) : "";
+    const std::string entry =
+        step.list != nullptr ? mapper::framedName(decidingKey(*step.list)) : "";
     const char* key = step.include ? parser::kIncludeKey : parser::kExcludeKey;
     for (const ScannedString* value : ruleObject(position).valuesOf(key)) {
       const StoredDestination stored = storeDestination(value->text);
@@ -253,12 +220,9 @@ class Reporter {
   void writeSummary(const char* asked, std::size_t count) {
     if (format_ == OutputFormat::kJson) {
       JsonLine summary;
-      summary.field(asked, static_cast<long long>(count))
-          .field("changed", static_cast<long long>(changed_));
-      for (int k = 0; k < kChangeKinds; ++k) {
-        summary.field(kKindName[k], static_cast<long long>(counts_[k]));
-      }
-      out_.line(JsonLine().raw("summary", summary.str()).str());
+      summary.field(asked, count).field("changed", changed_);
+      for (int k = 0; k < kChangeKinds; ++k) summary.field(kKindName[k], counts_[k]);
+      out_.line(JsonLine().field("summary", summary).str());
       return;
     }
     std::string line = "changed: " + std::to_string(changed_) + " of " + std::to_string(count) +
@@ -266,8 +230,9 @@ class Reporter {
     std::string kinds;
     for (int k = 0; k < kChangeKinds; ++k) {
       if (counts_[k] == 0) continue;
-      kinds += (kinds.empty() ? "" : ", ") + std::string(kKindText[k]) + " " +
-               std::to_string(counts_[k]);
+      std::string text = kKindName[k];  // in words: "include to exclude"
+      std::replace(text.begin(), text.end(), '_', ' ');
+      kinds += (kinds.empty() ? "" : ", ") + text + " " + std::to_string(counts_[k]);
     }
     out_.line(kinds.empty() ? line : line + " (" + kinds + ")");
   }
@@ -294,24 +259,19 @@ class Reporter {
     } else {
       line.field("class", c.kind).field("pattern", c.pattern).field("example", c.destination);
       if (!c.ending.empty()) line.field("ending", c.ending);
-      if (!c.also.empty()) {
-        std::string apps;
-        appendJsonStringArray(apps, c.also);
-        line.raw("also", apps);
-      }
+      if (!c.also.empty()) line.field("also", c.also);
     }
     return line.field("change", kKindName[kind])
-        .raw("old", sideJson(a, oldReason))
-        .raw("new", sideJson(b, newReason))
+        .field("old", sideJson(a, oldReason))
+        .field("new", sideJson(b, newReason))
         .str();
   }
 
-  static std::string sideJson(const Answer& a, const std::string& reason) {
+  static JsonLine sideJson(const Answer& a, const std::string& reason) {
     return JsonLine()
-        .field("decision", a.decision == mapper::TPA_DECISION_INCLUDE ? "include" : "exclude")
-        .field("id", static_cast<long long>(a.value))
-        .field("reason", reason)
-        .str();
+        .field("decision", mapper::decisionName(a.decision))
+        .field("id", a.value)
+        .field("reason", reason);
   }
 
   Side& old_;
@@ -354,8 +314,8 @@ ClassSets classSets(const KeySelection& selection, const ClassSets* base,
   const auto baseOf = [base](int kind) { return base ? base->kinds[kind].get() : nullptr; };
   const ClassSet& names =
       *(sets.kinds[kNames] = nameClasses(selection, baseOf(kNames), wildcards));
-  sets.kinds[kIpv4] = networkClasses(selection, 32, baseOf(kIpv4), names, wildcards);
-  sets.kinds[kIpv6] = networkClasses(selection, 128, baseOf(kIpv6), names, wildcards);
+  sets.kinds[kIpv4] = networkClasses(selection, cidr::kIPv4Bits, baseOf(kIpv4), names, wildcards);
+  sets.kinds[kIpv6] = networkClasses(selection, cidr::kIPv6Bits, baseOf(kIpv6), names, wildcards);
   return sets;
 }
 
@@ -387,10 +347,11 @@ class CompleteDiff {
       baseAnswers_[k] = askAll(other_, base_.kinds[k]->classes(), false);
     }
     for (std::size_t i = 0; i < groups.size(); ++i) {
-      progress(i, groups.size());
+      progress_.show("tpa: diff: application group " + std::to_string(i + 1) + " of " +
+                     std::to_string(groups.size()));
       diffGroup(groups[i]);
     }
-    progress(groups.size(), groups.size());
+    progress_.clear();
     writeChanges();
     reporter_.writeSummary("classes", classes_);
   }
@@ -571,16 +532,6 @@ class CompleteDiff {
     }
   }
 
-  // On a terminal, how far the diff has come.
-  static void progress(std::size_t done, std::size_t total) {
-    if (isatty(STDERR_FILENO) != 1) return;
-    if (done == total) {
-      std::fputs("\r\033[K", stderr);
-    } else {
-      std::fprintf(stderr, "\rtpa: diff: application group %zu of %zu", done + 1, total);
-    }
-  }
-
   Side& old_;
   Side& new_;
   Reporter& reporter_;
@@ -592,21 +543,14 @@ class CompleteDiff {
   std::vector<Change> changes_;  // in the order first found
   std::unordered_map<std::string, std::size_t> merged_;  // class and answers -> its change
   std::size_t classes_ = 0;    // classes compared, once per application
+  ProgressLine progress_;      // how far the diff has come, on a terminal
 };
 
 // Builds one document; reads it back into its rules (a second reading of
 // the whole text) only when questions or annotations need them.
 int loadSide(const std::string& path, bool needRules, bool annotate, Side& side) {
   side.name = displayName(path);
-  if (!needRules) {
-    return buildDocument(path, side.document.text, side.document.analyzer, side.failure);
-  }
-  if (int code = buildDocument(path, side.document.text, side.document.analyzer, side.failure)) {
-    return code;
-  }
-  if (!parseAsBuilt(side.document.parser, side.document.analyzer, side.document.text)) {
-    return kExitBuildFailed;
-  }
+  if (int code = buildAndRead(path, side.document, needRules, &side.failure)) return code;
   if (annotate) {
     side.scan = std::make_unique<DocumentScan>(scanDocument(side.document.text));
     side.lines = std::make_unique<LineIndex>(side.document.text);

@@ -18,12 +18,9 @@ constexpr std::array<std::string_view, 4> kRuleKeys = {parser::kAppsKey, parser:
                                                         parser::kExcludeKey, parser::kIdKey};
 constexpr std::size_t kNoKey = static_cast<std::size_t>(-1);
 
-bool isBlank(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
-
-std::string_view trimmed(std::string_view s) {
-  while (!s.empty() && isBlank(s.front())) s.remove_prefix(1);
-  while (!s.empty() && isBlank(s.back())) s.remove_suffix(1);
-  return s;
+// The keys a rule reads; any other key is ignored by it.
+bool isRuleKey(std::string_view key) {
+  return std::find(kRuleKeys.begin(), kRuleKeys.end(), key) != kRuleKeys.end();
 }
 
 // "[" blanks "]" written with at least one blank somewhere: meant as [].
@@ -88,7 +85,8 @@ class Scanner : public json_config::JsonObserver {
         closeOne(openCurly_, i, "'}' without a matching '{': the build fails (braces do not balance)");
         break;
       case '[':
-        if (r.square_level == 0 && announcements_ > 0 && r.quote_count == 0) {
+        if (r.square_level == 0 && out_.arrays == 1 && out_.secondArray == 0) out_.secondArray = i;
+        if (r.square_level == 0 && out_.arrays > 0 && r.quote_count == 0) {
           note(i, "second-array",
                "second top-level array: when it closes, every object read before is announced "
                "again, so the first array's rules are built twice");
@@ -134,7 +132,7 @@ class Scanner : public json_config::JsonObserver {
   void on_push(const Reader&) override { out_.objects.push_back(current_); }
 
   void on_announce(const Reader& r) override {
-    ++announcements_;
+    ++out_.arrays;
     for (std::size_t k = 0; k < r.objects.objects.size(); ++k) out_.rules.push_back(k);
   }
 
@@ -286,7 +284,6 @@ class Scanner : public json_config::JsonObserver {
   DocumentScan out_;
   ScannedObject current_;            // the reader's current object, with positions
   std::size_t keyed_ = kNoKey;       // index into current_.properties of the reader's key
-  std::size_t announcements_ = 0;
   std::vector<std::size_t> openCurly_;   // offsets of '{' not yet closed
   std::vector<std::size_t> openSquare_;  // offsets of '[' not yet closed
   std::size_t scanned_ = 0;              // one past the last event
@@ -306,8 +303,12 @@ std::vector<const ScannedString*> ScannedObject::valuesOf(std::string_view key) 
 
 DocumentScan scanDocument(std::string_view text) { return Scanner(text).run(); }
 
-bool isRuleKey(std::string_view key) {
-  return std::find(kRuleKeys.begin(), kRuleKeys.end(), key) != kRuleKeys.end();
+bool isBlank(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+
+std::string_view trimmed(std::string_view s) {
+  while (!s.empty() && isBlank(s.front())) s.remove_prefix(1);
+  while (!s.empty() && isBlank(s.back())) s.remove_suffix(1);
+  return s;
 }
 
 std::string nearestRuleKey(std::string_view key) {

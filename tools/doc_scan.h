@@ -57,6 +57,8 @@ struct DocumentScan {
   // announcement appends every object pushed so far, so a second top-level
   // array repeats the first one's objects.
   std::vector<std::size_t> rules;
+  std::size_t arrays = 0;          // top-level arrays closed: announcements
+  std::size_t secondArray = 0;     // where the second top-level array opens (0: none)
   std::vector<KeyedValue> values;  // every value stored, once, in reading order
   std::vector<Finding> findings;   // in text order per kind, unsorted overall
   bool balanced = true;            // braces and brackets both balance
@@ -64,12 +66,14 @@ struct DocumentScan {
 
 [[nodiscard]] DocumentScan scanDocument(std::string_view text);
 
-// The keys a rule reads; any other key is ignored by it.
-[[nodiscard]] bool isRuleKey(std::string_view key);
-
 // The rule key nearest to `key` (edit distance, case-insensitive), or empty
 // when none is close enough to be a likely typo.
 [[nodiscard]] std::string nearestRuleKey(std::string_view key);
+
+// A blank as the C library's isspace says, and
+// `s` without blanks at either end.
+[[nodiscard]] bool isBlank(char c);
+[[nodiscard]] std::string_view trimmed(std::string_view s);
 
 // `text` quoted and escaped as a JSON string, for one-line messages.
 [[nodiscard]] std::string quoted(std::string_view text);

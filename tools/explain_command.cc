@@ -6,11 +6,12 @@
 #include <vector>
 
 #include "api/diagnostics.h"
+#include "cidr/address_bits.h"
 #include "cidr/cidr.h"
-#include "mapper/trace.h"
+#include "mapper/trace_text.h"
+#include "mapper/transform.h"
 #include "parser/json_parser.h"
 #include "tools/build_guard.h"
-#include "tools/built_document.h"
 #include "tools/commands.h"
 #include "tools/decision_reason.h"
 #include "tools/doc_scan.h"
@@ -21,8 +22,6 @@
 
 namespace tpa::tools {
 namespace {
-
-constexpr char kIpv4MappedText[] = "0000:0000:0000:0000:0000:ffff:";
 
 using mapper::ListTrace;
 using mapper::MatchKind;
@@ -51,27 +50,27 @@ std::string appLine(const mapper::QueryTrace& t) {
          "): it falls to the rules of every application, rule number 0";
 }
 
+// What each search of a list found, after its name (mapper::matchText).
 std::string wholeLine(const SearchTrace& s, const std::string& key) {
-  if (!s.attempted) return "whole key: not searched";
-  if (s.code != 0) return "whole key: search failed (code " + num(s.code) + ")";
+  if (!s.attempted) return "not searched";
+  if (s.code != 0) return "search failed (code " + num(s.code) + ")";
   const bool hit = s.storedLength != 0 && s.matched == static_cast<int>(key.size()) &&
                    s.storedLength == s.matched;
-  return std::string("whole key: ") + (hit ? "matched " + quoted(key) + ", value " + num(s.value)
-                                           : "no (" + readout(s, key.size()) + ")");
+  return hit ? "matched " + quoted(key) + ", value " + num(s.value)
+             : "no (" + readout(s, key.size()) + ")";
 }
 
 std::string prefixLine(const ListTrace& l) {
-  if (!l.address) return "network prefix: not an address";
-  if (!l.bitsSearch.attempted) return "network prefix: not searched";
+  if (!l.address) return "not an address";
+  if (!l.bitsSearch.attempted) return "not searched";
   const std::string run = "longest run of address bits in the list: " + num(l.bitsSearch.matched) +
                           " of " + std::to_string(l.bits.size());
   if (l.prefixKey.empty() || !l.prefix.attempted) {
-    if (l.bitsSearch.storedLength != 0)
-      return "network prefix: " + run + ", ends on a key end: unusable";
-    return "network prefix: " + run + ", unusable (needs at least 2 and fewer than all)";
+    if (l.bitsSearch.storedLength != 0) return run + ", ends on a key end: unusable";
+    return run + ", unusable (needs at least 2 and fewer than all)";
   }
   const bool hit = l.match == MatchKind::kNetworkPrefix;
-  return "network prefix: " + run + "; prefix key " + quoted(l.prefixKey) +
+  return run + "; prefix key " + quoted(l.prefixKey) +
          (hit ? " matched, value " + num(l.prefix.value)
               : " is not stored (" + readout(l.prefix, l.prefixKey.size()) + ")");
 }
@@ -83,99 +82,72 @@ std::string wildcardKey(const ListTrace& l) {
   }
   const std::string suffix =
       l.key.substr(l.key.size() - static_cast<std::size_t>(l.partial.matched));
-  if (l.partial.storedLength == l.partial.matched + 2) return quoted("#*" + suffix);
+  if (l.partial.storedLength == l.partial.matched + 2) return quoted(mapper::wildcardKey(suffix));
   return "a key of length " + num(l.partial.storedLength) + " ending in " + quoted("*" + suffix);
 }
 
 std::string partialLine(const ListTrace& l) {
-  if (!l.partial.attempted) return "wildcard: not searched (an earlier search matched)";
-  if (l.partial.code != 0) return "wildcard: search failed (code " + num(l.partial.code) + ")";
+  if (!l.partial.attempted) return "not searched (an earlier search matched)";
+  if (l.partial.code != 0) return "search failed (code " + num(l.partial.code) + ")";
   if (l.match == MatchKind::kPartialKey) {
-    return "wildcard: the last " + num(l.partial.matched) + " characters match " + wildcardKey(l) +
+    return "the last " + num(l.partial.matched) + " characters match " + wildcardKey(l) +
            ", value " + num(l.partial.value);
   }
-  return "wildcard: no (longest suffix found " + num(l.partial.matched) +
-         " characters, stored key length " + num(l.partial.storedLength) + " at the '*' walk)";
+  return "no (longest suffix found " + num(l.partial.matched) + " characters, stored key length " +
+         num(l.partial.storedLength) + " at the '*' walk)";
 }
 
 std::string listResult(const ListTrace& l) {
   if (!l.found) return "no match";
-  const char* how = l.match == MatchKind::kWholeKey        ? "whole key"
-                    : l.match == MatchKind::kNetworkPrefix ? "network prefix"
-                                                           : "wildcard";
-  return std::string("match by ") + how + " (matched " + num(l.matchedLength) + ", stored " +
-         num(l.storedLength) + "), value " + num(l.value);
+  return std::string("match by ") + mapper::matchText(l.match) + " (matched " +
+         num(l.matchedLength) + ", stored " + num(l.storedLength) + "), value " + num(l.value);
 }
 
 void writeList(OutputSink& out, const char* name, const ListTrace& l) {
   out.line(std::string("    ") + name + ": key " + quoted(l.key));
-  out.line("      " + wholeLine(l.whole, l.key));
-  out.line("      " + prefixLine(l));
-  out.line("      " + partialLine(l));
+  const auto search = [&out](MatchKind kind, const std::string& result) {
+    out.line(std::string("      ") + mapper::matchText(kind) + ": " + result);
+  };
+  search(MatchKind::kWholeKey, wholeLine(l.whole, l.key));
+  search(MatchKind::kNetworkPrefix, prefixLine(l));
+  search(MatchKind::kPartialKey, partialLine(l));
   out.line("      => " + listResult(l));
-}
-
-std::string verdictLine(Verdict v) {
-  switch (v) {
-    case Verdict::kNeither:
-      return "neither list matched";
-    case Verdict::kOnlyInclude:
-      return "only include matched: include";
-    case Verdict::kOnlyExclude:
-      return "only exclude matched: exclude";
-    case Verdict::kIncludeEqual:
-      return "both matched equally: ties go to include";
-    case Verdict::kIncludeLonger:
-      return "both matched; include is longer in stored key or match: include";
-    case Verdict::kExcludeLonger:
-      return "both matched; exclude is no shorter in either and longer in one: exclude";
-  }
-  return "";
 }
 
 void writeStep(OutputSink& out, const StepTrace& step, bool isFallback) {
   out.line(std::string("  rule number ") + num(step.rule) +
            (step.rule == 0 ? " (the rules of every application)" : "") +
            (isFallback ? ", the fallback:" : ":"));
-  writeList(out, "include", step.include);
-  writeList(out, "exclude", step.exclude);
-  std::string precedence = "    precedence: " + verdictLine(step.verdict);
+  writeList(out, mapper::decisionName(mapper::TPA_DECISION_INCLUDE), step.include);
+  writeList(out, mapper::decisionName(mapper::TPA_DECISION_EXCLUDE), step.exclude);
+  std::string precedence =
+      std::string("    precedence: ") + mapper::verdictExplanation(step.verdict);
   if (step.verdict == Verdict::kNeither) {
     precedence += step.rule != 0 ? "; falling back to rule number 0" : "; no fallback is left";
   }
   out.line(precedence);
 }
 
-// Which rules can have decided: those with the value as id and whose number
-// is the rule number of the deciding step.
+// Which rules can have decided (decidingPositions).
 std::string decidingRule(const std::vector<parser::Rule>& rules, const mapper::QueryTrace& t) {
   if (t.steps.empty() || t.value == mapper::MAP_DEFAULT_DOMAIN_VALUE) {
     return "no rule decided: the default";
   }
-  const int rule = t.steps.back().rule;
   std::string positions;
-  for (int position : positionsOfId(rules, t.value)) {
-    if (parser::ruleNumber(rules[position - 1].apps, position) != rule) continue;
+  for (int position : decidingPositions(rules, t)) {
     positions += (positions.empty() ? "" : ", ") + num(position);
   }
-  if (positions.empty())
-    return "id " + num(t.value) + ", at no position of rule number " + num(rule);
+  if (positions.empty()) {
+    return "id " + num(t.value) + ", at no position of rule number " + num(t.steps.back().rule);
+  }
   return "the rule at position " + positions + ", id " + num(t.value);
-}
-
-// The IPv4 address inside an IPv4-mapped IPv6 text ("...:ffff:cb00:7109").
-std::string mappedIpv4(const std::string& expanded) {
-  const unsigned long high = std::stoul(expanded.substr(30, 4), nullptr, 16);
-  const unsigned long low = std::stoul(expanded.substr(35, 4), nullptr, 16);
-  return num(static_cast<int>(high >> 8)) + "." + num(static_cast<int>(high & 0xff)) + "." +
-         num(static_cast<int>(low >> 8)) + "." + num(static_cast<int>(low & 0xff));
 }
 
 void writeMappedNote(OutputSink& out, const std::string& destination) {
   if (!cidr::isIPv6Address(destination)) return;
   const std::string expanded = cidr::expandIPv6(destination);
-  if (expanded.rfind(kIpv4MappedText, 0) != 0) return;
-  const std::string ipv4 = mappedIpv4(expanded);
+  if (!cidr::isIPv4MappedText(expanded)) return;
+  const std::string ipv4 = cidr::mappedIPv4(expanded);
   out.line("  note: " + destination + " is an IPv4-mapped IPv6 address: IPv4 entries for " + ipv4 +
            " (the address, or a network holding it) cannot match it as written, only IPv6 "
            "entries such as ::ffff:" +
@@ -191,10 +163,6 @@ struct TracedQuery {
   int decision = 0;
 };
 
-const char* decisionName(const TracedQuery& q) {
-  return q.decision == mapper::TPA_DECISION_INCLUDE ? "include" : "exclude";
-}
-
 void writeText(OutputSink& out, const std::vector<parser::Rule>& rules, const TracedQuery& q) {
   out.line("query: " + quoted(q.app) + " " + quoted(q.destination));
   out.line("  " + appLine(q.trace));
@@ -202,31 +170,28 @@ void writeText(OutputSink& out, const std::vector<parser::Rule>& rules, const Tr
   writeMappedNote(out, q.destination);
   for (std::size_t i = 0; i < q.trace.steps.size(); ++i) writeStep(out, q.trace.steps[i], i > 0);
   out.line("  deciding rule: " + decidingRule(rules, q.trace));
-  out.line(std::string("  decision: ") + decisionName(q) + "\t" + num(q.value));
+  out.line(std::string("  decision: ") + mapper::decisionName(q.decision) + "\t" + num(q.value));
 }
 
 // One JSON object per query; the fields are listed in `tpa explain --help`.
 void writeJson(OutputSink& out, const std::vector<parser::Rule>& rules, const TracedQuery& q) {
   const DecidingStep step = decidingStep(q.trace);
-  std::string positions = "[";
-  for (int p : decidingPositions(rules, q.trace))
-    positions += (positions.size() > 1 ? "," : "") + num(p);
   JsonLine line;
   line.field("app", q.app)
       .field("destination", q.destination)
       .field("searched_as", q.trace.destination)
-      .field("app_rule_number", static_cast<long long>(q.trace.rule))
-      .field("decision", decisionName(q))
-      .field("id", static_cast<long long>(q.value));
+      .field("app_rule_number", q.trace.rule)
+      .field("decision", mapper::decisionName(q.decision))
+      .field("id", q.value);
   if (step.decided) {
-    line.field("rule_number", static_cast<long long>(step.rule))
-        .field("list", step.include ? "include" : "exclude")
-        .field("match", matchName(step.list->match));
+    line.field("rule_number", step.rule)
+        .field("list", mapper::decisionName(mapper::decidingList(q.trace.steps.back().verdict)))
+        .field("match", mapper::matchName(step.list->match));
   } else {
     line.null("rule_number").null("list").null("match");
   }
   out.line(line.field("fallback", step.fallback)
-               .raw("positions", positions + "]")
+               .field("positions", decidingPositions(rules, q.trace))
                .field("reason", decisionReason(q.trace))
                .str());
 }

@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tools/build_guard.h"
 #include "tools/cli.h"
 #include "tools/commands.h"
 #include "tools/doc_scan.h"
@@ -70,57 +71,37 @@ std::string splitApps(const Invocation& invocation, std::vector<std::string>& ap
 // the reading got while standard error is a terminal.
 class Reporter {
  public:
-  explicit Reporter(OutputFormat format)
-      : format_(format), terminal_(isatty(STDERR_FILENO) == 1) {}
+  explicit Reporter(OutputFormat format) : format_(format) {}
 
   void note(const std::string& file, std::size_t line, const LineNote& note) {
     clearProgress();
     ++notes_;
-    std::string text;
-    if (format_ == OutputFormat::kJson) {
-      text = JsonLine()
-                 .field("file", file)
-                 .field("line", static_cast<long long>(line))
-                 .field("code", note.code)
-                 .field("message", note.message)
-                 .str();
-    } else if (format_ == OutputFormat::kGithub) {
-      text = githubAnnotation("warning", file, line, 1, "[" + note.code + "] " + note.message);
-    } else {
-      text = file + ":" + std::to_string(line) + ": warning: [" + note.code + "] " + note.message;
-    }
+    const std::string text = findingLine(format_, file, line, 0, note.code, note.message);
     std::fprintf(stderr, "%s\n", text.c_str());
   }
 
   // Called for every line read; writes at most four times a second.
   void progress(const std::string& file, std::size_t line, std::size_t names) {
-    if (!terminal_ || (line & 0x3fff) != 0) return;
+    if (!progress_.active() || (line & 0x3fff) != 0) return;
     const auto now = std::chrono::steady_clock::now();
     if (now - shown_ < std::chrono::milliseconds(250)) return;
     shown_ = now;
-    std::fprintf(stderr, "\rtpa: import: %s: %zu lines read, %zu names", file.c_str(), line,
-                 names);
-    onScreen_ = true;
+    progress_.show("tpa: import: " + file + ": " + std::to_string(line) + " lines read, " +
+                   std::to_string(names) + " names");
   }
 
   // A step that takes a while on a large list, shown until the next output.
   void stage(const char* what, std::size_t names) {
-    if (!terminal_) return;
-    std::fprintf(stderr, "\rtpa: import: %s (%zu names)", what, names);
-    onScreen_ = true;
+    progress_.show(std::string("tpa: import: ") + what + " (" + std::to_string(names) + " names)");
   }
 
-  void clearProgress() {
-    if (onScreen_) std::fputs("\r\033[K", stderr);
-    onScreen_ = false;
-  }
+  void clearProgress() { progress_.clear(); }
 
   [[nodiscard]] std::size_t notes() const { return notes_; }
 
  private:
   OutputFormat format_;
-  bool terminal_;
-  bool onScreen_ = false;  // a progress line waits to be cleared
+  ProgressLine progress_;
   std::chrono::steady_clock::time_point shown_{};
   std::size_t notes_ = 0;
 };
@@ -157,20 +138,18 @@ bool readList(const std::string& path, std::uint32_t fileIndex, Importer& import
 void writeSummary(const Importer& importer, const ImportOutcome& outcome, std::size_t notTaken,
                   OutputFormat format) {
   if (format == OutputFormat::kJson) {
-    const std::string line =
-        JsonLine()
-            .field("include_entries", static_cast<long long>(outcome.include.size()))
-            .field("exclude_entries", static_cast<long long>(outcome.exclude.size()))
-            .field("names", static_cast<long long>(importer.meaning().size()))
-            .field("rules", static_cast<long long>(importer.rulesRead()))
-            .field("duplicates", static_cast<long long>(importer.duplicates()))
-            .field("not_taken", static_cast<long long>(notTaken))
-            .field("names_lost", static_cast<long long>(outcome.namesLost))
-            .field("exceptions_dropped", static_cast<long long>(outcome.exceptionsDropped))
-            .field("wildcards_hidden", static_cast<long long>(outcome.wildcardsHidden))
-            .field("padding", static_cast<long long>(outcome.padding))
-            .str();
-    std::fprintf(stderr, "{\"summary\":%s}\n", line.c_str());
+    const JsonLine summary = JsonLine()
+                                 .field("include_entries", outcome.include.size())
+                                 .field("exclude_entries", outcome.exclude.size())
+                                 .field("names", importer.meaning().size())
+                                 .field("rules", importer.rulesRead())
+                                 .field("duplicates", importer.duplicates())
+                                 .field("not_taken", notTaken)
+                                 .field("names_lost", outcome.namesLost)
+                                 .field("exceptions_dropped", outcome.exceptionsDropped)
+                                 .field("wildcards_hidden", outcome.wildcardsHidden)
+                                 .field("padding", outcome.padding);
+    std::fprintf(stderr, "%s\n", JsonLine().field("summary", summary).str().c_str());
     return;
   }
   std::fprintf(stderr,

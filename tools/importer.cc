@@ -4,6 +4,8 @@
 #include <unordered_set>
 #include <utility>
 
+#include "mapper/trace_text.h"
+#include "parser/rule.h"
 #include "tools/build_guard.h"
 #include "tools/doc_scan.h"
 #include "tools/json_escape.h"
@@ -18,14 +20,8 @@ constexpr char kNothing[] = "nothing.tpa-import.invalid";
 constexpr char kAnyApp[] = "tpa.import.any-application";
 
 void appendList(std::string& out, const char* key, const std::vector<std::string>& list) {
-  out += ",\n  \"";
-  out += key;
-  out += "\": [";
-  for (std::size_t i = 0; i < list.size(); ++i) {
-    out += i == 0 ? "\n    " : ",\n    ";
-    appendJsonString(out, list[i]);
-  }
-  out += "]";
+  out += ",\n  \"" + std::string(key) + "\": ";
+  appendJsonStringArray(out, list, "\n    ");
 }
 
 // Adds `count` names under ".invalid", which no destination ever has, to
@@ -138,7 +134,10 @@ void addTails(std::vector<std::string>& list, bool toExclude, const WildcardList
   }
 }
 
-const char* decisionWord(bool include) { return include ? "include" : "exclude"; }
+const char* decisionWord(bool include) {
+  return mapper::decisionName(include ? mapper::TPA_DECISION_INCLUDE
+                                      : mapper::TPA_DECISION_EXCLUDE);
+}
 
 // "SUBJECT gets D; the list means D'" for names the list means to be listed
 // (`meant`) or not, which the document decides the other way.
@@ -206,8 +205,8 @@ std::string Importer::document(const ImportOutcome& outcome) const {
     out += ",\n  \"match_apps\": ";
     appendJsonStringArray(out, options_.apps);
   }
-  if (!outcome.include.empty()) appendList(out, "include", outcome.include);
-  if (!outcome.exclude.empty()) appendList(out, "exclude", outcome.exclude);
+  if (!outcome.include.empty()) appendList(out, parser::kIncludeKey, outcome.include);
+  if (!outcome.exclude.empty()) appendList(out, parser::kExcludeKey, outcome.exclude);
   out += "}";
   if (outcome.everyOtherName) out += ",\n {\"id\": \"" + options_.id + "\"}";
   return out + "]";

@@ -1,7 +1,5 @@
 #include "tools/lint.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
@@ -11,10 +9,12 @@
 #include <set>
 #include <tuple>
 
+#include "cidr/address_bits.h"
 #include "cidr/cidr.h"
 #include "cidr/decimal.h"
 #include "fsa/suffix_automaton.h"
 #include "mapper/map.h"
+#include "mapper/trace_text.h"
 #include "mapper/transform.h"
 #include "parser/rule.h"
 #include "tpa/api/constants.h"
@@ -22,38 +22,18 @@
 namespace tpa::tools {
 namespace {
 
-constexpr char kIpv4MappedText[] = "0000:0000:0000:0000:0000:ffff:";
 constexpr std::size_t kMaxCheckedRules = std::size_t{1} << 20;
 
-bool hasBlank(std::string_view s) {
-  return std::any_of(s.begin(), s.end(),
-                     [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; });
-}
+bool hasBlank(std::string_view s) { return std::any_of(s.begin(), s.end(), isBlank); }
 
 bool hasUpper(std::string_view s) {
   return std::any_of(s.begin(), s.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
-}
-
-bool isBits(std::string_view s) {
-  return !s.empty() && s.find_first_not_of("01") == std::string_view::npos;
 }
 
 // The prefix length written after the first '/', as atoi reads it.
 int writtenPrefix(const std::string& written) {
   const std::size_t slash = written.find('/');
   return slash == std::string::npos ? -1 : cidr::decimalAtoi(written.c_str() + slash + 1);
-}
-
-// Bits (most significant first, padded with zeros to `width`) as address text.
-std::string bitsToAddress(std::string bits, int width) {
-  bits.resize(static_cast<std::size_t>(width), '0');
-  unsigned char bytes[16] = {};
-  for (int i = 0; i < width; ++i) {
-    if (bits[i] == '1') bytes[i / 8] |= static_cast<unsigned char>(0x80u >> (i % 8));
-  }
-  char text[INET6_ADDRSTRLEN] = {};
-  inet_ntop(width == 32 ? AF_INET : AF_INET6, bytes, text, sizeof text);
-  return text;
 }
 
 // A destination as written, with what the map makes of it.
@@ -83,6 +63,7 @@ class MachineIndex {
 struct RuleView {
   std::size_t object = 0;
   std::size_t position = 0;  // 1-based
+  bool repeat = false;       // a copy of an earlier rule (a later top-level array's)
   int number = 0;
   std::vector<const ScannedString*> apps;  // as written; empty means every app
   const ScannedString* id = nullptr;       // first "id" value, if any
@@ -137,28 +118,13 @@ class Linter {
   // (brackets and braces count wherever they stand, as the reader counts
   // them), and every announced object becomes a rule again.
   void checkArrays() {
-    std::size_t arrays = 0;
-    std::size_t objects = 0;
-    std::size_t second = 0;  // where the second top-level array opens
-    std::uint64_t rules = 0;
-    std::int64_t level = 0;
-    for (std::size_t i = 0; i < text_.size(); ++i) {
-      const char c = text_[i];
-      if (c == '}') {
-        ++objects;
-      } else if (c == '[') {
-        if (level++ == 0 && arrays == 1 && second == 0) second = i;
-      } else if (c == ']' && level-- == 1) {
-        ++arrays;
-        rules += objects;
-      }
-    }
-    if (arrays < 2) return;
-    note(second, "repeated-arrays",
-         std::to_string(arrays) +
+    if (scan_.arrays < 2) return;
+    note(scan_.secondArray, "repeated-arrays",
+         std::to_string(scan_.arrays) +
              " top-level arrays: each announces every object read before "
              "it again, so the " +
-             std::to_string(objects) + " objects make " + std::to_string(rules) + " rules");
+             std::to_string(scan_.objects.size()) + " objects make " +
+             std::to_string(scan_.rules.size()) + " rules");
   }
 
   // --- single values -------------------------------------------------------
@@ -217,15 +183,12 @@ class Linter {
   }
 
   void checkNetwork(const ScannedString& v, const StoredDestination& d) {
-    if (isBits(d.stored)) {
+    if (cidr::isBitString(d.stored)) {
       if (d.stored.size() == 1) {
         note(v.offset, "network-never-matches",
              "a network of one bit never matches: a prefix match needs at least 2 bits");
       }
-      if (d.network == 6 && d.stored.size() >= 96 &&
-          d.stored.compare(0, 96, std::string(80, '0') + std::string(16, '1')) == 0) {
-        noteMapped(v);
-      }
+      if (d.network == 6 && cidr::isIPv4MappedBits(d.stored)) noteMapped(v);
       return;
     }
     const int prefix = writtenPrefix(v.text);
@@ -233,14 +196,14 @@ class Linter {
       note(v.offset, "network-zero-prefix",
            "a /0 network is stored as its address: it matches that one address only, not every "
            "address");
-    } else if (d.network == 4 && prefix > 32) {
+    } else if (d.network == 4 && prefix > cidr::kIPv4Bits) {
       note(v.offset, "network-prefix-clamped",
            "an IPv4 prefix above 32 is cut to 32: only the address itself matches");
     }
   }
 
   void checkAddress(const ScannedString& v, const StoredDestination& d) {
-    if (cidr::isIPv6Address(v.text) && d.stored.rfind(kIpv4MappedText, 0) == 0) noteMapped(v);
+    if (cidr::isIPv6Address(v.text) && cidr::isIPv4MappedText(d.stored)) noteMapped(v);
   }
 
   void noteMapped(const ScannedString& v) {
@@ -277,7 +240,7 @@ class Linter {
     const std::string& t = v.text;
     const std::size_t first = t.find('*');
     const std::size_t last = t.rfind('*');
-    if (t == "*") return;
+    if (t == parser::kAnyDestination) return;
     const std::string rest = t.substr(last + 1);
     if (first != 0 || first != last) {
       note(v.offset, "wildcard-misplaced",
@@ -294,8 +257,10 @@ class Linter {
   // --- rules -----------------------------------------------------------------
 
   void collectRules() {
+    std::set<std::size_t> seen;
     for (std::size_t k = 0; k < scan_.rules.size(); ++k) {
       views_.push_back(makeView(scan_.objects[scan_.rules[k]], scan_.rules[k], k + 1));
+      views_.back().repeat = !seen.insert(scan_.rules[k]).second;
     }
   }
 
@@ -309,8 +274,8 @@ class Linter {
     std::vector<std::string> apps;
     for (const ScannedString* app : view.apps) apps.push_back(app->text);
     view.number = parser::ruleNumber(apps, static_cast<int>(position));
-    view.include = entries(object.valuesOf(parser::kIncludeKey), "*");
-    view.exclude = entries(object.valuesOf(parser::kExcludeKey), "");
+    view.include = entries(object.valuesOf(parser::kIncludeKey), parser::kAnyDestination);
+    view.exclude = entries(object.valuesOf(parser::kExcludeKey), parser::kNoDestination);
     return view;
   }
 
@@ -324,9 +289,8 @@ class Linter {
   }
 
   void checkRules() {
-    std::set<std::size_t> seen;
     for (const RuleView& view : views_) {
-      if (!seen.insert(view.object).second) continue;
+      if (view.repeat) continue;
       checkId(view);
       checkApps(view);
       checkBothLists(view);
@@ -353,19 +317,13 @@ class Linter {
   int readId(const ScannedString& v) {
     const char* start = v.text.c_str();
     const cidr::DecimalReading reading = cidr::readDecimal(start);
-    const char* end = reading.end;
-    const bool range = !reading.fitsInt;
     const int id = reading.value;
-    std::string_view rest(end);
-    while (!rest.empty() && std::isspace(static_cast<unsigned char>(rest.front()))) {
-      rest.remove_prefix(1);
-    }
     std::string problem;
-    if (end == start) {
+    if (reading.end == start) {
       problem = " is no number";
-    } else if (!rest.empty()) {
+    } else if (!trimmed(reading.end).empty()) {
       problem = " has text after its digits";
-    } else if (range) {
+    } else if (!reading.fitsInt) {
       problem = " is outside the int range";
     }
     if (!problem.empty()) {
@@ -428,16 +386,14 @@ class Linter {
   void checkMachineWalks() {
     const MachineIndex includeIndex(machineText(true));
     const MachineIndex excludeIndex(machineText(false));
-    std::set<std::size_t> seen;
     for (const RuleView& view : views_) {
-      if (!seen.insert(view.object).second) continue;
-      for (const Entry& e : view.include) {
-        checkNetworkWalk(e, includeIndex, "include");
-        checkWildcardWalk(e, view, mapper::TPA_DECISION_INCLUDE, includeIndex);
-      }
-      for (const Entry& e : view.exclude) {
-        checkNetworkWalk(e, excludeIndex, "exclude");
-        checkWildcardWalk(e, view, mapper::TPA_DECISION_EXCLUDE, excludeIndex);
+      if (view.repeat) continue;
+      for (const std::uint8_t list : {mapper::TPA_DECISION_INCLUDE, mapper::TPA_DECISION_EXCLUDE}) {
+        const bool include = list == mapper::TPA_DECISION_INCLUDE;
+        for (const Entry& e : include ? view.include : view.exclude) {
+          checkNetworkWalk(e, include ? includeIndex : excludeIndex, mapper::decisionName(list));
+          checkWildcardWalk(e, view, list, include ? includeIndex : excludeIndex);
+        }
       }
     }
   }
@@ -461,7 +417,8 @@ class Linter {
     const std::string longer = before + name.substr(1);
     const bool written = e.written != nullptr;
     note(written ? e.written->offset : scan_.objects[view.object].open, "wildcard-shadowed",
-         (written ? quoted(e.written->text) : std::string("the default include \"*\"")) +
+         (written ? quoted(e.written->text)
+                  : "the default include " + quoted(parser::kAnyDestination)) +
              " does not match names that end in " + quoted(longer) + " (such as " +
              quoted("x" + longer) +
              ") unless they are stored whole: the wildcard search "
@@ -474,15 +431,18 @@ class Linter {
   // anywhere in the text loses the addresses that continue the same way.
   void checkNetworkWalk(const Entry& e, const MachineIndex& machine, const char* list) {
     const std::string& bits = e.stored.stored;
-    const int width = e.stored.network == 4 ? 32 : 128;
-    if (e.written == nullptr || e.stored.network == 0 || !isBits(bits) || bits.size() < 2) return;
+    const int width = e.stored.network == 4 ? cidr::kIPv4Bits : cidr::kIPv6Bits;
+    if (e.written == nullptr || e.stored.network == 0 || !cidr::isBitString(bits) ||
+        bits.size() < 2) {
+      return;
+    }
     for (const char next : {'0', '1'}) {
       if (!machine.occurs(bits + next)) continue;
       std::string example = bits + next;
       extendWalk(example, machine, width);
       note(e.written->offset, "network-shadowed",
            "addresses of this network whose next bit is " + std::string(1, next) + " (such as " +
-               bitsToAddress(example, width) +
+               cidr::bitsToAddress(example, width) +
                ") are not matched by it: the prefix search in the " + list +
                " list follows a longer run of stored bits and tries only that run");
       return;
@@ -536,9 +496,8 @@ StoredDestination storeDestination(const std::string& written) {
   try {
     std::vector<std::string> one{written};
     parser::sanitize(one);
-    d.sanitized = one[0];
-    mapper::storedDestination(d.sanitized, d.stored);
-    d.network = cidr::isCidrIpAddress(d.sanitized);
+    mapper::storedDestination(one[0], d.stored);
+    d.network = cidr::isCidrIpAddress(one[0]);
     if (d.network == 0) d.network = sanitizedNetworkKind(written);
   } catch (const std::exception& e) {
     d.threw = true;

@@ -26,7 +26,6 @@ namespace tpa::tools {
 struct StoredDestination {
   bool threw = false;
   std::string what;       // the exception's text when threw
-  std::string sanitized;  // after the rule's sanitising
   std::string stored;     // after the map's normalisation: the key's name part
   int network = 0;        // 4 or 6 when stored as a network, else 0
 };

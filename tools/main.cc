@@ -1,16 +1,14 @@
 // tpa: shows how the analyzer reads a rules document and why it decides what
 // it decides, before the rules reach phones. See `tpa --help`.
+#include <unistd.h>
+
 #include <cstdio>
 #include <new>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include <unistd.h>
-
-#include <string_view>
-
 #include "tools/cli.h"
-#include "tools/commands.h"
 #include "tools/line_io.h"
 #include "tools/output_format.h"
 
@@ -23,29 +21,6 @@ int writeText(const std::string& text) {
   return tpa::tools::finishOutput(out, tpa::tools::kExitOk);
 }
 
-int dispatch(const tpa::tools::Invocation& invocation) {
-  using tpa::tools::Command;
-  switch (invocation.command) {
-    case Command::kQuery:
-      return tpa::tools::runQuery(invocation);
-    case Command::kShow:
-      return tpa::tools::runShow(invocation);
-    case Command::kCheck:
-      return tpa::tools::runCheck(invocation);
-    case Command::kExplain:
-      return tpa::tools::runExplain(invocation);
-    case Command::kDiff:
-      return tpa::tools::runDiff(invocation);
-    case Command::kImport:
-      return tpa::tools::runImport(invocation);
-    case Command::kVersion:
-      return writeText(tpa::tools::versionText() + "\n");
-    case Command::kHelp:
-      break;
-  }
-  return writeText(tpa::tools::helpText(invocation.helpTopic));
-}
-
 int run(int argc, char** argv) {
   const std::vector<std::string> args(argv + 1, argv + argc);
   const tpa::tools::ParseOutcome parsed = tpa::tools::parseArguments(args);
@@ -53,7 +28,10 @@ int run(int argc, char** argv) {
     std::fprintf(stderr, "tpa: %s\n", parsed.error.c_str());
     return tpa::tools::kExitUsage;
   }
-  return dispatch(parsed.invocation);
+  const tpa::tools::Invocation& invocation = parsed.invocation;
+  if (invocation.command != nullptr) return invocation.command->run(invocation);
+  return writeText(invocation.version ? tpa::tools::versionText() + "\n"
+                                      : tpa::tools::helpText(invocation.helpTopic));
 }
 
 }  // namespace

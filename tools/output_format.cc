@@ -1,10 +1,11 @@
 #include "tools/output_format.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 
 #include "tools/json_escape.h"
-#include "tools/lint.h"
 #include "tpa/api/constants.h"
 
 namespace tpa::tools {
@@ -40,6 +41,19 @@ int finishOutput(OutputSink& out, int code) {
   return kExitIo;
 }
 
+ProgressLine::ProgressLine() : terminal_(isatty(STDERR_FILENO) == 1) {}
+
+void ProgressLine::show(const std::string& text) {
+  if (!terminal_) return;
+  std::fprintf(stderr, "\r%s", text.c_str());
+  shown_ = true;
+}
+
+void ProgressLine::clear() {
+  if (shown_) std::fputs("\r\033[K", stderr);
+  shown_ = false;
+}
+
 std::string githubAnnotation(std::string_view level, std::string_view file, std::size_t line,
                              std::size_t column, std::string_view message) {
   std::string out = "::" + std::string(level) + " file=" + annotationEscape(file, true);
@@ -49,40 +63,46 @@ std::string githubAnnotation(std::string_view level, std::string_view file, std:
   return out + "::" + annotationEscape(message, false);
 }
 
-void JsonLine::name(std::string_view name) {
+JsonLine& JsonLine::raw(std::string_view name, std::string_view json) {
   body_ += body_.empty() ? "{" : ",";
   appendJsonString(body_, name);
   body_ += ':';
+  body_ += json;
+  return *this;
 }
 
 JsonLine& JsonLine::field(std::string_view name, std::string_view text) {
-  this->name(name);
-  appendJsonString(body_, text);
-  return *this;
+  std::string json;
+  appendJsonString(json, text);
+  return raw(name, json);
 }
 
-JsonLine& JsonLine::field(std::string_view name, long long number) {
-  this->name(name);
-  body_ += std::to_string(number);
-  return *this;
+JsonLine& JsonLine::field(std::string_view name, const std::vector<std::string>& texts) {
+  std::string json;
+  appendJsonStringArray(json, texts);
+  return raw(name, json);
 }
 
-JsonLine& JsonLine::field(std::string_view name, bool flag) {
-  this->name(name);
-  body_ += flag ? "true" : "false";
-  return *this;
+JsonLine& JsonLine::field(std::string_view name, const std::vector<int>& numbers) {
+  std::string json = "[";
+  for (int n : numbers) json += (json.size() > 1 ? "," : "") + std::to_string(n);
+  return raw(name, json + "]");
 }
 
-JsonLine& JsonLine::null(std::string_view name) {
-  this->name(name);
-  body_ += "null";
-  return *this;
-}
-
-JsonLine& JsonLine::raw(std::string_view name, std::string_view json) {
-  this->name(name);
-  body_ += json;
-  return *this;
+std::string findingLine(OutputFormat format, const std::string& file, std::size_t line,
+                        std::size_t column, const std::string& code, const std::string& message) {
+  const std::string text = "[" + code + "] " + message;
+  if (format == OutputFormat::kGithub) {
+    return githubAnnotation("warning", file, line, column == 0 ? 1 : column, text);
+  }
+  if (format == OutputFormat::kText) {
+    const std::string at = column == 0 ? "" : ":" + std::to_string(column);
+    return file + ":" + std::to_string(line) + at + ": warning: " + text;
+  }
+  JsonLine json;
+  json.field("file", file).field("line", line);
+  if (column != 0) json.field("column", column);
+  return json.field("code", code).field("message", message).str();
 }
 
 void writeBuildFailure(OutputSink& out, OutputFormat format, const std::string& name,
@@ -95,52 +115,18 @@ void writeBuildFailure(OutputSink& out, OutputFormat format, const std::string& 
   line.field("file", name);
   if (failure.exitCode == kExitBuildFailed) {
     line.field("error", "build_failed")
-        .field("code", static_cast<long long>(failure.code))
+        .field("code", failure.code)
         .field("code_name", error::name(failure.code));
   } else {
     line.field("error", "build_threw").field("exception", failure.exception);
     if (failure.located) {
       line.field("key", failure.key)
           .field("value", failure.value)
-          .field("line", static_cast<long long>(failure.line))
-          .field("column", static_cast<long long>(failure.column));
+          .field("line", failure.line)
+          .field("column", failure.column);
     }
   }
   out.line(line.field("message", failure.message).str());
-}
-
-void writeCheckReport(OutputSink& out, OutputFormat format, const std::string& text,
-                      const std::string& name, const std::vector<Finding>& findings,
-                      const CheckResult& result) {
-  const LineIndex lines(text);
-  const bool json = format == OutputFormat::kJson;
-  for (const Finding& f : findings) {
-    const auto [line, column] = lines.at(f.offset);
-    if (json) {
-      out.line(JsonLine()
-                   .field("file", name)
-                   .field("line", static_cast<long long>(line))
-                   .field("column", static_cast<long long>(column))
-                   .field("code", f.code)
-                   .field("message", f.message)
-                   .str());
-    } else {
-      out.line(githubAnnotation("warning", name, line, column, "[" + f.code + "] " + f.message));
-    }
-  }
-  const bool failed = result.threw || result.code != error::TPA_ERROR_NONE;
-  const std::string resultName = result.threw ? "threw" : error::name(result.code);
-  if (json) {
-    out.line(JsonLine()
-                 .field("file", name)
-                 .field("result", static_cast<long long>(result.threw ? -1 : result.code))
-                 .field("result_name", resultName)
-                 .field("rules", static_cast<long long>(result.rules))
-                 .field("warnings", static_cast<long long>(findings.size()))
-                 .str());
-  } else if (failed) {
-    writeBuildFailure(out, format, name, result.failure);
-  }
 }
 
 }  // namespace tpa::tools

@@ -5,44 +5,29 @@
 
 #include "parser/json_parser.h"
 #include "tools/build_guard.h"
-#include "tools/built_document.h"
 #include "tools/commands.h"
-#include "tools/json_escape.h"
 #include "tools/line_io.h"
 #include "tools/output_format.h"
 #include "tpa/api/analyzer.h"
 #include "tpa/api/constants.h"
 
 namespace tpa::tools {
-namespace {
-
-void appendRule(std::string& line, const parser::Rule& rule, int position) {
-  line.assign("{\"position\":");
-  line += std::to_string(position);
-  line += ",\"rule_number\":";
-  line += std::to_string(parser::ruleNumber(rule.apps, position));
-  line += ",\"apps\":";
-  appendJsonStringArray(line, rule.apps);
-  line += ",\"include\":";
-  appendJsonStringArray(line, rule.includeList);
-  line += ",\"exclude\":";
-  appendJsonStringArray(line, rule.excludeList);
-  line += ",\"id\":";
-  line += std::to_string(rule.id);
-  line += '}';
-}
-
-}  // namespace
 
 int runShow(const Invocation& invocation) {
   BuiltDocument document;
   if (int code = buildAndRead(invocation.rules, document)) return code;
   OutputSink out(STDOUT_FILENO, false);
-  std::string line;
   const std::vector<parser::Rule>& rules = document.parser.getRules();
   for (std::size_t i = 0; i < rules.size(); ++i) {
-    appendRule(line, rules[i], static_cast<int>(i + 1));
-    out.line(line);
+    const int position = static_cast<int>(i + 1);
+    out.line(JsonLine()
+                 .field("position", position)
+                 .field("rule_number", parser::ruleNumber(rules[i].apps, position))
+                 .field("apps", rules[i].apps)
+                 .field(parser::kIncludeKey, rules[i].includeList)
+                 .field(parser::kExcludeKey, rules[i].excludeList)
+                 .field("id", rules[i].id)
+                 .str());
   }
   return finishOutput(out, kExitOk);
 }

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "cidr/address_bits.h"
 #include "cidr/decimal.h"
 
 namespace tpa::cidr {
@@ -15,8 +16,6 @@ namespace {
 
 constexpr char kUnspecifiedIPv4[] = "0.0.0.0";
 constexpr char kUnspecifiedIPv6[] = "0000:0000:0000:0000:0000:0000:0000:0000";
-constexpr int kIPv4Bits = 32;
-constexpr int kIPv6Bits = 128;
 constexpr std::size_t kIPv6TextLength = 39;
 constexpr int kPaddedAddressLength = 15;
 constexpr int kPaddedNetworkLength = 18;
@@ -250,20 +249,28 @@ int formatPadded(char* buffer, std::size_t size, const Dotted& d, bool withPrefi
   return static_cast<int>(at - buffer);
 }
 
+namespace {
+
 // The padded forms keep the first 18 (with prefix) or 15 characters of the
 // formatted text: what fits a 19- or 16-byte buffer with its terminator.
-void expandIpv4AddrInto(std::string& out, const std::string& s) {
-  Dotted d = scanDotted(s);
-  if (d.count != 4 && d.count != 5) {
-    if (&out != &s) out = s;
-    return;
-  }
+void writePadded(std::string& out, Dotted d) {
   const bool withPrefix = d.count == 5;
   if (withPrefix) d.part[4] = std::min(d.part[4], kIPv4Bits);
   char buffer[64];
   const int length = formatPadded(buffer, sizeof buffer, d, withPrefix);
   const int kept = withPrefix ? kPaddedNetworkLength : kPaddedAddressLength;
   out.assign(buffer, static_cast<std::size_t>(std::min(length, kept)));
+}
+
+}  // namespace
+
+void expandIpv4AddrInto(std::string& out, const std::string& s) {
+  const Dotted d = scanDotted(s);
+  if (d.count != 4 && d.count != 5) {
+    if (&out != &s) out = s;
+    return;
+  }
+  writePadded(out, d);
 }
 
 std::string expandIpv4Addr(const std::string& s) {
@@ -312,6 +319,29 @@ std::string convertToBinaryIPAddress(const std::string& s) {
   std::string out;
   convertToBinaryIPAddressInto(out, s);
   return out;
+}
+
+// What expandIPv6Into, then isIPv4Address and expandIpv4AddrInto, then
+// isIPAddress and convertToBinaryIPAddressInto of the result give, from one
+// parse: the expanded forms of an address are addresses again, of the same
+// value (IPv6 text has no dot; a padded quad holds the octets it was read
+// from, 0 to 255, in three digits each).
+bool canonicalQueryInto(std::string& text, std::string& bits, const std::string& s) {
+  in6_addr addr;
+  if (parseIPv6(s, &addr)) {
+    writeIPv6Text(text, addr);
+    writeIPv6Bits(bits, addr);
+    return true;
+  }
+  Dotted d;
+  if (scanDottedQuad(s, d)) {
+    writePadded(text, d);
+    writeIPv4Bits(bits, d.address());
+    return true;
+  }
+  text = s;
+  bits.clear();
+  return false;
 }
 
 std::string extractNetworkID(const std::string& s) {

@@ -56,6 +56,13 @@ bool expandIPv6Into(std::string& out, const std::string& s);
 [[nodiscard]] std::string convertToBinaryIPAddress(const std::string& s);
 void convertToBinaryIPAddressInto(std::string& out, const std::string& s);
 
+// A queried destination in the form stored addresses take, in one reading:
+// `text` gets the expanded IPv6 text, else the padded dotted form of a dotted
+// quad (expandIpv4Addr), else s; `bits` its address bits (as
+// convertToBinaryIPAddress of `text`), else nothing. True for an address.
+// `text` and `bits` must not be s.
+bool canonicalQueryInto(std::string& text, std::string& bits, const std::string& s);
+
 // The 16 bytes of addr, each most significant bit first: 128 characters.
 [[nodiscard]] std::string ipv6toBinary(const in6_addr* addr);
 

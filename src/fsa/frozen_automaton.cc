@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 
 namespace tpa::fsa {
 
@@ -91,8 +92,15 @@ int FrozenAutomaton::tryFindPartial(const char* key, int n, Value& out) const {
     // short and grow slowly.
     int lo = 0;      // a suffix of this length occurs
     int hi = n + 1;  // and none of this length (n + 1: not known yet)
-    const int tail = tails_.longestTailSuffix(key, n);
-    if (tail > 0 && tail <= n && occurs(key, n - tail, n)) lo = tail;
+    std::int32_t tailEnd = -1;
+    const int tail = tails_.longestTailSuffix(key, n, tailEnd);
+    // A kept tail is a piece of the text: compared where it stands there, it
+    // is known to occur without a walk.
+    if (tail > 0 && tail <= n && tailEnd + 1 >= tail &&
+        std::memcmp(text_.data() + (tailEnd + 1 - tail), key + (n - tail),
+                    static_cast<std::size_t>(tail)) == 0) {
+      lo = tail;
+    }
     for (int probe = lo > 0 ? std::min(n, lo + 1) : std::min(n, 8), growth = 2; lo < n;
          growth *= 2) {
       if (!occurs(key, n - probe, n)) {

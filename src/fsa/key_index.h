@@ -12,7 +12,10 @@
 //   piece y of the query read behind it, and reports the key ending at the
 //   first occurrence of "*" + y; that key is longer than y, so "*" + y is its
 //   suffix. The tails that follow a '*' up to the end of a stored key are
-//   kept as hashes, with enough of their endings to stop a search early: a
+//   kept as hashes, filed by their last eight characters or fewer (their
+//   anchor, kept whole): a query position that ends no anchor is passed
+//   over after a bit test per anchor length, and one that does compares the
+//   tails of that anchor alone, most by their first characters. A
 //   query none of whose pieces is a tail cannot match a wildcard. A hash
 //   collision only costs a walk.
 //
@@ -21,6 +24,7 @@
 #ifndef TPA_FSA_KEY_INDEX_H_
 #define TPA_FSA_KEY_INDEX_H_
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -55,7 +59,10 @@ class WholeKeyIndex {
     std::int32_t found = -1;
     slots_.probe(h, [&](const Slot& s) {
       const auto end = static_cast<std::int32_t>(s.endPlusOne - 1);
-      if (s.tag != tag || !endsWith(text, end, k, n) || !accept(end)) return false;
+      if (s.tag != tag) return false;
+      // The key's text and what accept reads are apart: loaded side by side.
+      __builtin_prefetch(text + (end + 1 - std::min(end + 1, n)));
+      if (!accept(end) || !endsWith(text, end, k, n)) return false;
       found = end;
       return true;
     });
@@ -88,84 +95,124 @@ class WildcardTails {
   void build(const unsigned char* text, const std::vector<StoredKey>& keys);
 
   // True when some piece of key[0, n) is a kept tail (or by a hash
-  // collision, or when ruling them out would take more than a few probes per
-  // character); false proves that none is.
+  // collision, or when ruling them out would take more than a few hashed
+  // characters per character); false proves that none is.
   bool anyPieceIsTail(const char* key, int n) const;
 
   // The longest kept tail that is a suffix of key[0, n) (or shares a kept
   // one's hash), 0 for none: a hint, to be checked, of a suffix that occurs.
-  int longestTailSuffix(const char* key, int n) const;
+  // `end` gets where that tail ends in the text, so that the check is a
+  // comparison there.
+  int longestTailSuffix(const char* key, int n, std::int32_t& end) const;
 
   std::size_t bytes() const {
-    return (endings_.capacity() + longer_.capacity() + lastPairs_.capacity()) *
-               sizeof(std::uint64_t) +
-           lengths_.capacity();
+    return seen_.capacity() * sizeof(std::uint64_t) + buckets_.capacity() * sizeof(Bucket) +
+           tails_.capacity() * sizeof(Tail);
   }
 
  private:
-  // Tail endings up to kEnding characters are kept piece by piece, so that a
-  // query whose pieces end like no tail is ruled out after a few characters;
-  // longer tails are kept whole, with checkpoints: every tail's ending of
-  // kEnding + m * kCheckpointEvery characters.
-  static constexpr int kEnding = 6;
-  static constexpr int kCheckpointEvery = 8;
-  static constexpr std::uint8_t kTailLength = 1;  // in lengths_
-  static constexpr std::uint8_t kCheckpoint = 2;
-
-  // A set of 64-bit hashes with linear probing: at most half full while it
-  // grows (it doubles), two thirds once fitted. 0 is empty, and each hash
-  // carries one flag in its low bit.
-  class HashSet {
-   public:
-    // Throws std::bad_alloc.
-    void insert(std::uint64_t h, bool flag);
-    // Shrinks the table to what its entries need. Throws std::bad_alloc.
-    void fit();
-    // The entry of h (the flag in its low bit), or 0.
-    std::uint64_t find(std::uint64_t h) const;
-    std::size_t capacity() const { return slots_.capacity(); }
-    bool empty() const { return slots_.empty(); }
-
-   private:
-    // The hashes are polynomials in the characters: mixed before use.
-    std::size_t home(std::uint64_t h) const {
-      return static_cast<std::size_t>((((h * 0x9e3779b97f4a7c15u) >> 32) * slots_.size()) >> 32);
-    }
-    std::size_t next(std::size_t i) const { return i + 1 == slots_.size() ? 0 : i + 1; }
-    void rehash(std::size_t size);
-    void place(std::uint64_t entry, bool flag);
-
-    std::vector<std::uint64_t> slots_;
-    std::size_t used_ = 0;
-  };
-
+  static constexpr int kMaxAnchor = 8;  // characters: one machine word
   static constexpr std::uint64_t kBase = 0x100000001b3u;
 
-  // Pieces are hashed backwards from their last character: h = sum of
-  // c * kBase^k, k counted from the end, so a piece grows to the left in O(1).
-  // endings_: every tail's endings of up to kEnding characters, flagged when
-  // one is a whole tail; longer_: the longer tails (flagged) and checkpoint
-  // endings; lengths_[l]: what longer_ holds of l characters.
-  // True (or out of budget) when a piece of k ending at j is a kept tail.
-  bool tailEndsAt(const unsigned char* k, int j, long& budget) const;
-  // The length of the longest kept tail (of the first found when `first`)
-  // that is a piece of k ending at j; 0 for none, -1 out of budget.
-  int tailsEndingAt(const unsigned char* k, int j, long& budget, bool first) const;
-  bool endsPair(unsigned char a, unsigned char b) const {
-    const unsigned pair = a << 8 | b;
-    return (lastPairs_[pair >> 6] >> (pair & 63)) & 1;
-  }
+  // A tail: its hash (h = sum of c * kBase^k, k counted from its end) and
+  // its length; its first four characters as a word (0 for a shorter one),
+  // which rule out most pieces of its length before they are hashed.
+  struct Tail {
+    std::uint64_t hash;
+    std::uint32_t length;
+    std::uint32_t lead;
+    std::int32_t end;  // of its first copy in the text
+  };
+  // The tails of one anchor, a tail's last min(length, kMaxAnchor)
+  // characters: tails_[begin, end), by length, then lead, then hash. A
+  // bucket of more than kBucketTails is split: it keeps the tails shorter
+  // than its anchor length + kSplitStep, and the longer ones are filed under
+  // that longer anchor (recursively; past kMaxAnchor an anchor is the hash of
+  // its characters, collisions merging buckets).
+  static constexpr std::uint32_t kBucketTails = 16;
+  static constexpr std::uint32_t kSplitStep = 4;
+  struct Bucket {
+    std::uint64_t anchor;  // the characters as a word, masked to their length, or their hash
+    std::uint32_t begin;
+    std::uint32_t end;
+    std::uint16_t anchorLength;  // 0: an empty slot
+    bool split;
+  };
+  // A tail being filed: its anchor so far and where it ends in the text.
+  struct Filing {
+    Bucket anchor;
+    Tail tail;
+    std::int32_t end;
+  };
 
-  HashSet endings_;
-  HashSet longer_;
-  std::vector<std::uint8_t> lengths_;
+  // The word of the kMaxAnchor characters of k ending at j, zeros standing
+  // in for those before the key.
+  static std::uint64_t wordEndingAt(const unsigned char* k, int j) {
+    std::uint64_t w;
+    if (j >= kMaxAnchor - 1) {
+      std::memcpy(&w, k + (j + 1 - kMaxAnchor), sizeof w);
+    } else {
+      unsigned char b[kMaxAnchor] = {};
+      std::memcpy(b + (kMaxAnchor - 1 - j), k, static_cast<std::size_t>(j + 1));
+      std::memcpy(&w, b, sizeof w);
+    }
+    return w;
+  }
+  static std::uint64_t mix(std::uint64_t anchor, std::uint32_t length) {
+    return ((anchor ^ (anchor >> 29)) + length) * 0x9e3779b97f4a7c15u;
+  }
+  static std::uint32_t leadAt(const unsigned char* piece, std::uint32_t length) {
+    std::uint32_t w = 0;
+    if (length >= sizeof w) std::memcpy(&w, piece, sizeof w);
+    return w;
+  }
+  static std::uint64_t hashOf(const unsigned char* piece, std::uint32_t length);
+  bool maySee(std::uint64_t mixed) const {
+    const std::uint64_t bit = mixed >> seenShift_;
+    return (seen_[bit >> 6] >> (bit & 63)) & 1;
+  }
+  const Bucket* bucketOf(std::uint64_t anchor, std::uint32_t length, std::uint64_t mixed) const;
+  // What the search of the tails ending at a query position found: the
+  // longest (or, when `first`, the first) kept tail there, 0 for none, -1
+  // when `budget`, spent on the characters hashed, ran out; and where that
+  // tail ends in the text.
+  struct Found {
+    int length = 0;
+    std::int32_t end = -1;
+  };
+  Found tailsEndingAt(const unsigned char* k, int j, long& budget, bool first) const;
+  Found tailsOf(const Bucket& b, const unsigned char* k, int j, long& budget, bool first) const;
+  Found splitTailsOf(const Bucket* b, const unsigned char* k, int j, long& budget,
+                     bool first) const;
+  // By anchor, then as a bucket holds its tails.
+  static bool filedBefore(const Filing& a, const Filing& b);
+  static bool sameAnchor(const Filing& a, const Filing& b);
+  void fileTails(const unsigned char* text, std::vector<Filing>& filings);
+  // Files filings[from, to), one anchor's, as one bucket or split; returns
+  // the buckets made.
+  std::size_t fileBucket(const unsigned char* text, std::vector<Filing>& filings, std::size_t from,
+                         std::size_t to, std::vector<Bucket>& made);
+
+  // anchorLengths_: the anchor lengths in use, ascending (count of them in
+  // anchorLengthCount_; none while there is no tail); masks_[a] keeps the
+  // last a characters of a word. seen_: a bit per mixed anchor (its top
+  // bits), set for every anchor of kMaxAnchor characters or fewer (the longer
+  // ones of split buckets are looked up from their bucket). buckets_: open
+  // addressing by mixed anchor, linear probing, at most half full, a power
+  // of two.
+  std::uint32_t anchorLengths_[kMaxAnchor] = {};
+  int anchorLengthCount_ = 0;
+  std::uint64_t masks_[kMaxAnchor + 1] = {};
+  unsigned seenShift_ = 63;
+  unsigned bucketShift_ = 63;
+  std::vector<std::uint64_t> seen_;
+  std::vector<Bucket> buckets_;
+  std::vector<Tail> tails_;
   bool lastChar_[256] = {};  // the last characters of the tails
-  std::string lastChars_;    // the same, listed
-  // The last two characters of the tails of two or more, a bit per pair; a
-  // query position that ends no such pair is skipped at once, unless some
-  // tail has a single character.
-  std::vector<std::uint64_t> lastPairs_;
-  bool singleCharacterTail_ = false;
+  // When there are at most two (typically the two list flags): each of them
+  // in every byte of a word, so that a query is searched a word at a time.
+  bool fewLastChars_ = false;
+  std::uint64_t lastWords_[2] = {0, 0};
 };
 
 }  // namespace tpa::fsa

@@ -80,17 +80,9 @@ int searchWhole(Machine& machine, const Key& key, bool& whole, int& value, Read 
 // Addresses are compared in their fixed-width forms; anything else verbatim.
 // The bit string serves the network-prefix search.
 void normaliseDestination(const std::string& destination, QueryBuffers& b) {
-  if (!cidr::expandIPv6Into(b.destination, destination)) {  // else left unchanged
-    if (cidr::isIPv4Address(destination)) cidr::expandIpv4AddrInto(b.destination, destination);
-  }
-  b.address = cidr::isIPAddress(b.destination);
+  b.address = cidr::canonicalQueryInto(b.destination, b.bits.first, destination);
   for (QueryBuffers::BitsSearch& done : b.bitsSearches) done.machine = nullptr;
   b.bits.second = machine::kFullKey;
-  if (b.address) {
-    cidr::convertToBinaryIPAddressInto(b.bits.first, b.destination);
-  } else {
-    b.bits.first.clear();
-  }
 }
 
 DomainSearchResult settle(ListTrace* trace, MatchKind kind, const DomainSearchResult& r) {
@@ -154,6 +146,32 @@ DomainSearchResult findNetwork(int rule, Machine& machine, std::uint8_t flag, Qu
   return DomainSearchResult(true, k, value, k);
 }
 
+// Whether the search of the address bits may end on a network of this rule
+// and list: it ends on the longest run of the bits in the machine's text,
+// which is at least as long as every kept name the bits start with, so only
+// such a name can be that network. Unless one of them is stored whole here,
+// the search (a walk of up to 128 steps) is skipped. A machine that fails
+// says yes, and the search reports the failure. An online machine is read
+// past its cache, which keeps only the searches a query makes.
+bool mayEndOnNetwork(int rule, Machine& machine, const BitNames& names, std::uint8_t flag,
+                     QueryBuffers& b) {
+  const BitNames::Lengths lengths = names.prefixLengthsOf(b.bits.first);
+  if (!lengths.any()) return false;
+  const Read read = machine.frozen() != nullptr ? Read::kQuery : Read::kPeek;
+  for (std::size_t length = 2; length < BitNames::kMaxBits; ++length) {
+    if (!lengths.has(length)) continue;
+    transformDomainInto(b.prefixKey.first, std::string_view(b.bits.first.data(), length), rule,
+                        flag);
+    b.prefixKey.second = machine::kFullKey;
+    bool whole = false;
+    int value = 0;
+    if (searchWhole(machine, b.prefixKey, whole, value, read, nullptr) != 0 || whole) {
+      return true;
+    }
+  }
+  return false;
+}
+
 // Searches one list of one rule number: the whole key, then the network
 // prefix of an address, then a wildcard entry. A search known to find nothing
 // is skipped; a trace shows what it would have read.
@@ -174,7 +192,7 @@ DomainSearchResult find(int rule, Machine& machine, const BitNames* bitNames, st
   if (code != 0) return DomainSearchResult();
   if (whole) return settle(trace, MatchKind::kWholeKey, DomainSearchResult(true, n, value, n));
   if (b.address) {
-    if (bitNames == nullptr || bitNames->anyPrefixOf(b.bits.first)) {
+    if (bitNames == nullptr || mayEndOnNetwork(rule, machine, *bitNames, flag, b)) {
       const DomainSearchResult network = findNetwork(rule, machine, flag, b, Read::kQuery, trace);
       if (network.found) return settle(trace, MatchKind::kNetworkPrefix, network);
     } else if (trace != nullptr) {

@@ -2,7 +2,8 @@
 // through these, so that stored and queried keys compare byte for byte.
 // Application keys are "#" app "$"; destination keys are "#" domain "$", the
 // rule number in decimal and '1' (include) or '0' (anything else). Nothing is
-// escaped or trimmed. Stateless; the *Into variants reuse the caller's buffer.
+// escaped or trimmed. Stateless; the *Into variants reuse the caller's buffer
+// (which the input must not be part of).
 #ifndef TPA_MAPPER_TRANSFORM_H_
 #define TPA_MAPPER_TRANSFORM_H_
 
@@ -21,6 +22,17 @@ void tansformAppInto(std::string& out, std::string_view app);
                                           std::uint8_t flag);
 void transformDomainInto(std::string& out, std::string_view domain, int ruleNumber,
                          std::uint8_t flag);
+
+// The stored key of a wildcard whose text after its '*' is `keyTail`, an end
+// of a framed destination key: "#*" keyTail.
+[[nodiscard]] std::string wildcardKey(std::string_view keyTail);
+
+// Whether `text` is a rule number of 0 or more exactly as transformDomain
+// writes it (no sign, no leading zero), and which.
+[[nodiscard]] bool readRuleNumber(std::string_view text, int& number);
+
+// The name part of a framed key "#NAME$...", or empty when `key` is none.
+[[nodiscard]] std::string framedName(std::string_view key);
 
 }  // namespace tpa::mapper
 

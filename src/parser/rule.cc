@@ -2,6 +2,7 @@
 
 #include <climits>
 
+#include "cidr/address_bits.h"
 #include "cidr/cidr.h"
 #include "cidr/decimal.h"
 #include "tpa/api/constants.h"
@@ -9,20 +10,16 @@
 namespace tpa::parser {
 namespace {
 
-constexpr char kAnyDestination[] = "*";
-constexpr char kNoDestination[] = "";
 constexpr int kSentinelSymbols = 2;
-constexpr int kIPv4KeyLength = 32;
-constexpr int kIPv6KeyLength = 128;
 
 // A network is stored as its bit string, so it counts at the full address
 // width whatever its prefix.
 int keyLength(const std::string& destination) {
   switch (cidr::isCidrIpAddress(destination)) {
     case 4:
-      return kIPv4KeyLength;
+      return cidr::kIPv4Bits;
     case 6:
-      return kIPv6KeyLength;
+      return cidr::kIPv6Bits;
     default:
       return static_cast<int>(destination.size());
   }

@@ -22,6 +22,11 @@ inline constexpr char kExcludeKey[] = "exclude";
 inline constexpr char kIdKey[] = "id";
 inline constexpr int kDefaultId = INT_MAX;
 
+// The lists of a rule that leaves them out: every destination is included,
+// and only the empty one excluded.
+inline constexpr char kAnyDestination[] = "*";
+inline constexpr char kNoDestination[] = "";
+
 class Rule {
  public:
   Rule(const json_config::json_object& object, int numberDigits);

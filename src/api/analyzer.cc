@@ -49,6 +49,9 @@ class ParsedRules : public mapper::RuleSource {
   std::vector<parser::Rule>& rules_;
 };
 
+// The two degenerate documents, which validate rewrites.
+bool rewrittenByValidate(const std::string& text) { return text.empty() || text == "[]"; }
+
 }  // namespace
 
 int fillMap(parser::JsonParser& parser, const mapper::MachineSizes& sizes,
@@ -125,18 +128,22 @@ int TarnPatternAnalyzer::build(const std::string& source, bool fromFile) {
   // Queries go on reading the current map meanwhile; only builds wait here.
   const BuildTurns::Turn turn(shared->builds);
   if (mapper::Map* current = shared->published.current()) current->clearCache();
-  std::string copy;
+  // A path is never rewritten; only a JSON text may be degenerate. Any
+  // other text is read where it is: a copy would be held through the whole
+  // build, its peak included.
+  std::string rewritten;
   try {
-    copy = source;
-    // A path is never rewritten; only a JSON text may be degenerate.
-    if (!fromFile) validate(copy);
+    if (!fromFile && rewrittenByValidate(source)) {
+      rewritten = source;
+      validate(rewritten);
+    }
   } catch (const std::bad_alloc&) {
     return outOfMemory();
   }
   int result;
   {
     Builder fresh;
-    result = fresh.build(copy, fromFile);
+    result = fresh.build(rewritten.empty() ? source : rewritten, fromFile);
     if (result == error::TPA_ERROR_NONE) {
       fresh.map->shareBetweenThreads();
       // The previous map comes back once no query reads it, freed with fresh.
@@ -148,6 +155,7 @@ int TarnPatternAnalyzer::build(const std::string& source, bool fromFile) {
 }
 
 int TarnPatternAnalyzer::validate(std::string& text) {
+  if (!rewrittenByValidate(text)) return error::TPA_ERROR_NONE;
   std::string copy = text;
   if (copy.empty()) {
     copy = "[]";

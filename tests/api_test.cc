@@ -200,6 +200,28 @@ TEST(Builder, MoveAssignmentTakesTheMapAndFailedBuildsKeepIt) {
   EXPECT_EQ(bMap, tpa::api::Inspect::map(a));
 }
 
+// What the lint of a document that fails to build searches: the machines of
+// the rules read before the reader failed, as the mended document builds
+// them, said without a word to the log.
+TEST(Inspect, MapOfRulesReadIsTheMapOfTheMendedDocument) {
+  const std::string rules = R"([{"match_apps": ["x"], "include": ["*.a.test", "b.a.test"]}])";
+  Builder mended;
+  ASSERT_EQ(0, mended.build(rules, false));
+  LogCapture log;
+  const std::unique_ptr<tpa::mapper::Map> read = tpa::api::Inspect::mapOfRulesRead(rules + "]");
+  ASSERT_NE(nullptr, read);
+  EXPECT_TRUE(log.records().empty());
+  const tpa::mapper::Map& built = *tpa::api::Inspect::map(mended);
+  for (const std::string probe : {"#1", ".a.test$", "b.a.test", "c.a.test", "b.a.test$11"}) {
+    EXPECT_EQ(built.includeMachine()->occurs(probe), read->includeMachine()->occurs(probe))
+        << probe;
+    EXPECT_EQ(built.excludeMachine()->occurs(probe), read->excludeMachine()->occurs(probe))
+        << probe;
+  }
+  EXPECT_TRUE(read->includeMachine()->occurs("b.a.test"));
+  EXPECT_FALSE(read->includeMachine()->occurs("c.a.test"));
+}
+
 // What a build ended with: its code (or the exception), its messages in order, then the answers
 // to a fixed set of queries (every rule's applications and destinations, and strangers).
 template <typename Build, typename Ask>

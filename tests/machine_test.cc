@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -105,6 +106,41 @@ TEST(Machine, FrozenAnswersAsKeyed) {
   EXPECT_EQ(keyed, answers());
   EXPECT_EQ(-2, machine.put(Key("#c$11", 10), 4));
   EXPECT_EQ(0, machine.clearCache());
+}
+
+// occurs says whether a text stands anywhere in the keys put one after
+// another, keyed and frozen alike: checked against a search of that text.
+TEST(Machine, OccursFindsEveryPieceOfTheKeysInARowKeyedAndFrozen) {
+  std::mt19937 random(7);
+  const auto word = [&random](std::size_t most) {
+    std::string w(random() % most, ' ');
+    for (char& c : w) c = "ab#$"[random() % 4];
+    return w;
+  };
+  for (int round = 0; round < 20; ++round) {
+    tpa::machine::Machine machine;
+    machine.construct(256, 4);
+    std::string text;
+    for (int k = 0; k < 6; ++k) {
+      const std::string key = word(8);
+      ASSERT_EQ(0, machine.put(Key(key, 10), k));
+      text += key;
+    }
+    std::vector<std::string> probes;
+    for (int p = 0; p < 60; ++p) probes.push_back(word(6));
+    for (int p = 0; p < 20 && !text.empty(); ++p) {
+      const std::size_t at = random() % text.size();
+      probes.push_back(text.substr(at, random() % (text.size() - at + 1)));
+    }
+    for (const bool frozen : {false, true}) {
+      if (frozen) ASSERT_TRUE(machine.freeze());
+      for (const std::string& probe : probes) {
+        EXPECT_EQ(text.find(probe) != std::string::npos, machine.occurs(probe))
+            << text << " / " << probe << (frozen ? " frozen" : " keyed");
+      }
+    }
+  }
+  EXPECT_FALSE(tpa::machine::Machine().occurs("a"));
 }
 
 }  // namespace

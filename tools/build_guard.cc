@@ -17,32 +17,22 @@
 
 namespace tpa::tools {
 
-bool readRules(const std::string& path, std::string& text, std::string& error) {
+bool loadRules(const std::string& path, std::string& text) {
   const bool fromStdin = path == "-";
   const int fd = fromStdin ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  const std::string name = fromStdin ? "standard input" : path;
-  if (fd < 0) {
-    error = "cannot read " + name + ": " + std::strerror(errno);
-    return false;
-  }
   text.clear();
   char block[64 * 1024];
-  ssize_t n;
-  while ((n = ::read(fd, block, sizeof block)) != 0) {
+  ssize_t n = fd < 0 ? -1 : 0;
+  while (fd >= 0 && (n = ::read(fd, block, sizeof block)) != 0) {
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) break;
     text.append(block, static_cast<std::size_t>(n));
   }
   const int readError = n < 0 ? errno : 0;
-  if (!fromStdin) ::close(fd);
-  if (readError != 0) error = "cannot read " + name + ": " + std::strerror(readError);
-  return readError == 0;
-}
-
-bool loadRules(const std::string& path, std::string& text) {
-  std::string error;
-  if (readRules(path, text, error)) return true;
-  std::fprintf(stderr, "tpa: %s\n", error.c_str());
+  if (fd >= 0 && !fromStdin) ::close(fd);
+  if (readError == 0) return true;
+  std::fprintf(stderr, "tpa: cannot read %s: %s\n", fromStdin ? "standard input" : path.c_str(),
+               std::strerror(readError));
   return false;
 }
 
@@ -101,11 +91,8 @@ BuildFailure describeBuildFailure(const BuildOutcome& outcome, const std::string
   return failure;
 }
 
-namespace {
-
-// Says on stderr how the build failed, as `failure` describes it.
-int report(const BuildOutcome& outcome, const BuildFailure& failure,
-           const std::string& documentName) {
+int reportBuildFailure(const BuildOutcome& outcome, const BuildFailure& failure,
+                       const std::string& documentName) {
   if (failure.exitCode == kExitBuildThrew) {
     std::string line = "tpa: build threw: " + outcome.what;
     if (failure.located) {
@@ -119,20 +106,13 @@ int report(const BuildOutcome& outcome, const BuildFailure& failure,
   return failure.exitCode;
 }
 
-}  // namespace
-
-int reportBuildFailure(const BuildOutcome& outcome, const std::string& text,
-                       const std::string& documentName) {
-  return report(outcome, describeBuildFailure(outcome, text), documentName);
-}
-
 int buildDocument(const std::string& rules, std::string& text, api::TarnPatternAnalyzer& analyzer,
                   BuildFailure* failure) {
   if (!loadRules(rules, text)) return kExitNoInput;
   const BuildOutcome outcome = buildGuarded(analyzer, text);
   const BuildFailure described = describeBuildFailure(outcome, text);
   if (failure != nullptr) *failure = described;
-  return report(outcome, described, displayName(rules));
+  return reportBuildFailure(outcome, described, displayName(rules));
 }
 
 bool parseAsBuilt(parser::JsonParser& parser, api::TarnPatternAnalyzer& analyzer,

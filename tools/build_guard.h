@@ -35,11 +35,8 @@ struct BuildFailure {
   std::string message;        // one line, for people
 };
 
-// Reads a whole file ("-": standard input) into `text`, byte for byte.
-// Returns false and an explanation in `error` when it cannot be read.
-[[nodiscard]] bool readRules(const std::string& path, std::string& text, std::string& error);
-
-// readRules, reporting a failure as "tpa: ..." on stderr.
+// Reads a whole file ("-": standard input) into `text`, byte for byte;
+// false, after "tpa: cannot read ..." on stderr, when it cannot be read.
 [[nodiscard]] bool loadRules(const std::string& path, std::string& text);
 
 // How the diagnostics name the document: the path, or "<stdin>" for "-".
@@ -48,16 +45,15 @@ struct BuildFailure {
 [[nodiscard]] BuildOutcome buildGuarded(api::TarnPatternAnalyzer& analyzer,
                                         const std::string& text);
 
-// For a failed outcome prints "tpa: build failed: CODE NAME" or
-// "tpa: build threw: WHAT" (naming the offending value of `text`, found by
-// storing its destinations again) on stderr and returns the exit code;
-// returns kExitOk for a successful build.
-[[nodiscard]] int reportBuildFailure(const BuildOutcome& outcome, const std::string& text,
-                                     const std::string& documentName);
-
 // The failure of a build that failed (exitCode 0 for a successful one).
 [[nodiscard]] BuildFailure describeBuildFailure(const BuildOutcome& outcome,
                                                 const std::string& text);
+
+// Says on stderr how the build failed, "tpa: build failed: CODE NAME" or
+// "tpa: build threw: WHAT" (naming the offending value when `failure`
+// located it), and returns failure.exitCode (kExitOk for a successful build).
+[[nodiscard]] int reportBuildFailure(const BuildOutcome& outcome, const BuildFailure& failure,
+                                     const std::string& documentName);
 
 // Reads RULES (a path or "-") into `text` and builds it into `analyzer`,
 // reporting any failure on stderr, and handing it out in `failure` (when not

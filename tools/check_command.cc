@@ -100,13 +100,11 @@ void writeBuildReport(OutputSink& out, api::TarnPatternAnalyzer& analyzer, const
 // The build's result and rule count as the last JSON line, or a failed
 // build as an annotation.
 void writeResult(OutputSink& out, api::TarnPatternAnalyzer& analyzer, const std::string& text,
-                 const std::string& name, const Measured& m, OutputFormat format,
-                 std::size_t warnings) {
+                 const std::string& name, const Measured& m, const BuildFailure& failure,
+                 OutputFormat format, std::size_t warnings) {
   const BuildOutcome& outcome = m.outcome;
   if (format == OutputFormat::kGithub) {
-    if (outcome.threw || outcome.code != error::TPA_ERROR_NONE) {
-      writeBuildFailure(out, format, name, describeBuildFailure(outcome, text));
-    }
+    if (failure.exitCode != kExitOk) writeBuildFailure(out, format, name, failure);
     return;
   }
   out.line(JsonLine()
@@ -118,15 +116,6 @@ void writeResult(OutputSink& out, api::TarnPatternAnalyzer& analyzer, const std:
                .str());
 }
 
-// With --strict, a document that builds but has warnings fails the check.
-int checkStatus(const Invocation& invocation, const Measured& measured, const std::string& text,
-                const std::string& name, std::size_t warnings) {
-  const int built = reportBuildFailure(measured.outcome, text, name);
-  if (built != kExitOk || !invocation.strict || warnings == 0) return built;
-  std::fprintf(stderr, "tpa: check --strict: %zu warning%s\n", warnings, warnings == 1 ? "" : "s");
-  return kExitWarnings;
-}
-
 }  // namespace
 
 int runCheck(const Invocation& invocation) {
@@ -135,7 +124,7 @@ int runCheck(const Invocation& invocation) {
   const std::string name = displayName(invocation.rules);
   api::TarnPatternAnalyzer analyzer;
   const Measured measured = measureBuild(analyzer, text);
-  const std::vector<Finding> findings = lintDocument(text);
+  const std::vector<Finding> findings = lintDocument(text, api::Inspect::map(analyzer));
   OutputSink out(STDOUT_FILENO, false);
   const OutputFormat format = invocation.format;
   if (format == OutputFormat::kText) {
@@ -148,11 +137,17 @@ int runCheck(const Invocation& invocation) {
     const auto [line, column] = lines.at(f.offset);
     out.line(findingLine(format, name, line, column, f.code, f.message));
   }
+  const BuildFailure failure = describeBuildFailure(measured.outcome, text);
   if (format != OutputFormat::kText) {
-    writeResult(out, analyzer, text, name, measured, format, findings.size());
+    writeResult(out, analyzer, text, name, measured, failure, format, findings.size());
   }
   if (finishOutput(out, kExitOk) != kExitOk) return kExitIo;
-  return checkStatus(invocation, measured, text, name, findings.size());
+  // With --strict, a document that builds but has warnings fails the check.
+  const int built = reportBuildFailure(measured.outcome, failure, name);
+  const std::size_t warnings = findings.size();
+  if (built != kExitOk || !invocation.strict || warnings == 0) return built;
+  std::fprintf(stderr, "tpa: check --strict: %zu warning%s\n", warnings, warnings == 1 ? "" : "s");
+  return kExitWarnings;
 }
 
 }  // namespace tpa::tools

@@ -68,6 +68,23 @@ std::string plainAddress(const std::string& stored) {
   return bits.empty() ? stored : addressText(bits);
 }
 
+// For each wildcard text Z of at most `longest` characters that ends `text`:
+// Z and the character before it (which tells whether a longer stored ending
+// hides Z; `whole` where Z is all of `text`), then `separator`. And the last
+// of them, the longest such ending, for people.
+std::pair<std::string, std::string> wildcardSignature(
+    const std::string& text, const std::unordered_set<std::string>& wildcards, std::size_t longest,
+    std::string_view whole, char separator) {
+  std::string sig, ending;
+  for (std::size_t n = 0; n <= longest && n <= text.size(); ++n) {
+    const std::string z = text.substr(text.size() - n);
+    if (wildcards.count(z) == 0) continue;
+    ending = (n < text.size() ? text.substr(text.size() - n - 1, 1) : std::string(whole)) + z;
+    sig += ending + separator;
+  }
+  return {sig, ending};
+}
+
 class NameClasses : public ClassSet {
  public:
   // A stored address is decided by the networks too: the base's stored
@@ -185,17 +202,11 @@ class NameClasses : public ClassSet {
     for (const auto& [i, ending] : shown) classes_[i].pattern = "*" + ending;
   }
 
+  // A '#' stands before Z when Z is the whole ending (then no other ending
+  // shares the signature); the ending shown goes without it.
   std::pair<std::string, std::string> signature(const std::string& ending) const {
-    std::string sig, shown;
-    for (std::size_t n = 0; n <= ending.size(); ++n) {
-      const std::string z = ending.substr(ending.size() - n);
-      if (wildcards_.count(z) == 0) continue;
-      // The character before Z; '#' when Z is the whole ending (then no
-      // other ending shares the signature).
-      shown =
-          (n < ending.size() ? ending.substr(ending.size() - n - 1, 1) : std::string(1, kOpen)) + z;
-      sig += shown + '\n';
-    }
+    auto [sig, shown] =
+        wildcardSignature(ending, wildcards_, ending.size(), std::string(1, kOpen), '\n');
     if (!shown.empty() && shown[0] == kOpen) shown.erase(0, 1);
     return {sig, shown};
   }
@@ -305,18 +316,8 @@ class NetworkClasses : public ClassSet {
     return value;
   }
 
-  // For each wildcard text Z that ends `text`, Z and the character before it
-  // (which tells whether a longer stored ending hides Z); and the longest
-  // such ending, for people.
   std::pair<std::string, std::string> signature(const std::string& text) const {
-    std::string sig, ending;
-    for (std::size_t n = 0; n <= maxWildcard_ && n <= text.size(); ++n) {
-      const std::string z = text.substr(text.size() - n);
-      if (wildcards_.count(z) == 0) continue;
-      ending = (n < text.size() ? text.substr(text.size() - n - 1, 1) : "") + z;
-      sig += ending + "|";
-    }
-    return {sig, ending};
+    return wildcardSignature(text, wildcards_, maxWildcard_, "", '|');
   }
 
   // Sets the last byte of `address` (bits) and of its fixed-width `text`.

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -57,15 +58,10 @@ struct Question {
 
 // QUERIES in the `tpa query` stream format. Returns kExitOk or the exit code.
 int readQuestions(const std::string& path, std::vector<Question>& out) {
-  std::string text;
+  std::string text, line;
   if (!loadRules(path, text)) return kExitNoInput;
-  std::size_t start = 0, number = 0;
-  while (start < text.size()) {
-    std::size_t end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
-    std::string line = text.substr(start, end - start);
-    start = end + 1;
-    ++number;
+  std::istringstream lines(text);
+  for (std::size_t number = 1; std::getline(lines, line); ++number) {
     if (!line.empty() && line.back() == '\r') line.pop_back();
     if (line.empty()) continue;
     const std::size_t tab = line.find('\t');

@@ -18,6 +18,11 @@ constexpr std::array<std::string_view, 4> kRuleKeys = {parser::kAppsKey, parser:
                                                         parser::kExcludeKey, parser::kIdKey};
 constexpr std::size_t kNoKey = static_cast<std::size_t>(-1);
 
+// The keys a rule reads; any other key is ignored by it.
+bool isRuleKey(std::string_view key) {
+  return std::find(kRuleKeys.begin(), kRuleKeys.end(), key) != kRuleKeys.end();
+}
+
 // "[" blanks "]" written with at least one blank somewhere: meant as [].
 bool looksLikeEmptyList(std::string_view raw) {
   std::string_view t = trimmed(raw);
@@ -304,10 +309,6 @@ std::string_view trimmed(std::string_view s) {
   while (!s.empty() && isBlank(s.front())) s.remove_prefix(1);
   while (!s.empty() && isBlank(s.back())) s.remove_suffix(1);
   return s;
-}
-
-bool isRuleKey(std::string_view key) {
-  return std::find(kRuleKeys.begin(), kRuleKeys.end(), key) != kRuleKeys.end();
 }
 
 std::string nearestRuleKey(std::string_view key) {

@@ -66,9 +66,6 @@ struct DocumentScan {
 
 [[nodiscard]] DocumentScan scanDocument(std::string_view text);
 
-// The keys a rule reads; any other key is ignored by it.
-[[nodiscard]] bool isRuleKey(std::string_view key);
-
 // The rule key nearest to `key` (edit distance, case-insensitive), or empty
 // when none is close enough to be a likely typo.
 [[nodiscard]] std::string nearestRuleKey(std::string_view key);

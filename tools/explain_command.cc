@@ -50,14 +50,14 @@ std::string appLine(const mapper::QueryTrace& t) {
          "): it falls to the rules of every application, rule number 0";
 }
 
-// What each search of a list found, after its name (mapper::matchText).
-std::string wholeLine(const SearchTrace& s, const std::string& key) {
+// What each search of a list found, after its name (mapper::matchText); a
+// whole key that matched decides the list.
+std::string wholeLine(const ListTrace& l) {
+  const SearchTrace& s = l.whole;
   if (!s.attempted) return "not searched";
   if (s.code != 0) return "search failed (code " + num(s.code) + ")";
-  const bool hit = s.storedLength != 0 && s.matched == static_cast<int>(key.size()) &&
-                   s.storedLength == s.matched;
-  return hit ? "matched " + quoted(key) + ", value " + num(s.value)
-             : "no (" + readout(s, key.size()) + ")";
+  return l.match == MatchKind::kWholeKey ? "matched " + quoted(l.key) + ", value " + num(s.value)
+                                         : "no (" + readout(s, l.key.size()) + ")";
 }
 
 std::string prefixLine(const ListTrace& l) {
@@ -108,7 +108,7 @@ void writeList(OutputSink& out, const char* name, const ListTrace& l) {
   const auto search = [&out](MatchKind kind, const std::string& result) {
     out.line(std::string("      ") + mapper::matchText(kind) + ": " + result);
   };
-  search(MatchKind::kWholeKey, wholeLine(l.whole, l.key));
+  search(MatchKind::kWholeKey, wholeLine(l));
   search(MatchKind::kNetworkPrefix, prefixLine(l));
   search(MatchKind::kPartialKey, partialLine(l));
   out.line("      => " + listResult(l));

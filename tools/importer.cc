@@ -20,14 +20,8 @@ constexpr char kNothing[] = "nothing.tpa-import.invalid";
 constexpr char kAnyApp[] = "tpa.import.any-application";
 
 void appendList(std::string& out, const char* key, const std::vector<std::string>& list) {
-  out += ",\n  \"";
-  out += key;
-  out += "\": [";
-  for (std::size_t i = 0; i < list.size(); ++i) {
-    out += i == 0 ? "\n    " : ",\n    ";
-    appendJsonString(out, list[i]);
-  }
-  out += "]";
+  out += ",\n  \"" + std::string(key) + "\": ";
+  appendJsonStringArray(out, list, "\n    ");
 }
 
 // Adds `count` names under ".invalid", which no destination ever has, to
@@ -55,11 +49,11 @@ std::vector<std::pair<std::string, std::set<char>>> wildcardProbes(
   }
   for (std::size_t i = 0; i < out.size(); ++i) at.emplace(out[i].first, i);
   meaning.forEachName([&](const std::string& name, ListPlace) {
-    for (std::size_t dot = name.find('.'); dot != std::string::npos;
-         dot = name.find('.', dot + 1)) {
-      const auto it = at.find(std::string_view(name).substr(dot + 1));
+    anyParent(name, [&](std::string_view parent, std::size_t dot) {
+      const auto it = at.find(parent);
       if (it != at.end() && dot > 0) out[it->second].second.insert(name[dot - 1]);
-    }
+      return false;
+    });
   });
   return out;
 }
@@ -71,15 +65,12 @@ using WildcardLists = std::unordered_map<std::string_view, bool>;
 // Whether the nearest written wildcard at or above `name` is in the exclude
 // list (`toExclude`); false when there is none.
 bool nearestWildcard(std::string_view name, const WildcardLists& wildcards, bool& toExclude) {
-  for (;;) {
-    if (const auto it = wildcards.find(name); it != wildcards.end()) {
-      toExclude = it->second;
-      return true;
-    }
-    const std::size_t dot = name.find('.');
-    if (dot == std::string_view::npos) return false;
-    name.remove_prefix(dot + 1);
-  }
+  const auto found = [&](std::string_view at, std::size_t = 0) {
+    const auto it = wildcards.find(at);
+    if (it != wildcards.end()) toExclude = it->second;
+    return it != wildcards.end();
+  };
+  return found(name) || anyParent(name, found);
 }
 
 // Appends the entries that catch the names whose longest tail is `tail`.
@@ -97,12 +88,10 @@ void appendTailEntries(const std::string& tail, bool toExclude,
 
 // Whether a wildcard of the list (`toExclude`) stands strictly above `name`.
 bool wildcardAbove(std::string_view name, const WildcardLists& wildcards, bool toExclude) {
-  for (std::size_t dot = name.find('.'); dot != std::string_view::npos;
-       dot = name.find('.', dot + 1)) {
-    const auto it = wildcards.find(name.substr(dot + 1));
-    if (it != wildcards.end() && it->second == toExclude) return true;
-  }
-  return false;
+  return anyParent(name, [&](std::string_view parent, std::size_t) {
+    const auto it = wildcards.find(parent);
+    return it != wildcards.end() && it->second == toExclude;
+  });
 }
 
 // The analyzer's wildcard search takes the longest tail of the queried name
@@ -255,11 +244,9 @@ void Importer::askBack(ImportOutcome& outcome, api::TarnPatternAnalyzer& analyze
   std::set<std::string> reported, reportedBelow;  // copies: warnings grows below
   for (const ImportWarning& w : outcome.warnings) (w.below ? reportedBelow : reported).insert(w.name);
   const auto alreadySaid = [&](const std::string& name) {
-    if (reported.count(name) != 0) return true;
-    for (std::size_t dot = name.find('.'); dot != std::string::npos; dot = name.find('.', dot + 1)) {
-      if (reportedBelow.count(name.substr(dot + 1)) != 0) return true;
-    }
-    return false;
+    return reported.count(name) != 0 || anyParent(name, [&](std::string_view parent, std::size_t) {
+             return reportedBelow.count(std::string(parent)) != 0;
+           });
   };
   meaning_.forEachName([&](const std::string& name, ListPlace place) {
     const bool meant = meaning_.listed(name);

@@ -3,30 +3,14 @@
 namespace tpa::tools {
 namespace {
 
-// The short escapes JSON has for control bytes; 0 where it has none.
-char shortEscape(unsigned char c) {
-  switch (c) {
-    case '\b':
-      return 'b';
-    case '\f':
-      return 'f';
-    case '\n':
-      return 'n';
-    case '\r':
-      return 'r';
-    case '\t':
-      return 't';
-    default:
-      return 0;
-  }
-}
-
-// A control byte, or a byte outside well-formed UTF-8, as an escape.
+// A control byte, or a byte outside well-formed UTF-8, as an escape: the
+// short one JSON has for it, else \u00XX.
 void appendEscaped(std::string& out, unsigned char c) {
+  static constexpr std::string_view kShort("\b\f\n\r\t"), kLetters("bfnrt");
   static constexpr char kHex[] = "0123456789abcdef";
   out += '\\';
-  if (char letter = shortEscape(c)) {
-    out += letter;
+  if (const std::size_t k = kShort.find(static_cast<char>(c)); k != std::string_view::npos) {
+    out += kLetters[k];
     return;
   }
   out += "u00";
@@ -86,10 +70,12 @@ void appendJsonString(std::string& out, std::string_view text) {
   out += '"';
 }
 
-void appendJsonStringArray(std::string& out, const std::vector<std::string>& list) {
+void appendJsonStringArray(std::string& out, const std::vector<std::string>& list,
+                           std::string_view indent) {
   out += '[';
   for (std::size_t i = 0; i < list.size(); ++i) {
     if (i != 0) out += ',';
+    out += indent;
     appendJsonString(out, list[i]);
   }
   out += ']';

@@ -16,8 +16,10 @@ namespace tpa::tools {
 // Appends `text` as a quoted JSON string to `out`.
 void appendJsonString(std::string& out, std::string_view text);
 
-// Appends `list` as a JSON array of strings to `out`.
-void appendJsonStringArray(std::string& out, const std::vector<std::string>& list);
+// Appends `list` as a JSON array of strings to `out`, each string after
+// `indent` (a line break and blanks, for a document people read).
+void appendJsonStringArray(std::string& out, const std::vector<std::string>& list,
+                           std::string_view indent = "");
 
 }  // namespace tpa::tools
 

@@ -6,13 +6,14 @@
 #include <cstdlib>
 #include <exception>
 #include <map>
+#include <memory>
 #include <set>
 #include <tuple>
 
+#include "api/diagnostics.h"
 #include "cidr/address_bits.h"
 #include "cidr/cidr.h"
 #include "cidr/decimal.h"
-#include "fsa/suffix_automaton.h"
 #include "mapper/map.h"
 #include "mapper/trace_text.h"
 #include "mapper/transform.h"
@@ -42,27 +43,11 @@ struct Entry {
   StoredDestination stored;
 };
 
-// Which strings occur anywhere in one machine's text: the suffix automaton
-// of that text, the same structure the machine searches.
-class MachineIndex {
- public:
-  explicit MachineIndex(const std::string& text) {
-    automaton_.construct(static_cast<int>(text.size()));
-    (void)automaton_.add(text, 0);
-  }
-  [[nodiscard]] bool occurs(const std::string& s) const {
-    fsa::SAStateValue<int> ignored;
-    return automaton_.tryFindFull(s, ignored) == static_cast<int>(s.size());
-  }
-
- private:
-  fsa::SuffixAutomaton<int> automaton_;
-};
-
 // One rule as the builder numbers it.
 struct RuleView {
   std::size_t object = 0;
   std::size_t position = 0;  // 1-based
+  bool repeat = false;       // a copy of an earlier rule (a later top-level array's)
   int number = 0;
   std::vector<const ScannedString*> apps;  // as written; empty means every app
   const ScannedString* id = nullptr;       // first "id" value, if any
@@ -72,7 +57,8 @@ struct RuleView {
 
 class Linter {
  public:
-  explicit Linter(const std::string& text) : text_(text), scan_(scanDocument(text)) {}
+  Linter(const std::string& text, const mapper::Map* built)
+      : text_(text), built_(built), scan_(scanDocument(text)) {}
 
   std::vector<Finding> run() {
     findings_ = scan_.findings;
@@ -256,8 +242,10 @@ class Linter {
   // --- rules -----------------------------------------------------------------
 
   void collectRules() {
+    std::set<std::size_t> seen;
     for (std::size_t k = 0; k < scan_.rules.size(); ++k) {
       views_.push_back(makeView(scan_.objects[scan_.rules[k]], scan_.rules[k], k + 1));
+      views_.back().repeat = !seen.insert(scan_.rules[k]).second;
     }
   }
 
@@ -286,9 +274,8 @@ class Linter {
   }
 
   void checkRules() {
-    std::set<std::size_t> seen;
     for (const RuleView& view : views_) {
-      if (!seen.insert(view.object).second) continue;
+      if (view.repeat) continue;
       checkId(view);
       checkApps(view);
       checkBothLists(view);
@@ -369,29 +356,21 @@ class Linter {
 
   // --- searches that run into other entries ---------------------------------
 
-  // The keys of one domain machine, every rule's in order, as one text.
-  std::string machineText(bool include) const {
-    std::string text;
-    for (const RuleView& view : views_) {
-      for (const Entry& e : include ? view.include : view.exclude) {
-        text += mapper::transformDomain(e.stored.stored, view.number,
-                                        include ? mapper::TPA_DECISION_INCLUDE : mapper::TPA_DECISION_EXCLUDE);
-      }
-    }
-    return text;
-  }
-
+  // The searches run on the built machines; when the build failed, on those
+  // of the rules read before it failed.
   void checkMachineWalks() {
-    const MachineIndex includeIndex(machineText(true));
-    const MachineIndex excludeIndex(machineText(false));
-    std::set<std::size_t> seen;
+    const std::unique_ptr<mapper::Map> read =
+        built_ != nullptr ? nullptr : api::Inspect::mapOfRulesRead(text_);
+    const mapper::Map* map = built_ != nullptr ? built_ : read.get();
+    if (map == nullptr || map->includeMachine() == nullptr) return;
     for (const RuleView& view : views_) {
-      if (!seen.insert(view.object).second) continue;
+      if (view.repeat) continue;
       for (const std::uint8_t list : {mapper::TPA_DECISION_INCLUDE, mapper::TPA_DECISION_EXCLUDE}) {
         const bool include = list == mapper::TPA_DECISION_INCLUDE;
+        const machine::Machine& machine = include ? *map->includeMachine() : *map->excludeMachine();
         for (const Entry& e : include ? view.include : view.exclude) {
-          checkNetworkWalk(e, include ? includeIndex : excludeIndex, mapper::decisionName(list));
-          checkWildcardWalk(e, view, list, include ? includeIndex : excludeIndex);
+          checkNetworkWalk(e, machine, mapper::decisionName(list));
+          checkWildcardWalk(e, view, list, machine);
         }
       }
     }
@@ -402,7 +381,7 @@ class Linter {
   // holds the wildcard's tail with one more character before it, names with
   // that character there take the longer tail, and the '*' walk fails.
   void checkWildcardWalk(const Entry& e, const RuleView& view, std::uint8_t flag,
-                         const MachineIndex& machine) {
+                         const machine::Machine& machine) {
     const std::string& name = e.stored.stored;
     if (name.empty() || name[0] != '*' || name.find('*', 1) != std::string::npos) return;
     const std::string tail = mapper::transformDomain(name.substr(1), view.number, flag).substr(1);
@@ -428,7 +407,7 @@ class Linter {
   // The prefix search reads the address bits as far as the machine's text
   // allows and tries only that longest run; a network whose bits continue
   // anywhere in the text loses the addresses that continue the same way.
-  void checkNetworkWalk(const Entry& e, const MachineIndex& machine, const char* list) {
+  void checkNetworkWalk(const Entry& e, const machine::Machine& machine, const char* list) {
     const std::string& bits = e.stored.stored;
     const int width = e.stored.network == 4 ? cidr::kIPv4Bits : cidr::kIPv6Bits;
     if (e.written == nullptr || e.stored.network == 0 || !cidr::isBitString(bits) ||
@@ -449,7 +428,7 @@ class Linter {
   }
 
   // Extends `bits` to where the search stops, choosing a bit the text lacks.
-  static void extendWalk(std::string& bits, const MachineIndex& machine, int width) {
+  static void extendWalk(std::string& bits, const machine::Machine& machine, int width) {
     while (static_cast<int>(bits.size()) < width) {
       const bool zero = machine.occurs(bits + '0');
       const bool one = machine.occurs(bits + '1');
@@ -462,6 +441,7 @@ class Linter {
   }
 
   const std::string& text_;
+  const mapper::Map* built_;  // the document's built map, null when the build failed
   DocumentScan scan_;
   std::vector<Finding> findings_;
   std::vector<RuleView> views_;  // one per rule the parser builds, in its order
@@ -472,7 +452,9 @@ class Linter {
 
 }  // namespace
 
-std::vector<Finding> lintDocument(const std::string& text) { return Linter(text).run(); }
+std::vector<Finding> lintDocument(const std::string& text, const mapper::Map* built) {
+  return Linter(text, built).run();
+}
 
 namespace {
 
@@ -495,9 +477,8 @@ StoredDestination storeDestination(const std::string& written) {
   try {
     std::vector<std::string> one{written};
     parser::sanitize(one);
-    d.sanitized = one[0];
-    mapper::storedDestination(d.sanitized, d.stored);
-    d.network = cidr::isCidrIpAddress(d.sanitized);
+    mapper::storedDestination(one[0], d.stored);
+    d.network = cidr::isCidrIpAddress(one[0]);
     if (d.network == 0) d.network = sanitizedNetworkKind(written);
   } catch (const std::exception& e) {
     d.threw = true;

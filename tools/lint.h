@@ -15,18 +15,20 @@
 #include <utility>
 #include <vector>
 
+#include "mapper/map.h"
 #include "tools/doc_scan.h"
 
 namespace tpa::tools {
 
-// Every warning for `text` (the document as it is built), sorted by offset.
-[[nodiscard]] std::vector<Finding> lintDocument(const std::string& text);
+// Every warning for `text` (the document as it is built), sorted by offset;
+// `built` is the map the build of `text` made (null when it failed), whose
+// machines show which keys the searches run into.
+[[nodiscard]] std::vector<Finding> lintDocument(const std::string& text, const mapper::Map* built);
 
 // A destination as the map stores it, or why storing it throws.
 struct StoredDestination {
   bool threw = false;
   std::string what;       // the exception's text when threw
-  std::string sanitized;  // after the rule's sanitising
   std::string stored;     // after the map's normalisation: the key's name part
   int network = 0;        // 4 or 6 when stored as a network, else 0
 };

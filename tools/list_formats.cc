@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
+#include <iterator>
+#include <utility>
 
 #include "cidr/cidr.h"
 #include "tools/doc_scan.h"
@@ -190,19 +192,27 @@ void readAdblock(std::string_view line, std::vector<ListRule>& rules,
   take(name, rule, rules, notes);
 }
 
+using ReadLine = void (*)(std::string_view, std::vector<ListRule>&, std::vector<LineNote>&);
+
+// Every format by its name, in the order of ListFormat.
+constexpr std::pair<std::string_view, ReadLine> kFormats[] = {
+    {"hosts", readHosts}, {"domains", readDomains}, {"adblock", readAdblock}};
+static_assert(std::size(kFormats) == static_cast<std::size_t>(ListFormat::kAdblock) + 1);
+
 }  // namespace
 
 bool listFormatFromName(const std::string& name, ListFormat& format) {
-  if (name == "hosts") {
-    format = ListFormat::kHosts;
-  } else if (name == "domains") {
-    format = ListFormat::kDomains;
-  } else if (name == "adblock") {
-    format = ListFormat::kAdblock;
-  } else {
-    return false;
+  for (std::size_t i = 0; i < std::size(kFormats); ++i) {
+    if (name != kFormats[i].first) continue;
+    format = static_cast<ListFormat>(i);
+    return true;
   }
-  return true;
+  return false;
+}
+
+void readListLine(ListFormat format, std::string_view line, std::vector<ListRule>& rules,
+                  std::vector<LineNote>& notes) {
+  kFormats[static_cast<std::size_t>(format)].second(line, rules, notes);
 }
 
 bool normalizeName(std::string& name, LineNote& why) {
@@ -217,18 +227,6 @@ bool normalizeName(std::string& name, LineNote& why) {
     return false;
   }
   return true;
-}
-
-void readListLine(ListFormat format, std::string_view line, std::vector<ListRule>& rules,
-                  std::vector<LineNote>& notes) {
-  switch (format) {
-    case ListFormat::kHosts:
-      return readHosts(line, rules, notes);
-    case ListFormat::kDomains:
-      return readDomains(line, rules, notes);
-    case ListFormat::kAdblock:
-      return readAdblock(line, rules, notes);
-  }
 }
 
 }  // namespace tpa::tools

@@ -23,10 +23,10 @@ const ListMeaning::Named* ListMeaning::find(std::string_view name) const {
 
 std::uint8_t ListMeaning::above(std::string_view name) const {
   std::uint8_t kinds = 0;
-  for (std::size_t dot = name.find('.'); dot != std::string_view::npos;
-       dot = name.find('.', dot + 1)) {
-    if (const Named* n = find(name.substr(dot + 1))) kinds |= n->under;
-  }
+  anyParent(name, [&](std::string_view parent, std::size_t) {
+    if (const Named* n = find(parent)) kinds |= n->under;
+    return false;
+  });
   return kinds;
 }
 

@@ -33,6 +33,18 @@ struct ListPlace {
   std::uint32_t line = 0;
 };
 
+// Asks `stop(parent, dot)` of each domain strictly above `name`, nearest
+// first (`parent` follows the '.' at `dot`), until it says true; whether one
+// did.
+template <typename Stop>
+bool anyParent(std::string_view name, Stop stop) {
+  for (std::size_t dot = name.find('.'); dot != std::string_view::npos;
+       dot = name.find('.', dot + 1)) {
+    if (stop(name.substr(dot + 1), dot)) return true;
+  }
+  return false;
+}
+
 // One entry of the document: a name, or "*." and a name. Views the name
 // its ListMeaning holds, so it lives no longer than that.
 struct MeaningEntry {

@@ -49,6 +49,22 @@ class ParsedRules : public mapper::RuleSource {
   std::vector<parser::Rule>& rules_;
 };
 
+// The two degenerate documents, which validate rewrites.
+bool rewrittenByValidate(const std::string& text) { return text.empty() || text == "[]"; }
+
+}  // namespace
+
+int fillMap(parser::JsonParser& parser, const mapper::MachineSizes& sizes,
+            std::unique_ptr<mapper::Map>& map) {
+  auto fresh = std::make_unique<mapper::Map>(kCacheCapacity);
+  ParsedRules rules(parser.getRules());
+  const int result = mapper::fill(*fresh, sizes, rules);
+  if (result == error::TPA_ERROR_NONE) map = std::move(fresh);
+  return result;
+}
+
+namespace {
+
 // The build proper; allocation failure propagates as std::bad_alloc.
 int buildMap(const std::string& source, bool fromFile, std::unique_ptr<mapper::Map>& map) {
   parser::JsonParser parser;
@@ -66,15 +82,12 @@ int buildMap(const std::string& source, bool fromFile, std::unique_ptr<mapper::M
                         result);
     return result;
   }
-  auto fresh = std::make_unique<mapper::Map>(kCacheCapacity);
-  ParsedRules rules(parser.getRules());
-  result = mapper::fill(
-      *fresh,
-      mapper::MachineSizes{parser.grossAppBytesCount(), parser.grossIncludeBytesCount(),
-                           parser.grossExcludeBytesCount()},
-      rules);
+  result =
+      fillMap(parser,
+              mapper::MachineSizes{parser.grossAppBytesCount(), parser.grossIncludeBytesCount(),
+                                   parser.grossExcludeBytesCount()},
+              map);
   if (result != error::TPA_ERROR_NONE) return result;
-  map = std::move(fresh);
   parser.clear();
   mapper::releaseFreedMemory();
   return error::TPA_ERROR_NONE;
@@ -115,18 +128,22 @@ int TarnPatternAnalyzer::build(const std::string& source, bool fromFile) {
   // Queries go on reading the current map meanwhile; only builds wait here.
   const BuildTurns::Turn turn(shared->builds);
   if (mapper::Map* current = shared->published.current()) current->clearCache();
-  std::string copy;
+  // A path is never rewritten; only a JSON text may be degenerate. Any
+  // other text is read where it is: a copy would be held through the whole
+  // build, its peak included.
+  std::string rewritten;
   try {
-    copy = source;
-    // A path is never rewritten; only a JSON text may be degenerate.
-    if (!fromFile) validate(copy);
+    if (!fromFile && rewrittenByValidate(source)) {
+      rewritten = source;
+      validate(rewritten);
+    }
   } catch (const std::bad_alloc&) {
     return outOfMemory();
   }
   int result;
   {
     Builder fresh;
-    result = fresh.build(copy, fromFile);
+    result = fresh.build(rewritten.empty() ? source : rewritten, fromFile);
     if (result == error::TPA_ERROR_NONE) {
       fresh.map->shareBetweenThreads();
       // The previous map comes back once no query reads it, freed with fresh.
@@ -138,6 +155,7 @@ int TarnPatternAnalyzer::build(const std::string& source, bool fromFile) {
 }
 
 int TarnPatternAnalyzer::validate(std::string& text) {
+  if (!rewrittenByValidate(text)) return error::TPA_ERROR_NONE;
   std::string copy = text;
   if (copy.empty()) {
     copy = "[]";

@@ -1,5 +1,9 @@
 #include "api/diagnostics.h"
 
+#include <android/log.h>
+
+#include <new>
+
 #include "api/facade.h"
 #include "mapper/fill.h"
 
@@ -20,6 +24,26 @@ int Inspect::query(TarnPatternAnalyzer& analyzer, const std::string& app,
                    const std::string& destination, int& value, mapper::QueryTrace* trace) {
   const Publication::Reading reading(analyzer.shared->published);
   return answer(reading.map(), app, destination, value, trace);
+}
+
+std::unique_ptr<mapper::Map> Inspect::mapOfRulesRead(const std::string& text) {
+  parser::JsonParser parser;
+  const int previous = __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
+  (void)parser.parse(text, false);
+  mapper::MachineSizes sizes{0, 0, 0};
+  for (const parser::Rule& rule : parser.getRules()) {
+    sizes.apps += rule.appSymbolTotal;
+    sizes.include += rule.includeSymbolTotal;
+    sizes.exclude += rule.excludeSymbolTotal;
+  }
+  std::unique_ptr<mapper::Map> map;
+  try {
+    (void)fillMap(parser, sizes, map);
+  } catch (const std::bad_alloc&) {
+    map.reset();
+  }
+  __android_log_set_minimum_priority(previous);
+  return map;
 }
 
 void Inspect::setTwoThreadMinimum(long long symbols) { mapper::setTwoThreadMinimum(symbols); }

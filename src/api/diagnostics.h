@@ -7,6 +7,7 @@
 #ifndef TPA_API_DIAGNOSTICS_H_
 #define TPA_API_DIAGNOSTICS_H_
 
+#include <memory>
 #include <string>
 
 #include "mapper/trace.h"
@@ -26,6 +27,13 @@ class Inspect {
                    const std::string& destination, int& value, mapper::QueryTrace* trace);
   static int query(TarnPatternAnalyzer& analyzer, const std::string& app,
                    const std::string& destination, int& value, mapper::QueryTrace* trace);
+
+  // The map of the rules the reader read from `text` before it finished,
+  // also when the build then fails (brackets that do not balance): what the
+  // document builds once that is mended. Null when even these rules do not
+  // build. Logs nothing (it quiets the process's log while it runs: one
+  // thread at a time): the build has said why it failed.
+  static std::unique_ptr<mapper::Map> mapOfRulesRead(const std::string& text);
 
   // Builds put the include lists on a second thread when both that machine's
   // and the others' symbols reach this many (65,536 unless set): 0 for every

@@ -20,13 +20,38 @@ void RankedBits::seal() {
   }
 }
 
+// --- RunIndex ---------------------------------------------------------------
+
+void RunIndex::resize(std::size_t states, std::size_t runs) {
+  blocks_.assign((states + 63) / 64 + 1, Block{0, 0, 0});  // one spare, as RankedBits
+  ends_.clear();
+  ends_.reserve(runs);
+  filled_ = 0;
+  edges_ = 0;
+}
+
+void RunIndex::fillTo(std::size_t block) {
+  for (; filled_ <= block && filled_ < blocks_.size(); ++filled_) {
+    blocks_[filled_].before = static_cast<std::uint32_t>(ends_.size());
+    blocks_[filled_].base = edges_;
+  }
+}
+
+void RunIndex::add(std::size_t s, std::uint32_t edges) {
+  Block& b = blocks_[s >> 6];
+  fillTo(s >> 6);
+  b.word |= std::uint64_t{1} << (s & 63);
+  edges_ += edges;
+  ends_.push_back(static_cast<std::uint16_t>(edges_ - b.base));
+}
+
+void RunIndex::seal() { fillTo(blocks_.size()); }
+
 // --- FrozenAutomaton --------------------------------------------------------
 
 int FrozenAutomaton::stepOffText(int s, unsigned char c) const {
-  if (!hasEdges_.test(static_cast<std::size_t>(s))) return -1;
-  const std::uint32_t r = hasEdges_.rank(static_cast<std::size_t>(s));
-  const std::uint32_t first = edgeStart_[r];
-  const std::uint32_t count = edgeStart_[r + 1] - first;
+  std::uint32_t first = 0, count = 0;
+  if (!runIndex_.find(static_cast<std::size_t>(s), first, count)) return -1;
   const unsigned char* run = &runs_[first * edgeBytes()];
   for (std::uint32_t k = 0; k < count; ++k) {
     if (run[k] == c) return target(run + count + k * targetWidth_);
@@ -135,8 +160,8 @@ void FrozenAutomaton::indexKeys(const std::vector<StoredKey>& keys,
 }
 
 std::size_t FrozenAutomaton::bytes() const {
-  return sizeof(*this) + text_.capacity() + hasEdges_.bytes() + edgeStart_.capacity() * 4 +
-         runs_.capacity() + valued_.bytes() + values_.capacity() * sizeof(Value) +
+  return sizeof(*this) + text_.capacity() + runIndex_.bytes() + runs_.capacity() +
+         valued_.bytes() + values_.capacity() * sizeof(Value) +
          wholeKeys_.bytes() + tails_.bytes();
 }
 
@@ -147,11 +172,10 @@ FrozenAutomaton::Builder::Builder(int states, int textLength, Sizes sizes)
   FrozenAutomaton& f = *frozen_;
   std::fill(std::begin(f.root_), std::end(f.root_), -1);
   f.text_.assign(static_cast<std::size_t>(textLength), 0);
-  f.hasEdges_.resize(static_cast<std::size_t>(states));
+  f.runIndex_.resize(static_cast<std::size_t>(states), sizes.statesWithEdges);
   f.valued_.resize(static_cast<std::size_t>(states));
   f.stateCount_ = states;
   f.targetWidth_ = states <= (1 << 24) ? 3 : 4;
-  f.edgeStart_.reserve(sizes.statesWithEdges + 1);
   f.runs_.reserve(sizes.edges * f.edgeBytes());
   f.values_.reserve(sizes.valued);
   run_.reserve(256);
@@ -184,8 +208,7 @@ void FrozenAutomaton::Builder::addEdge(unsigned char c, int target) {
 void FrozenAutomaton::Builder::flushRun() {
   if (run_.empty()) return;
   FrozenAutomaton& f = *frozen_;
-  f.hasEdges_.set(static_cast<std::size_t>(current_));
-  f.edgeStart_.push_back(static_cast<std::uint32_t>(f.runs_.size() / f.edgeBytes()));
+  f.runIndex_.add(static_cast<std::size_t>(current_), static_cast<std::uint32_t>(run_.size()));
   for (const auto& edge : run_) f.runs_.push_back(edge.first);
   for (const auto& edge : run_) {
     for (unsigned b = 0; b < f.targetWidth_; ++b) {
@@ -200,8 +223,7 @@ std::unique_ptr<FrozenAutomaton> FrozenAutomaton::Builder::finish(
     const std::vector<StoredKey>& keys, const std::vector<StoredKey>& wholeKeys) {
   FrozenAutomaton& f = *frozen_;
   flushRun();
-  f.edgeStart_.push_back(static_cast<std::uint32_t>(f.runs_.size() / f.edgeBytes()));
-  f.hasEdges_.seal();
+  f.runIndex_.seal();
   f.valued_.seal();
   f.indexKeys(keys, wholeKeys);
   return std::move(frozen_);

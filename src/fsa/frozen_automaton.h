@@ -22,7 +22,7 @@
 //   whole-key question and rule out most wildcard matches without a walk.
 //
 // Cost: about 1 byte per text character, 4 per stored transition (5 past
-// 16M states), 4 per
+// 16M states), 2 per
 // state with stored transitions, 8 per valued state, 3 bits per state and
 // 12 per stored key.
 // Immutable once made; const members may run concurrently. Lookups allocate
@@ -51,6 +51,8 @@ class RankedBits {
   void seal();
 
   bool test(std::size_t i) const { return (blocks_[i >> 6].word >> (i & 63)) & 1; }
+  // Asks for bit i's block ahead of a test or rank.
+  void prefetch(std::size_t i) const { __builtin_prefetch(&blocks_[i >> 6]); }
   // Set bits below i.
   std::uint32_t rank(std::size_t i) const {
     const std::uint64_t below = (std::uint64_t{1} << (i & 63)) - 1;
@@ -75,6 +77,56 @@ class RankedBits {
     std::uint32_t before;  // set bits in the words of the blocks before
   };
   std::vector<Block> blocks_;
+};
+
+// Which states have a run of stored transitions, and where each run lies: a
+// bit per state, with per 64 states the runs and the edges before them, and
+// per run its end counted from its block's first edge in 2 bytes (64 states
+// of at most 256 edges each stay below 2^16) rather than from the first edge
+// of all in 4: a step reads the block and two neighbouring ends, as it read
+// a block and two starts.
+class RunIndex {
+ public:
+  // `states` states, none with a run yet, room for `runs` runs. Throws
+  // std::bad_alloc.
+  void resize(std::size_t states, std::size_t runs);
+  // State s, above every state added before, has a run of `edges` edges,
+  // 1 to 256. Throws std::bad_alloc past the room asked for.
+  void add(std::size_t s, std::uint32_t edges);
+  // Completes the blocks after the last run; call once every run is in.
+  void seal();
+
+  // Whether state s has a run; if so, its edges are [first, first + count).
+  bool find(std::size_t s, std::uint32_t& first, std::uint32_t& count) const {
+    const Block& b = blocks_[s >> 6];
+    const std::uint64_t bit = std::uint64_t{1} << (s & 63);
+    if ((b.word & bit) == 0) return false;
+    const std::uint64_t below = b.word & (bit - 1);
+    const std::uint32_t r = b.before + RankedBits::bitCount(below);
+    const std::uint32_t from = below == 0 ? 0 : ends_[r - 1];
+    first = b.base + from;
+    count = ends_[r] - from;
+    return true;
+  }
+  std::uint32_t edges() const { return edges_; }
+  std::size_t bytes() const {
+    return blocks_.capacity() * sizeof(Block) + ends_.capacity() * sizeof(std::uint16_t);
+  }
+
+ private:
+  struct Block {
+    std::uint64_t word;    // a bit per state with a run
+    std::uint32_t before;  // runs in the blocks before
+    std::uint32_t base;    // edges in the blocks before
+  };
+  // Gives the blocks up to `block` their counts (the runs so far are before them).
+  void fillTo(std::size_t block);
+
+  std::vector<Block> blocks_;
+  // Per run in state order: its end, in edges from its block's base.
+  std::vector<std::uint16_t> ends_;
+  std::size_t filled_ = 0;  // blocks [0, filled_) have their counts
+  std::uint32_t edges_ = 0;  // in the runs added
 };
 
 // A key appended to a text: its last character's position, its length and
@@ -165,12 +217,10 @@ class FrozenAutomaton {
   // on text_[s] for s < text_.size(), and that transition is not in the runs.
   std::vector<unsigned char> text_;
   std::int32_t root_[256];  // start state's targets, -1 for none
-  RankedBits hasEdges_;     // states (other than 0) with stored runs
-  // Per state with runs, +1: edges before its run, so that run r holds
-  // edges [edgeStart_[r], edgeStart_[r + 1]).
-  std::vector<std::uint32_t> edgeStart_;
+  RunIndex runIndex_;       // states (other than 0) with stored runs, and their edges
   // The runs, each its labels then its targets (targetWidth_ bytes each), so
-  // that a step reads one place: run r at byte edgeStart_[r] * edgeBytes().
+  // that a step reads one place: a run whose edges start at e at byte
+  // e * edgeBytes().
   std::vector<unsigned char> runs_;
   unsigned targetWidth_ = 4;  // 3 while every state number fits
   std::size_t edgeBytes() const { return 1 + targetWidth_; }

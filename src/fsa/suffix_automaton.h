@@ -15,9 +15,9 @@
 // automaton while it is built, and a built one is read as a FrozenAutomaton.
 // An automaton constructed kFromText never builds the online states: it keeps
 // the text and its key ends (1 byte per character, 12 per key) and finish()
-// makes the read-only form straight from them, at a peak of about 20 bytes
-// per character (the suffix array and its companions, then the frozen form
-// beside them). Owns its states, transitions and text. Not thread-safe:
+// makes the read-only form straight from them, at a peak of about 11 bytes
+// per character beside the text (SA-IS, then the walks' packed suffix array
+// and LCP array with the frozen form being filled beside them). Owns its states, transitions and text. Not thread-safe:
 // callers serialise every access.
 #ifndef TPA_FSA_SUFFIX_AUTOMATON_H_
 #define TPA_FSA_SUFFIX_AUTOMATON_H_

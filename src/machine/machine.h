@@ -85,6 +85,16 @@ class Machine {
     return error::TPA_ERROR_NONE;
   }
 
+  // Whether `text` occurs anywhere in the keys put, read one after another:
+  // the full search, which may start anywhere, reads all of it. False
+  // before construct.
+  [[nodiscard]] bool occurs(const std::string& text) const {
+    StateValue ignored;
+    int matched = 0;
+    return peek({text, kFullKey}, ignored, matched) == error::TPA_ERROR_NONE &&
+           matched == static_cast<int>(text.size());
+  }
+
   // Freezes a keyed machine once nothing more will be put: its cache and
   // online automaton go, its frozen form answers from now on. A machine that
   // cannot be frozen stays as it is. True when frozen.

@@ -21,20 +21,16 @@ void BitNames::add(const std::string& text) {
     if (i + 1 == kHead) head = h;
   }
   const std::uint64_t key = mix(h, text.size());
+  if (contains(key)) return;
   if (2 * (used_ + 1) > table_.size()) {
-    std::vector<std::uint64_t> old(table_.empty() ? 64 : 2 * table_.size(), 0);
-    old.swap(table_);
-    for (const std::uint64_t k : old) {
-      std::size_t i = k & (table_.size() - 1);
-      while (table_[i] != 0) i = (i + 1) & (table_.size() - 1);
-      table_[i] = k;
+    fsa::OpenTable<Kept> old;
+    std::swap(old, table_);
+    table_.reset(old.empty() ? 64 : 2 * old.size());
+    for (std::size_t i = 0; i < old.size(); ++i) {
+      if (!old[i].empty()) file(old[i].key);
     }
   }
-  std::size_t i = key & (table_.size() - 1);
-  for (; table_[i] != 0; i = (i + 1) & (table_.size() - 1)) {
-    if (table_[i] == key) return;
-  }
-  table_[i] = key;
+  file(key);
   ++used_;
   if (lengths_.size() * 64 <= text.size()) lengths_.resize(text.size() / 64 + 1, 0);
   lengths_[text.size() / 64] |= std::uint64_t{1} << (text.size() % 64);
@@ -64,11 +60,8 @@ bool BitNames::mayHaveHead(std::uint64_t mixedHead) const {
   return (heads_[bit / 64] >> (bit % 64)) & 1;
 }
 
-bool BitNames::contains(std::uint64_t key) const {
-  for (std::size_t i = key & (table_.size() - 1);; i = (i + 1) & (table_.size() - 1)) {
-    if (table_[i] == key) return true;
-    if (table_[i] == 0) return false;
-  }
+void BitNames::file(std::uint64_t key) {
+  table_[table_.probe(key, [](const Kept&) { return false; })].key = key;
 }
 
 bool BitNames::Lengths::any() const {

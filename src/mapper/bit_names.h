@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "fsa/open_table.h"
+
 namespace tpa::mapper {
 
 class BitNames {
@@ -39,7 +41,11 @@ class BitNames {
     return h * 0x100000001b3u + static_cast<unsigned char>(c);
   }
   static std::uint64_t mix(std::uint64_t h, std::size_t length);
-  bool contains(std::uint64_t key) const;
+  bool contains(std::uint64_t key) const {
+    return !table_.empty() &&
+           !table_[table_.probe(key, [key](const Kept& k) { return k.key == key; })].empty();
+  }
+  void file(std::uint64_t key);  // into a free slot; the key is not there yet
   bool hasLength(std::size_t length) const {
     return length < lengths_.size() * 64 && ((lengths_[length / 64] >> (length % 64)) & 1);
   }
@@ -48,12 +54,16 @@ class BitNames {
   bool mayHaveHead(std::uint64_t mixedHead) const;
   void setHead(std::uint64_t mixedHead);
 
-  // Mixed hashes of the kept strings with their lengths, a power-of-two
-  // table at most half full (0: empty); the lengths kept, a bit each; the
-  // mixed hashes of the heads of the kept names of kHead or more, and a bit
-  // per head (the top bits of its hash, remixed), at least sixteen bits per
-  // head, a power of two (empty while there is none).
-  std::vector<std::uint64_t> table_;
+  struct Kept {
+    std::uint64_t key;  // a mixed hash, never 0; 0: empty
+    bool empty() const { return key == 0; }
+  };
+  // Mixed hashes of the kept strings with their lengths, a table at most
+  // half full; the lengths kept, a bit each; the mixed hashes of the heads of
+  // the kept names of kHead or more, and a bit per head (the top bits of its
+  // hash, remixed), at least sixteen bits per head, a power of two (empty
+  // while there is none).
+  fsa::OpenTable<Kept> table_;
   std::size_t used_ = 0;
   std::vector<std::uint64_t> lengths_;
   std::vector<std::uint64_t> headHashes_;

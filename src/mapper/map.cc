@@ -1,11 +1,13 @@
 #include "mapper/map.h"
 
 #include <android/log.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <initializer_list>
 #include <iterator>
+#include <memory>
 #include <new>
 #include <optional>
 
@@ -115,11 +117,33 @@ struct QueryScratch {
   DecisionMemo memo;
 };
 
+// Each thread's scratch hangs on a thread-specific key, whose destructor
+// frees it when the thread ends. Not a thread_local object: glibc registers
+// such an object's destructor on the thread's first use with an allocation of
+// its own, and aborts the process when that fails.
+class ScratchKey {
+ public:
+  ScratchKey() : made_(pthread_key_create(&key_, destroy) == 0) {}
+  QueryScratch* get() const {
+    return made_ ? static_cast<QueryScratch*>(pthread_getspecific(key_)) : nullptr;
+  }
+  bool set(QueryScratch* scratch) const { return made_ && pthread_setspecific(key_, scratch) == 0; }
+
+ private:
+  static void destroy(void* scratch) { delete static_cast<QueryScratch*>(scratch); }
+
+  pthread_key_t key_;
+  bool made_;  // false when the process had no key left: no scratch is kept
+};
+
 // Made on the thread's first query; throws std::bad_alloc when it cannot be
 // (and is tried again on the next).
 QueryScratch& scratchOfThisThread() {
-  thread_local QueryScratch scratch;
-  return scratch;
+  static const ScratchKey key;
+  if (QueryScratch* scratch = key.get()) return *scratch;
+  auto made = std::make_unique<QueryScratch>();
+  if (!key.set(made.get())) throw std::bad_alloc();
+  return *made.release();
 }
 
 }  // namespace

@@ -133,7 +133,9 @@ TEST(Machine, OccursFindsEveryPieceOfTheKeysInARowKeyedAndFrozen) {
       probes.push_back(text.substr(at, random() % (text.size() - at + 1)));
     }
     for (const bool frozen : {false, true}) {
-      if (frozen) ASSERT_TRUE(machine.freeze());
+      if (frozen) {
+        ASSERT_TRUE(machine.freeze());
+      }
       for (const std::string& probe : probes) {
         EXPECT_EQ(text.find(probe) != std::string::npos, machine.occurs(probe))
             << text << " / " << probe << (frozen ? " frozen" : " keyed");

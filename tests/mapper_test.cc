@@ -233,7 +233,9 @@ TEST(DecisionMemo, FindsWhatItRememberedForThatPairAndEpochOnly) {
     Decision d;
     EXPECT_EQ(k.found, memo.find(k.epoch, DecisionMemo::Pair(k.app, k.destination), d))
         << k.epoch << " " << k.app << " " << k.destination;
-    if (k.found) EXPECT_EQ(7, d.value);
+    if (k.found) {
+      EXPECT_EQ(7, d.value);
+    }
   }
   // Several pairs: each found with its own decision.
   std::vector<std::string> names;

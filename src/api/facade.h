@@ -1,7 +1,8 @@
 // What the facade's queries and Inspect's share: the analyzer's published map
 // with the builds' turns, the answer a map gives (the facade's rules for a
-// missing map included), and how a map is filled from parsed rules. Internal to src/api/; the thread-safety of each
-// member is its own (see publication.h).
+// missing map included), and how a map is filled from parsed rules. Internal
+// to src/api/; the thread-safety of each member is its own (see
+// publication.h).
 #ifndef TPA_API_FACADE_H_
 #define TPA_API_FACADE_H_
 

@@ -17,8 +17,9 @@
 // the text and its key ends (1 byte per character, 12 per key) and finish()
 // makes the read-only form straight from them, at a peak of about 11 bytes
 // per character beside the text (SA-IS, then the walks' packed suffix array
-// and LCP array with the frozen form being filled beside them). Owns its states, transitions and text. Not thread-safe:
-// callers serialise every access.
+// and LCP array with the frozen form being filled beside them). Owns its
+// states, transitions and text. Not thread-safe: callers serialise every
+// access.
 #ifndef TPA_FSA_SUFFIX_AUTOMATON_H_
 #define TPA_FSA_SUFFIX_AUTOMATON_H_
 

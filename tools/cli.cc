@@ -186,7 +186,7 @@ constexpr char kImportHelp[] =
     "66 a FILE cannot be read.\n";
 
 // Every command: its name, help, options and the function that runs it.
-constexpr CommandSpec kCommands[] = {
+constexpr CommandEntry kCommands[] = {
     {Command::kQuery, "query", kQueryHelp, Formats::kNone, runQuery},
     {Command::kShow, "show", kShowHelp, Formats::kNone, runShow},
     {Command::kCheck, "check", kCheckHelp, Formats::kAll, runCheck},
@@ -195,9 +195,9 @@ constexpr CommandSpec kCommands[] = {
     {Command::kImport, "import", kImportHelp, Formats::kAll, runImport},
 };
 
-const CommandSpec* commandNamed(const std::string& name) {
-  for (const CommandSpec& spec : kCommands) {
-    if (name == spec.name) return &spec;
+const CommandEntry* commandNamed(const std::string& name) {
+  for (const CommandEntry& entry : kCommands) {
+    if (name == entry.name) return &entry;
   }
   return nullptr;
 }
@@ -251,17 +251,17 @@ bool formatFromName(const std::string& name, Formats formats, OutputFormat& form
 // option the command does not have, or a bad value (`bad` is then set).
 bool takeOption(const std::vector<std::string>& args, std::size_t& i, Invocation& invocation,
                 bool& bad) {
-  const CommandSpec& spec = *invocation.command;
+  const CommandEntry& entry = *invocation.command;
   std::string value;
-  if (spec.formats != Formats::kNone && optionValue(args, i, "--format", value)) {
-    bad = !formatFromName(value, spec.formats, invocation.format);
+  if (entry.formats != Formats::kNone && optionValue(args, i, "--format", value)) {
+    bad = !formatFromName(value, entry.formats, invocation.format);
     return !bad;
   }
-  if (spec.command == Command::kCheck && args[i] == "--strict") {
+  if (entry.command == Command::kCheck && args[i] == "--strict") {
     invocation.strict = true;
     return true;
   }
-  if (spec.command != Command::kImport) return false;
+  if (entry.command != Command::kImport) return false;
   if (optionValue(args, i, "--apps", value)) {
     invocation.apps = value;
     invocation.appsGiven = true;
@@ -384,8 +384,8 @@ ParseOutcome parseArguments(const std::vector<std::string>& args) {
 }
 
 std::string helpText(const std::string& topic) {
-  const CommandSpec* spec = commandNamed(topic);
-  return spec != nullptr ? spec->help : kToolHelp;
+  const CommandEntry* entry = commandNamed(topic);
+  return entry != nullptr ? entry->help : kToolHelp;
 }
 
 std::string versionText() { return std::string("tpa ") + TPA_VERSION; }

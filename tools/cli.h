@@ -35,7 +35,7 @@ enum class Formats { kNone, kTextJson, kAll };
 struct Invocation;
 
 // One command of the tool: what it is called, its help and what runs it.
-struct CommandSpec {
+struct CommandEntry {
   Command command;
   const char* name;
   const char* help;
@@ -45,7 +45,7 @@ struct CommandSpec {
 
 // What the command line asked for. `rules` is a path or "-".
 struct Invocation {
-  const CommandSpec* command = nullptr;  // null: help or the version
+  const CommandEntry* command = nullptr;  // null: help or the version
   bool version = false;                  // --version (command null)
   std::string rules;
   std::vector<std::pair<std::string, std::string>> pairs;  // APP, DEST

@@ -26,9 +26,25 @@ int Inspect::query(TarnPatternAnalyzer& analyzer, const std::string& app,
   return answer(reading.map(), app, destination, value, trace);
 }
 
+namespace {
+
+// Quiets the process's log for as long as it lives, whatever ends its scope.
+class QuietLog {
+ public:
+  QuietLog() : previous_(__android_log_set_minimum_priority(ANDROID_LOG_SILENT)) {}
+  ~QuietLog() { __android_log_set_minimum_priority(previous_); }
+  QuietLog(const QuietLog&) = delete;
+  QuietLog& operator=(const QuietLog&) = delete;
+
+ private:
+  int previous_;
+};
+
+}  // namespace
+
 std::unique_ptr<mapper::Map> Inspect::mapOfRulesRead(const std::string& text) {
+  const QuietLog quiet;
   parser::JsonParser parser;
-  const int previous = __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
   (void)parser.parse(text, false);
   mapper::MachineSizes sizes{0, 0, 0};
   for (const parser::Rule& rule : parser.getRules()) {
@@ -42,7 +58,6 @@ std::unique_ptr<mapper::Map> Inspect::mapOfRulesRead(const std::string& text) {
   } catch (const std::bad_alloc&) {
     map.reset();
   }
-  __android_log_set_minimum_priority(previous);
   return map;
 }
 

@@ -32,7 +32,8 @@ class Inspect {
   // also when the build then fails (brackets that do not balance): what the
   // document builds once that is mended. Null when even these rules do not
   // build. Logs nothing (it quiets the process's log while it runs: one
-  // thread at a time): the build has said why it failed.
+  // thread at a time): the build has said why it failed. Throws what the
+  // reader throws (the two address forms) and std::bad_alloc while reading.
   static std::unique_ptr<mapper::Map> mapOfRulesRead(const std::string& text);
 
   // Builds put the include lists on a second thread when both that machine's
